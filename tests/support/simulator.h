@@ -1,0 +1,69 @@
+// Test fixture that runs the device simulator (tarn-devsim) on a private
+// socket for the lifetime of the object.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace tarn::testing {
+
+// One simulated device: an image directory made by tarn-mkimage (or by hand:
+// "<image>/media" is the file-conduit root, "<image>/device.json" the
+// optional description) plus start options, "key=value" each, which override
+// the description (udid=..., and every fault switch below).
+struct SimDevice {
+  std::string image;
+  std::string udid;
+  std::vector<std::string> options;
+};
+
+// Live counters of one device, read while the simulator runs.
+struct SimStats {
+  std::map<std::string, uint64_t> requests;  // file-conduit operation name -> count
+  int connections_open = 0;  // usbmux connections to the device open now
+  int files_open = 0;        // file-conduit file handles open now
+  int locks_held = 0;        // file-conduit locks held now
+  uint64_t total(const std::string& op) const {
+    auto it = requests.find(op);
+    return it == requests.end() ? 0 : it->second;
+  }
+};
+
+// One logged file-conduit request.
+struct SimRequest {
+  std::string op;    // operation name, as in SimStats::requests
+  std::string path;  // first path argument, empty when the request has none
+};
+
+class Simulator {
+ public:
+  // Starts tarn-devsim with the given devices, waits for its ready line and,
+  // when set_env is true, points USBMUXD_SOCKET_ADDRESS at its socket.
+  explicit Simulator(const std::vector<SimDevice>& devices = {}, bool set_env = true);
+  ~Simulator();  // stops the simulator (SIGTERM) and waits for it
+  Simulator(const Simulator&) = delete;
+  Simulator& operator=(const Simulator&) = delete;
+
+  const std::string& socket_path() const;
+  std::string env_value() const;  // "UNIX:<socket path>"
+
+  // Fault switches and options, as "key=value"; see tarn-devsim --help.
+  void set_option(const std::string& udid, const std::string& key, const std::string& value);
+  void clear_faults(const std::string& udid);
+
+  void attach(const SimDevice& device);
+  void detach(const std::string& udid);
+
+  SimStats stats(const std::string& udid);
+  void reset_stats(const std::string& udid);
+  void enable_log(const std::string& udid, bool on);
+  std::vector<SimRequest> request_log(const std::string& udid);
+
+ private:
+  struct Impl;
+  Impl* impl_;
+};
+
+}  // namespace tarn::testing

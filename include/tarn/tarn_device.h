@@ -1,0 +1,624 @@
+/*
+ * tarn_device.h - Tarn_Device: browse and move the content of iPod, iPhone
+ * and iPad devices attached over USB.
+ *
+ * The library is passive: it starts no threads and keeps no connection open
+ * between calls. Every call that needs the device opens its own connection
+ * and closes it before it returns.
+ *
+ * Conventions that hold for every function below unless its comment says
+ * otherwise:
+ *  - Status functions return 0 for success and 1 for failure; predicates
+ *    return 1 or 0; queries return a new value or NULL.
+ *  - Text arguments stay owned by the caller.
+ *  - Property-list results (plist_t) belong to the caller, who releases them
+ *    with plist_free().
+ *  - String vectors (char **) are NULL-terminated and released with
+ *    g_strfreev().
+ *  - Most functions print a few progress lines on standard output; the lines
+ *    are part of the interface and are listed with each function.
+ *
+ * Threads: the library keeps no global state. One PodDevice handle must not
+ * be used by two threads at once (InitDevice writes its fields); different
+ * handles, also for the same device, may be used from different threads at
+ * the same time. Results may be handed between threads freely.
+ */
+#ifndef TARN_DEVICE_H
+#define TARN_DEVICE_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <gpod/itdb.h>
+#include <libimobiledevice/afc.h>
+#include <libimobiledevice/libimobiledevice.h>
+#include <plist/plist.h>
+
+#include "tarn_tool.h"
+
+#if defined(TARN_BUILDING_LIBRARY)
+#define TARN_API __attribute__((visibility("default")))
+#else
+#define TARN_API
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/**
+ * The deepest level below its starting directory that any recursive walk of
+ * the device (snapshot, search, recursive delete, directory copy, picture
+ * walk) descends to. Entries deeper than this are skipped, so that a device
+ * presenting a directory cycle (a symbolic link to an ancestor) or an
+ * absurdly deep tree cannot exhaust the stack or make a walk endless.
+ */
+#define TARN_MAX_WALK_DEPTH 64
+
+/* ------------------------------------------------------------------------ */
+/* Records                                                                   */
+/* ------------------------------------------------------------------------ */
+
+typedef struct PodDevice PodDevice;
+typedef struct PodDir PodDir;
+typedef struct PodFile PodFile;
+typedef struct PodSearchItem PodSearchItem;
+
+/**
+ * Progress callback of single-file transfers.
+ *
+ * @param total Size of the file in bytes.
+ * @param done Bytes copied so far (for the final call of an upload: the
+ *        bytes of the last block alone).
+ * @param finished 0 while copying, 1 once at the end.
+ * @param user_data The userData field of the PodDevice handle.
+ * @return 0 to go on, any other value to cancel the transfer.
+ */
+typedef int (*PodProgressCallback)(uint64_t total, uint64_t done, int finished, void *user_data);
+
+/** Signature of libplist's plist_from_xml() and plist_from_bin(). */
+typedef void (*PodPlistParser)(const char *data, uint32_t length, plist_t *root);
+
+/** Signature of a list function: (handle, reserved, reserved) -> result. */
+typedef plist_t (*PodListFunction)(PodDevice *device, uint32_t reserved1, uint32_t reserved2);
+
+/**
+ * The service record: the entry points needed before a device is chosen.
+ * Allocated by CreatePodDeviceService(), released by FreePodDeviceService().
+ */
+typedef struct PodDeviceService {
+    plist_t (*GetDevicesId)(void);
+    PodDevice *(*CreatePodDevice)(const char *device_id);
+    void (*FreePodDevice)(PodDevice *device);
+} PodDeviceService;
+
+/**
+ * The device handle: 32 pointer-size fields in a fixed order. The
+ * application may call the operations through the slots or by their exported
+ * names; both reach the same functions.
+ */
+struct PodDevice {
+    char *deviceId;   /**< device identifier, a copy owned by the record */
+    void *userData;   /**< the application's; passed to progress callbacks */
+    plist_t dbInfo;   /**< database information, set by InitDevice() */
+    char *hostDir;    /**< host working directory, set by InitDevice() */
+    int (*InitDevice)(PodDevice *device, const char *host_dir);
+    plist_t (*GetDeviceInfo)(PodDevice *device);
+    void (*CopyFileFromDeviceToNative)(PodDevice *device, const char *device_path,
+                                       const char *host_path, PodProgressCallback progress);
+    int (*CopyFileFromNativeToDevice)(PodDevice *device, const char *host_path,
+                                      const char *device_path, PodProgressCallback progress);
+    void (*CopyDeviceDirectory)(PodDevice *device, const char *device_dir, const char *host_dir);
+    PodListFunction GetMusicList;
+    PodListFunction GetMovieList;
+    PodListFunction GetMusicList2;  /**< GetMusicList again, kept for the table's width */
+    PodListFunction GetPlayList;
+    PodListFunction GetMovieList2;  /**< GetMovieList again, kept for the table's width */
+    PodListFunction GetPodcastList;
+    PodListFunction GetTvshowList;
+    PodListFunction GetAudioBookList;
+    PodListFunction GetRecordingList;
+    PodListFunction GetRingtonesList;
+    plist_t (*GetUserPictureListFromDevice)(PodDevice *device);
+    PodListFunction GetBookList;
+    PodListFunction GetCameraPVList;
+    int (*MakeDir)(PodDevice *device, const char *path);
+    int (*IsDirExist)(PodDevice *device, const char *path);
+    int (*IsFileExist)(PodDevice *device, const char *path);
+    int (*RenamePath)(PodDevice *device, const char *old_path, const char *new_path);
+    int (*DeleteFile)(PodDevice *device, const char *path);
+    int (*DeleteDir)(PodDevice *device, const char *path);
+    PodDir *(*GetPodDir)(PodDevice *device, const char *path, uint32_t max_level);
+    void (*FreePodDir)(PodDir *dir, int free_self, PodDir *root);
+    char **(*GetDirOrFileInfo)(PodDevice *device, const char *path);
+    PodSearchItem *(*SearchFile)(PodDevice *device, const char *dir, const char *keyword);
+};
+
+/** One directory of a snapshot (GetPodDir()) or a directory search result. */
+struct PodDir {
+    int32_t dir_count;   /**< root only: directories recorded below the root */
+    int32_t file_count;  /**< root only: files recorded below the root */
+    int32_t level;       /**< depth below the root, 0 for the root */
+    int32_t max_level;   /**< root only: depth limit, 0 for none */
+    PodDir *parent;      /**< containing directory, NULL for the root */
+    PodDir *prev_dir;    /**< previous sibling directory */
+    PodDir *next_dir;    /**< next sibling directory */
+    PodDir *first_dir;   /**< first subdirectory */
+    PodFile *first_file; /**< first file */
+    char *name;          /**< entry name as the device lists it */
+    char *parent_path;   /**< device path of the parent directory */
+    char *path;          /**< device path of this directory */
+    void *reserved;      /**< always NULL */
+    char *create_date;   /**< creation time, whole seconds, decimal text */
+    char *modify_date;   /**< modification time, whole seconds, decimal text */
+};
+
+/** One file of a snapshot or a file search result. */
+struct PodFile {
+    PodDir *parent;      /**< containing directory (NULL in search results) */
+    PodFile *prev_file;  /**< previous file in the same directory */
+    PodFile *next_file;  /**< next file in the same directory */
+    char *name;          /**< entry name */
+    char *parent_path;   /**< device path of the containing directory */
+    char *path;          /**< device path of the file */
+    char *size;          /**< size in bytes, decimal text */
+    char *create_date;   /**< creation time, whole seconds, decimal text */
+    char *modify_date;   /**< modification time, whole seconds, decimal text */
+};
+
+/** One search result; results form a singly linked list. */
+struct PodSearchItem {
+    void *record;         /**< the PodFile (kind 0) or PodDir (kind 1) found */
+    int32_t kind;         /**< 0 for a file, 1 for a directory */
+    PodSearchItem *next;  /**< next result, NULL for the last */
+};
+
+/** State of a running search (InternalSearchFile()). */
+typedef struct PodSearchState {
+    const char *keyword;   /**< matched as given against lower-cased names */
+    PodSearchItem *first;  /**< first result so far */
+    PodSearchItem *last;   /**< last result so far */
+    int32_t depth;         /**< directories entered below the start */
+} PodSearchState;
+
+/** Context the recording reader hands to RecordingDbCallback(). */
+typedef struct RecordingRowContext {
+    uint32_t count;       /**< rows turned into items so far */
+    plist_t items;        /**< item array, not owned */
+    uint64_t total;       /**< running byte total */
+    afc_client_t client;  /**< file-conduit client, not owned */
+} RecordingRowContext;
+
+/** Context the camera-roll reader hands to CameraPictureCallback(). */
+typedef struct CameraRowContext {
+    plist_t items;        /**< item array, not owned */
+    uint64_t total;       /**< running byte total */
+    afc_client_t client;  /**< file-conduit client, not owned */
+} CameraRowContext;
+
+/* ------------------------------------------------------------------------ */
+/* Service record, device list, handle and per-call connection               */
+/* ------------------------------------------------------------------------ */
+
+/**
+ * Creates the service record. Prints "CreatePodDeviceService".
+ * @return A new record, released with FreePodDeviceService().
+ */
+TARN_API PodDeviceService *CreatePodDeviceService(void);
+
+/** Releases a service record; NULL is accepted. */
+TARN_API void FreePodDeviceService(PodDeviceService *service);
+
+/**
+ * Lists the identifiers of the attached devices, in the order in which
+ * libimobiledevice lists them.
+ *
+ * Prints "GetDevicesId"; on success also "GetDevicesId END" and the array
+ * (PrintPlist()).
+ * @return A new array of strings, or NULL when no device is attached or the
+ *         device list cannot be read.
+ */
+TARN_API plist_t GetDevicesId(void);
+
+/**
+ * Creates a device handle with every operation slot filled and userData,
+ * dbInfo and hostDir cleared. Prints "CreatePodDevice".
+ * @param device_id Device identifier (copied).
+ * @return A new handle, released with FreePodDevice().
+ */
+TARN_API PodDevice *CreatePodDevice(const char *device_id);
+
+/** Releases a handle, its texts and its dbInfo; NULL is accepted. Prints nothing. */
+TARN_API void FreePodDevice(PodDevice *device);
+
+/**
+ * Opens a per-call connection: device connection, lockdown handshake (label
+ * "ideviceclient") and the file-conduit service.
+ *
+ * @param device Out: receives the device connection as soon as it is made,
+ *        also when a later step fails. Set it to NULL before the call.
+ * @param device_id Device identifier.
+ * @return The file-conduit client, or NULL on failure. Release both with
+ *         CloseIdeviceAndAfC().
+ */
+TARN_API afc_client_t OpenIdeviceAndAfC(idevice_t *device, const char *device_id);
+
+/** Releases a client and a device connection; either may be NULL. */
+TARN_API void CloseIdeviceAndAfC(afc_client_t client, idevice_t device);
+
+/* ------------------------------------------------------------------------ */
+/* Device information and storage use                                        */
+/* ------------------------------------------------------------------------ */
+
+/**
+ * Describes the device: "UniqueDeviceID", "DeviceName", "Type", "Version",
+ * "SerialNumber", then "Catacity" and "Available" (bytes, when the device
+ * reports them), "Audio", "Video", "Photos", "Others" (bytes). A value the
+ * device does not have leaves its key out.
+ *
+ * Needs an initialised handle (InitDevice()). Prints "GetDeviceInfo", the
+ * lines of GetMusicList(), GetMovieList() and GetCameraPVList(), then
+ * "GetDeviceInfo end.." and the result (PrintPlist()).
+ * @return A new dictionary, or NULL when the device cannot be reached.
+ */
+TARN_API plist_t GetDeviceInfo(PodDevice *device);
+
+/**
+ * Adds the storage keys ("Catacity", "Available", "Audio", "Video",
+ * "Photos", "Others") to info. "Others" is capacity - free - audio - video -
+ * photos in wrapping 64-bit arithmetic.
+ * @param client File-conduit client, may be NULL (no capacity keys then).
+ * @param info Dictionary to add to, owned by the caller.
+ */
+TARN_API void SetDeviceUsage(PodDevice *device, afc_client_t client, plist_t info);
+
+/* ------------------------------------------------------------------------ */
+/* Media databases: location and local copy                                  */
+/* ------------------------------------------------------------------------ */
+
+/**
+ * Initialises a handle: stores a copy of host_dir in hostDir (first, so it
+ * is set also on failure), connects (label "iPod"), finds the media
+ * databases, stores them in dbInfo and copies each into host_dir under its
+ * base name unless a file of that name is already there.
+ *
+ * dbInfo maps "TrackDb", "BookDb", "UserPictureDb", "CameraDb",
+ * "RecordingDb" (in this order, each only when a file was found) to an array
+ * of {"Type": index in its path table, "Path": device path} dictionaries in
+ * table order.
+ *
+ * Prints "InitDevice", and "......begin CopyDeviceFile" / "......end
+ * CopyDeviceFile" around every copy made.
+ * @param host_dir Host working directory; must contain a '/' and not end with one.
+ * @return 0 on success, 1 when the device cannot be connected or refuses the
+ *         handshake. A refused file-conduit service still gives 0 with an
+ *         empty dbInfo.
+ */
+TARN_API int InitDevice(PodDevice *device, const char *host_dir);
+
+/** @return 1 when path exists on the device and its size is not 0, else 0. */
+TARN_API int IsPodFileValid(afc_client_t client, const char *path);
+
+/**
+ * Database entry builders: each returns a new array of {"Type", "Path"}
+ * dictionaries for the files of its path table present on the device (size
+ * not 0), in table order, or NULL when none is present.
+ */
+TARN_API plist_t GetMusicDBFileInfo(afc_client_t client);
+TARN_API plist_t GetPodcastDBFileInfo(afc_client_t client);
+TARN_API plist_t GetTvshowDBFileInfo(afc_client_t client);
+TARN_API plist_t GetAudioBookDBFileInfo(afc_client_t client);
+TARN_API plist_t GetMovieDBFileInfo(afc_client_t client);
+TARN_API plist_t GetBookDBFileInfo(afc_client_t client);
+TARN_API plist_t GetCameraDBFileInfo(afc_client_t client);
+TARN_API plist_t GetRecordingDBFileInfo(afc_client_t client);
+TARN_API plist_t GetUserPictureDBFileInfo(afc_client_t client);
+
+/**
+ * Copies the files of a database entry into the handle's hostDir, skipping
+ * every file already there.
+ * @param entry An entry as built above, or NULL.
+ * @return 1 when entry is NULL, else 0 (whatever the copies gave).
+ */
+TARN_API int CopyDbFileToNativeDir(PodDevice *device, afc_client_t client, plist_t entry);
+
+/**
+ * Parses a host copy of the compressed music database (iTunesCDB).
+ * @param path Host path; NULL gives a warning and NULL.
+ * @param error Receives libgpod's error report, may be NULL.
+ * @return The parsed database, released with itdb_free(), or NULL.
+ */
+TARN_API Itdb_iTunesDB *m_itdb_parse_file(const char *path, GError **error);
+
+/* ------------------------------------------------------------------------ */
+/* Music catalogue                                                           */
+/* ------------------------------------------------------------------------ */
+
+/*
+ * List functions: (handle, reserved, reserved); the two reserved words are
+ * ignored (pass 0, 0). The handle must be initialised (InitDevice()).
+ *
+ * A track list result is a dictionary {"number", "total" (bytes), "item"}
+ * whose items carry, in order, "id", "size", "path", "title", "time",
+ * "artist", "album", "genre", "rating", "plays". NULL when the handle has no
+ * music database, it cannot be parsed, or it holds no tracks.
+ */
+
+/** Music (and purchased music, last). Prints "GetAudioList". */
+TARN_API plist_t GetMusicList(PodDevice *device, uint32_t reserved1, uint32_t reserved2);
+/** Movies. Prints "GetVideoList". */
+TARN_API plist_t GetMovieList(PodDevice *device, uint32_t reserved1, uint32_t reserved2);
+/** Podcasts and video podcasts. Prints nothing. */
+TARN_API plist_t GetPodcastList(PodDevice *device, uint32_t reserved1, uint32_t reserved2);
+/** TV shows. Prints nothing. */
+TARN_API plist_t GetTvshowList(PodDevice *device, uint32_t reserved1, uint32_t reserved2);
+/** Audiobooks. Prints nothing. */
+TARN_API plist_t GetAudioBookList(PodDevice *device, uint32_t reserved1, uint32_t reserved2);
+/** Ringtones. Prints nothing. */
+TARN_API plist_t GetRingtonesList(PodDevice *device, uint32_t reserved1, uint32_t reserved2);
+
+/**
+ * Reads the track list of one media kind (0 music, 1 movies, 2 podcasts,
+ * 3 TV shows, 4 audiobooks, 5 ringtones) from a host copy of iTunesCDB.
+ * @return A new track list result or NULL.
+ */
+TARN_API plist_t ReadTrackDbTypeCdb(const char *path, uint32_t kind);
+
+/** @return 1 when the track's media type belongs to kind, else 0. */
+TARN_API int IsMatchTrackType(Itdb_Track *track, uint32_t kind);
+
+/**
+ * Every playlist (the master playlist included): an array of {"name",
+ * "number", "item"} with a full media item per member, in membership order.
+ * Prints "GetPlayList"; when the handle has a music database also the result
+ * (PrintPlist()) and "GetPlayList END".
+ */
+TARN_API plist_t GetPlayList(PodDevice *device, uint32_t reserved1, uint32_t reserved2);
+
+/**
+ * Reads the playlist list from a host copy of iTunesCDB.
+ * Prints "playlists_number is %d\n" once the database is parsed.
+ */
+TARN_API plist_t ReadPlaylistDbTypeCdb(const char *path);
+
+/**
+ * Appends one media item per purchase of a host copy of TrackData.plist to
+ * items, asking the device (under the sync lock) for each file's size.
+ * Purchases whose file is missing on the device or whose entry lacks
+ * "itemId" or "mediaAssetFilename" are skipped.
+ * @param items Array to append to, owned by the caller.
+ * @param total Byte counter to add the sizes to.
+ * @param parser plist_from_xml or plist_from_bin.
+ * @return The number of items appended.
+ */
+TARN_API uint32_t GetPurchaseMusicListFromPlist(PodDevice *device, const char *path, plist_t items,
+                                                uint64_t *total, PodPlistParser parser);
+
+/* ------------------------------------------------------------------------ */
+/* Recordings, books, camera roll, pictures                                  */
+/* ------------------------------------------------------------------------ */
+
+/**
+ * Voice recordings: {"number", "total", "item"} with items "id", "path",
+ * "title", "time", "size", "name" from Recordings.db, or {"number", "item"}
+ * from the music database, whichever dbInfo lists first and yields a
+ * recording. Prints "name is %s\n" per database row, then
+ * "GetRecordingList END!!" and the result (PrintPlist()).
+ */
+TARN_API plist_t GetRecordingList(PodDevice *device, uint32_t reserved1, uint32_t reserved2);
+/** Reads a host copy of Recordings.db; file sizes come from the device. */
+TARN_API plist_t ReadRecordingDbTypeSQLITE(PodDevice *device, const char *path);
+/** SQLite row callback of ReadRecordingDbTypeSQLITE(); context is a RecordingRowContext. */
+TARN_API int RecordingDbCallback(void *context, int columns, char **values, char **names);
+/** Reads the recordings listed in a host copy of iTunesCDB. */
+TARN_API plist_t ReadRecordingDbTypeCdb(const char *path);
+/** @return 1 when path is not NULL and contains "Recordings", else 0. */
+TARN_API int IsMatchRecordingPath(const char *path);
+/** Copies exactly 15 bytes of source into dest (a zero-filled buffer of at least 16 bytes). */
+TARN_API char *GetFormatedRecordingTime(const char *source, char *dest);
+
+/**
+ * Books: an array of catalogues {"catalog" ("UserBook" or "PurchaseBook"),
+ * "number", "item"}; items "title", "time", "artist", "album", "rating",
+ * "genre", "path". NULL when the handle has no book database. Prints
+ * "GetBookList" and the result (PrintPlist()).
+ */
+TARN_API plist_t GetBookList(PodDevice *device, uint32_t reserved1, uint32_t reserved2);
+/** Reads a catalogue; name is "/Books.plist" or "/Purchases.plist". */
+TARN_API plist_t ReadBookDbTypePLIST(const char *path, const char *name);
+/** Reads a binary catalogue of purchased books. */
+TARN_API plist_t ReadBookDbTypePLISTBin(const char *path);
+/** Reads a catalogue with the given catalogue name, device folder prefix and parser. */
+TARN_API plist_t ReadBookFromPLIST(const char *path, const char *catalog, const char *prefix,
+                                   PodPlistParser parser);
+
+/**
+ * Camera roll: {"number", "total", "item"} with items "size", "path", "time"
+ * (local time "%Y/%m/%d %H:%M:%S") from Photos.sqlite, or from the walk of
+ * "/DCIM/100APPLE" when the database gives nothing. Prints
+ * "GetCameraPVList"; on the database route the result (PrintPlist()) and
+ * "GetCameraPVList END".
+ */
+TARN_API plist_t GetCameraPVList(PodDevice *device, uint32_t reserved1, uint32_t reserved2);
+/** Reads a host copy of Photos.sqlite; sizes and times come from the device. */
+TARN_API plist_t ReadCameraDbTypeSQLITE(PodDevice *device, const char *path);
+/** SQLite row callback of ReadCameraDbTypeSQLITE(); context is a CameraRowContext. */
+TARN_API int CameraPictureCallback(void *context, int columns, char **values, char **names);
+/** Walks "/DCIM/100APPLE" for pictures and videos. */
+TARN_API plist_t ReadCameraDbTypeFromDevice(PodDevice *device);
+
+/**
+ * Synced pictures: the walk of "/Photos/Thumbs", "/PhotoStreamsData" and
+ * "/PhotoData/Sync/100SYNCD". Prints "GetUserPictureListFromDevice".
+ */
+TARN_API plist_t GetUserPictureListFromDevice(PodDevice *device);
+/**
+ * Walks device folders (under the sync lock) for files whose lower-cased
+ * extension occurs in ".jpg;.jpeg;.gif;.png;.mov;".
+ * Prints "GetUserPictureListFromDevice".
+ * @return {"number", "total", "item"} or NULL when no picture was found.
+ */
+TARN_API plist_t GetPictureListFromDevice(PodDevice *device, const char **folders, int32_t count);
+/** Appends the pictures of one folder tree to items and their sizes to total. Returns 0. */
+TARN_API int GetDirAllPicture(afc_client_t client, plist_t items, const char *folder, uint64_t *total);
+/** Always NULL: the photo database is not read. */
+TARN_API plist_t GetUserPictureList(PodDevice *device, uint32_t reserved1, uint32_t reserved2);
+/** Always NULL. */
+TARN_API plist_t ReadUserPictureDbTypeCdb(const char *path);
+
+/* ------------------------------------------------------------------------ */
+/* Device file system                                                        */
+/* ------------------------------------------------------------------------ */
+
+/**
+ * The file-information vector of a device path, with an open client: six
+ * slots, 0 "st_ifmt" (a directory is "S_IFDIR"), 1 size, 2 modification
+ * time in whole seconds, 3 blocks, 4 creation time in whole seconds, 5 NULL.
+ * A slot the device did not send is NULL; all are NULL when the query failed.
+ * @return A new vector (never NULL), released with g_strfreev().
+ */
+TARN_API char **GetFileInfo(afc_client_t client, const char *path);
+/** GetFileInfo() over a per-call connection. Prints nothing. */
+TARN_API char **GetDirOrFileInfo(PodDevice *device, const char *path);
+/**
+ * @return 1 when path can be listed as a directory, else 0.
+ * Prints "IsDirExist" and "1afc_error_t %d\n" (and "afc_error_t %d\n" on error).
+ */
+TARN_API int IsDirExist(PodDevice *device, const char *path);
+/**
+ * @return 1 when path can be opened read-only, else 0.
+ * Prints "IsFileExist" and "1afc_error_t %d\n" (and "afc_error_t %d\n" on error).
+ */
+TARN_API int IsFileExist(PodDevice *device, const char *path);
+/**
+ * Creates a device directory (and its parents) under the sync lock.
+ * Prints "MakeDir".
+ * @return 0 when the connection and the lock file could be opened, else 1.
+ */
+TARN_API int MakeDir(PodDevice *device, const char *path);
+
+/**
+ * Downloads a device file to a host path in 64 KiB blocks, under the sync
+ * lock. A cancelled download leaves its partial host file.
+ * Prints "CopyDeviceFile", "block_size: 65536l", "finish _CopyFile" and
+ * "finish CopyDeviceFile".
+ * @param progress Callback or NULL; receives the handle's userData.
+ */
+TARN_API void CopyFileFromDeviceToNative(PodDevice *device, const char *device_path,
+                                         const char *host_path, PodProgressCallback progress);
+/**
+ * Uploads a host file to a device path in 64 KiB blocks, under the sync
+ * lock. Prints "CopyFileFromNativeToDevice" (and "can't read file %s\n").
+ * @return 0 when the connection and the lock file were opened, else 1.
+ */
+TARN_API int CopyFileFromNativeToDevice(PodDevice *device, const char *host_path,
+                                        const char *device_path, PodProgressCallback progress);
+/**
+ * Copies the content of a device directory into a host directory (created
+ * with its subdirectories), under the sync lock. Entry names that are empty,
+ * ".", "..", or contain '/' are skipped. Prints "CopyDeviceDirectory" and
+ * a trace per entry.
+ */
+TARN_API void CopyDeviceDirectory(PodDevice *device, const char *device_dir, const char *host_dir);
+/** Download worker over an open client; takes no lock. */
+TARN_API void _CopyFileFromDeviceToNative(PodDevice *device, afc_client_t client, const char *device_path,
+                                          const char *host_path, PodProgressCallback progress);
+/** Upload worker over an open client; takes no lock. */
+TARN_API void _TarnCopyFileFromNativeToDevice(PodDevice *device, afc_client_t client, const char *host_path,
+                                              const char *device_path, PodProgressCallback progress);
+/** Copies one entry of device_parent (recursively) into host_parent; takes no lock. */
+TARN_API void _CopyDirectory(PodDevice *device, afc_client_t client, const char *device_parent,
+                             const char *name, const char *host_parent);
+
+/**
+ * Snapshot of a device directory to max_level levels (0: no limit, but at
+ * most TARN_MAX_WALK_DEPTH).
+ * @return A new root, released with FreePodDir(root, 1, root).
+ */
+TARN_API PodDir *GetPodDir(PodDevice *device, const char *path, uint32_t max_level);
+/**
+ * Releases the subtree of dir and, when free_self is non-zero, dir itself.
+ * Prints "next_dir %s\n" and "next_file %s\n" per record.
+ */
+TARN_API void FreePodDir(PodDir *dir, int free_self, PodDir *root);
+/** Fills a directory record's dates from a file-information vector. */
+TARN_API void SetDirInfo(char **info, PodDir *dir, const char *path);
+/** Fills a file record's size and dates from a file-information vector. */
+TARN_API void SetFileInfo(char **info, PodFile *file, const char *path);
+/** The recursive snapshot builder: records dir's entries, counting into root. */
+TARN_API void StoreSubFolderAndFilesInfo(afc_client_t client, PodDir *dir, PodDir *root, int32_t level);
+
+/**
+ * Finds the files and directories below dir whose lower-cased names contain
+ * keyword (as given), in pre-order.
+ * @return The first result or NULL; release the list with FreeSearchResult().
+ */
+TARN_API PodSearchItem *SearchFile(PodDevice *device, const char *dir, const char *keyword);
+/** The recursive search worker; appends to state. */
+TARN_API void InternalSearchFile(afc_client_t client, const char *dir, PodSearchState *state);
+/** Releases a search result list, its records and their texts; NULL is accepted. */
+TARN_API void FreeSearchResult(PodSearchItem *first);
+/** Renames or moves a device path. Prints "RenamePath". @return 0 in every case. */
+TARN_API int RenamePath(PodDevice *device, const char *old_path, const char *new_path);
+/** Removes a device file or empty directory. Prints "DeleteFile". @return 0 or 1. */
+TARN_API int DeleteFile(PodDevice *device, const char *path);
+/** Removes a device directory and everything below it, post-order. @return 0 in every case. */
+TARN_API int DeleteDir(PodDevice *device, const char *path);
+/** The post-order delete worker over a snapshot; releases the records it removes. */
+TARN_API void _TarnDeleteDir(afc_client_t client, PodDir *dir, PodDir *root);
+
+/* ------------------------------------------------------------------------ */
+/* Helpers                                                                   */
+/* ------------------------------------------------------------------------ */
+
+/** Inserts text (the empty string for NULL) under key. @return 0. */
+TARN_API int InsertPlistDictString(plist_t dict, const char *key, const char *text);
+/** Inserts text, or "(None)" when text is NULL or empty. @return 0. */
+TARN_API int AddNoneValuePlistDictString(plist_t dict, const char *key, const char *text);
+/** Inserts the string value of node (the empty string when NULL or not a string). */
+TARN_API void AddPlistStrToDict(plist_t dict, const char *key, plist_t node);
+/** Inserts the string value of node, or "(None)" when NULL, not a string or empty. */
+TARN_API void AddPlistNoneStrToDict(plist_t dict, const char *key, plist_t node);
+/** Appends text (the empty string for NULL). @return 0. */
+TARN_API int AppendPlistArrayString(plist_t array, const char *text);
+/** @return A deep copy of node, or a new unsigned integer 0 for NULL. */
+TARN_API plist_t PlistCopyZero(plist_t node);
+/** @return A deep copy of node, or a new empty string for NULL. */
+TARN_API plist_t PlistCopyEmptyString(plist_t node);
+/**
+ * Prints a line of 34 full stops, then (node not NULL) "the xml_doc:\n %s\n"
+ * with node as XML.
+ */
+TARN_API void PrintPlist(plist_t node);
+/** @return 1 when the host file starts with "bplist00", else 0. */
+TARN_API int IsBinPlist(const char *path);
+/** @return A pointer into path just past its last '/', or path itself when it has none. */
+TARN_API const char *GetFileName(const char *path);
+/** @return A new copy of path from its last '.' on, or NULL; release with free(). */
+TARN_API char *GetFilePostfix(const char *path);
+/** @return first followed by second, a new text released with free(). */
+TARN_API char *ConcatStr(const char *first, const char *second);
+/**
+ * @return dir + "/" + name when dir contains a '/' that is not its last
+ *         character, else dir + name; a new text released with free().
+ */
+TARN_API char *ConcatFilePath(const char *dir, const char *name);
+/** @return 1 when needle occurs in text (case-sensitive), else 0. */
+TARN_API int IsExistInStr(const char *text, const char *needle);
+/**
+ * @return A new copy of text (empty for NULL) with every target character
+ *         replaced by replacement; release with free().
+ */
+TARN_API char *ReplaceChar(const char *text, char replacement, char target);
+/** @return The size of a host file (stat), 0 when it cannot be read. */
+TARN_API int64_t GetFileSize(const char *path);
+/** @return The size of a host file by opening and seeking, 0 when it cannot be read. */
+TARN_API int64_t WGetFileSize(const char *path);
+/** Creates a host directory with its parents (TarnMkdir()); returns its status. */
+TARN_API int Mkdir(const char *path);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* TARN_DEVICE_H */

@@ -1,0 +1,43 @@
+#include "common/db_entry.h"
+
+#include <cstring>
+
+namespace tarn {
+
+bool WalkDbEntry(plist_t entry, const DbFileVisitor &visit) {
+  if (entry == nullptr || plist_get_node_type(entry) != PLIST_ARRAY) return false;
+  const uint32_t n = plist_array_get_size(entry);
+  for (uint32_t i = 0; i < n; ++i) {
+    plist_t pair = plist_array_get_item(entry, i);
+    if (plist_get_node_type(pair) != PLIST_DICT) continue;
+    plist_t type_node = plist_dict_get_item(pair, "Type");
+    plist_t path_node = plist_dict_get_item(pair, "Path");
+    if (plist_get_node_type(type_node) != PLIST_UINT || plist_get_node_type(path_node) != PLIST_STRING)
+      continue;
+    uint64_t type = 0;
+    plist_get_uint_val(type_node, &type);
+    char *path = nullptr;
+    plist_get_string_val(path_node, &path);
+    const bool stop = visit(type, path ? path : "");
+    std::free(path);
+    if (stop) return true;
+  }
+  return false;
+}
+
+bool WalkDbFiles(const PodDevice *device, const char *kind, const DbFileVisitor &visit) {
+  if (device == nullptr || device->dbInfo == nullptr) return false;
+  plist_t entry = plist_dict_get_item(device->dbInfo, kind);
+  if (entry == nullptr) return false;
+  WalkDbEntry(entry, visit);
+  return true;
+}
+
+std::string LocalCopyPath(const PodDevice *device, const char *device_path) {
+  std::string local = device && device->hostDir ? device->hostDir : "";
+  const char *slash = std::strrchr(device_path, '/');
+  local += slash ? slash : device_path;
+  return local;
+}
+
+}  // namespace tarn

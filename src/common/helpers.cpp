@@ -1,0 +1,152 @@
+// Property-list, path and string helpers: the single definition of how
+// texts, missing values and paths are handled everywhere in the library.
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "common/raii.h"
+#include "tarn/tarn_device.h"
+
+namespace {
+
+char *CopyText(const char *text) {
+  const size_t n = std::strlen(text);
+  char *copy = static_cast<char *>(std::malloc(n + 1));
+  if (copy) std::memcpy(copy, text, n + 1);
+  return copy;
+}
+
+// The string value of a node as a malloc'd copy, or null when the node is
+// not a string.
+tarn::CString StringValue(plist_t node) {
+  char *value = nullptr;
+  if (node != nullptr && plist_get_node_type(node) == PLIST_STRING) plist_get_string_val(node, &value);
+  return tarn::CString(value);
+}
+
+}  // namespace
+
+extern "C" {
+
+TARN_API int InsertPlistDictString(plist_t dict, const char *key, const char *text) {
+  plist_dict_set_item(dict, key, plist_new_string(text ? text : ""));
+  return 0;
+}
+
+TARN_API int AddNoneValuePlistDictString(plist_t dict, const char *key, const char *text) {
+  plist_dict_set_item(dict, key, plist_new_string(text && *text ? text : "(None)"));
+  return 0;
+}
+
+TARN_API void AddPlistStrToDict(plist_t dict, const char *key, plist_t node) {
+  tarn::CString value = StringValue(node);
+  InsertPlistDictString(dict, key, value.get());
+}
+
+TARN_API void AddPlistNoneStrToDict(plist_t dict, const char *key, plist_t node) {
+  tarn::CString value = StringValue(node);
+  AddNoneValuePlistDictString(dict, key, value.get());
+}
+
+TARN_API int AppendPlistArrayString(plist_t array, const char *text) {
+  plist_array_append_item(array, plist_new_string(text ? text : ""));
+  return 0;
+}
+
+TARN_API plist_t PlistCopyZero(plist_t node) {
+  return node ? plist_copy(node) : plist_new_uint(0);
+}
+
+TARN_API plist_t PlistCopyEmptyString(plist_t node) {
+  return node ? plist_copy(node) : plist_new_string("");
+}
+
+TARN_API void PrintPlist(plist_t node) {
+  std::puts("..................................");
+  if (node == nullptr) return;
+  char *xml = nullptr;
+  uint32_t length = 0;
+  plist_to_xml(node, &xml, &length);
+  tarn::CString owned(xml);
+  std::printf("the xml_doc:\n %s\n", xml ? xml : "");
+}
+
+TARN_API int IsBinPlist(const char *path) {
+  if (path == nullptr) return 0;
+  tarn::HostFile f(std::fopen(path, "rb"));
+  if (!f) return 0;
+  char magic[8] = {0};
+  if (std::fread(magic, 1, sizeof magic, f.get()) != sizeof magic) return 0;
+  return std::memcmp(magic, "bplist00", 8) == 0 ? 1 : 0;
+}
+
+TARN_API const char *GetFileName(const char *path) {
+  if (path == nullptr) return nullptr;
+  const char *slash = std::strrchr(path, '/');
+  return slash ? slash + 1 : path;
+}
+
+TARN_API char *GetFilePostfix(const char *path) {
+  if (path == nullptr) return nullptr;
+  const char *dot = std::strrchr(path, '.');
+  return dot ? CopyText(dot) : nullptr;
+}
+
+TARN_API char *ConcatStr(const char *first, const char *second) {
+  if (first == nullptr) first = "";
+  if (second == nullptr) second = "";
+  const size_t a = std::strlen(first), b = std::strlen(second);
+  char *joined = static_cast<char *>(std::calloc(a + b + 1, 1));
+  if (joined == nullptr) return nullptr;
+  std::memcpy(joined, first, a);
+  std::memcpy(joined + a, second, b);
+  return joined;
+}
+
+TARN_API char *ConcatFilePath(const char *dir, const char *name) {
+  if (dir == nullptr) dir = "";
+  if (name == nullptr) name = "";
+  // The separator is decided by the last '/' alone: a directory that already
+  // ends in '/' is a prefix, and an empty name turns a directory into one.
+  const char *slash = std::strrchr(dir, '/');
+  if (slash != nullptr && slash[1] != '\0') {
+    tarn::CString with_sep(ConcatStr(dir, "/"));
+    return ConcatStr(with_sep.get(), name);
+  }
+  return ConcatStr(dir, name);
+}
+
+TARN_API int IsExistInStr(const char *text, const char *needle) {
+  if (text == nullptr || needle == nullptr) return 0;
+  return std::strstr(text, needle) != nullptr ? 1 : 0;
+}
+
+TARN_API char *ReplaceChar(const char *text, char replacement, char target) {
+  char *copy = CopyText(text ? text : "");
+  if (copy == nullptr || replacement == target) return copy;
+  for (char *p = copy; *p; ++p) {
+    if (*p == target) *p = replacement;
+  }
+  return copy;
+}
+
+TARN_API int64_t GetFileSize(const char *path) {
+  struct stat st;
+  if (path == nullptr || ::stat(path, &st) != 0) return 0;
+  return static_cast<int64_t>(st.st_size);
+}
+
+TARN_API int64_t WGetFileSize(const char *path) {
+  if (path == nullptr) return 0;
+  tarn::HostFile f(std::fopen(path, "rb"));
+  if (!f) return 0;
+  if (fseeko(f.get(), 0, SEEK_END) != 0) return 0;
+  const off_t end = ftello(f.get());
+  return end < 0 ? 0 : static_cast<int64_t>(end);
+}
+
+TARN_API int Mkdir(const char *path) { return TarnMkdir(path); }
+
+}  // extern "C"

@@ -1,0 +1,119 @@
+// The service record, the device list, the device handle and the per-call
+// connection.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include <libimobiledevice/lockdown.h>
+
+#include "common/connection.h"
+#include "tarn/tarn_device.h"
+
+extern "C" {
+
+TARN_API PodDeviceService *CreatePodDeviceService(void) {
+  std::puts("CreatePodDeviceService");
+  auto *service = static_cast<PodDeviceService *>(std::calloc(1, sizeof(PodDeviceService)));
+  if (service == nullptr) return nullptr;
+  service->GetDevicesId = GetDevicesId;
+  service->CreatePodDevice = CreatePodDevice;
+  service->FreePodDevice = FreePodDevice;
+  return service;
+}
+
+TARN_API void FreePodDeviceService(PodDeviceService *service) { std::free(service); }
+
+TARN_API plist_t GetDevicesId(void) {
+  std::puts("GetDevicesId");
+  char **ids = nullptr;
+  int count = 0;
+  const idevice_error_t err = idevice_get_device_list(&ids, &count);
+  if (err < 0 || count <= 0 || ids == nullptr) {
+    if (ids) idevice_device_list_free(ids);
+    return nullptr;
+  }
+  plist_t list = plist_new_array();
+  for (int i = 0; i < count && ids[i] != nullptr; ++i) plist_array_append_item(list, plist_new_string(ids[i]));
+  idevice_device_list_free(ids);
+  std::puts("GetDevicesId END");
+  PrintPlist(list);
+  return list;
+}
+
+TARN_API PodDevice *CreatePodDevice(const char *device_id) {
+  std::puts("CreatePodDevice");
+  // Zero-filled, so that a handle freed without InitDevice releases nothing
+  // that the library did not set.
+  auto *d = static_cast<PodDevice *>(std::calloc(1, sizeof(PodDevice)));
+  if (d == nullptr) return nullptr;
+  d->deviceId = device_id ? strdup(device_id) : nullptr;
+  d->InitDevice = InitDevice;
+  d->GetDeviceInfo = GetDeviceInfo;
+  d->CopyFileFromDeviceToNative = CopyFileFromDeviceToNative;
+  d->CopyFileFromNativeToDevice = CopyFileFromNativeToDevice;
+  d->CopyDeviceDirectory = CopyDeviceDirectory;
+  d->GetMusicList = GetMusicList;
+  d->GetMovieList = GetMovieList;
+  d->GetMusicList2 = GetMusicList;
+  d->GetPlayList = GetPlayList;
+  d->GetMovieList2 = GetMovieList;
+  d->GetPodcastList = GetPodcastList;
+  d->GetTvshowList = GetTvshowList;
+  d->GetAudioBookList = GetAudioBookList;
+  d->GetRecordingList = GetRecordingList;
+  d->GetRingtonesList = GetRingtonesList;
+  d->GetUserPictureListFromDevice = GetUserPictureListFromDevice;
+  d->GetBookList = GetBookList;
+  d->GetCameraPVList = GetCameraPVList;
+  d->MakeDir = MakeDir;
+  d->IsDirExist = IsDirExist;
+  d->IsFileExist = IsFileExist;
+  d->RenamePath = RenamePath;
+  d->DeleteFile = DeleteFile;
+  d->DeleteDir = DeleteDir;
+  d->GetPodDir = GetPodDir;
+  d->FreePodDir = FreePodDir;
+  d->GetDirOrFileInfo = GetDirOrFileInfo;
+  d->SearchFile = SearchFile;
+  return d;
+}
+
+TARN_API void FreePodDevice(PodDevice *device) {
+  if (device == nullptr) return;
+  std::free(device->deviceId);
+  device->deviceId = nullptr;
+  std::free(device->hostDir);
+  device->hostDir = nullptr;
+  if (device->dbInfo) plist_free(device->dbInfo);
+  device->dbInfo = nullptr;
+  std::free(device);
+}
+
+TARN_API afc_client_t OpenIdeviceAndAfC(idevice_t *device, const char *device_id) {
+  if (device == nullptr || device_id == nullptr) return nullptr;
+  if (idevice_new(device, device_id) != IDEVICE_E_SUCCESS) {
+    *device = nullptr;
+    return nullptr;
+  }
+  lockdownd_client_t lockdown = nullptr;
+  // On a refused handshake the device connection stays in *device for the
+  // caller's CloseIdeviceAndAfC.
+  if (lockdownd_client_new_with_handshake(*device, &lockdown, "ideviceclient") != LOCKDOWN_E_SUCCESS)
+    return nullptr;
+  lockdownd_service_descriptor_t service = nullptr;
+  afc_client_t afc = nullptr;
+  if (lockdownd_start_service(lockdown, tarn::kAfcServiceName, &service) == LOCKDOWN_E_SUCCESS && service) {
+    if (afc_client_new(*device, service, &afc) != AFC_E_SUCCESS) afc = nullptr;
+  }
+  if (service) lockdownd_service_descriptor_free(service);
+  // Only the device connection and the file-conduit client live on.
+  lockdownd_client_free(lockdown);
+  return afc;
+}
+
+TARN_API void CloseIdeviceAndAfC(afc_client_t client, idevice_t device) {
+  if (client) afc_client_free(client);
+  if (device) idevice_free(device);
+}
+
+}  // extern "C"

@@ -1,11 +1,106 @@
-// Placeholder: replaced by the real implementation.
+// File and directory information, the existence tests and directory
+// creation.
+#include <cstdio>
+#include <cstring>
+
+#include <glib.h>
+
+#include "common/connection.h"
+#include "common/raii.h"
+#include "devicefs/walk.h"
 #include "tarn/tarn_device.h"
+
+namespace {
+
+// Devices report times in nanoseconds; callers want whole seconds. A text of
+// nine digits or fewer is already below one second's worth of nanoseconds
+// and is left alone rather than cut to nothing.
+void CutNanoseconds(char *text) {
+  const size_t n = std::strlen(text);
+  if (n > 9) text[n - 9] = '\0';
+}
+
+int SlotOfKey(const char *key) {
+  static constexpr struct {
+    const char *key;
+    int slot;
+  } kSlots[] = {
+      {"st_ifmt", tarn::kInfoKind},   {"st_size", tarn::kInfoSize},
+      {"st_mtime", tarn::kInfoMtime}, {"st_blocks", tarn::kInfoBlocks},
+      {"st_birthtime", tarn::kInfoBirthtime},
+  };
+  for (const auto &s : kSlots) {
+    if (std::strcmp(key, s.key) == 0) return s.slot;
+  }
+  return -1;
+}
+
+}  // namespace
 
 extern "C" {
 
-TARN_API char **GetFileInfo(afc_client_t, const char *) { return nullptr; }
-TARN_API char **GetDirOrFileInfo(PodDevice *, const char *) { return nullptr; }
-TARN_API int IsDirExist(PodDevice *, const char *) { return 0; }
-TARN_API int IsFileExist(PodDevice *, const char *) { return 0; }
-TARN_API int MakeDir(PodDevice *, const char *) { return 1; }
+TARN_API char **GetFileInfo(afc_client_t client, const char *path) {
+  // g_malloc0/g_strdup, because the vector is released with g_strfreev.
+  char **info = static_cast<char **>(g_malloc0(tarn::kInfoSlots * sizeof(char *)));
+  char **attrs = nullptr;
+  if (client == nullptr || path == nullptr || afc_get_file_info(client, path, &attrs) != AFC_E_SUCCESS) {
+    if (attrs) g_strfreev(attrs);
+    return info;
+  }
+  tarn::StrVec owned(attrs);
+  for (char **kv = attrs; kv != nullptr && kv[0] != nullptr && kv[1] != nullptr; kv += 2) {
+    const int slot = SlotOfKey(kv[0]);
+    if (slot < 0) continue;
+    g_free(info[slot]);  // a repeated key: the last one wins
+    info[slot] = g_strdup(kv[1]);
+    if (slot == tarn::kInfoMtime || slot == tarn::kInfoBirthtime) CutNanoseconds(info[slot]);
+  }
+  return info;
+}
+
+TARN_API char **GetDirOrFileInfo(PodDevice *device, const char *path) {
+  tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
+  return GetFileInfo(conn.afc(), path);
+}
+
+TARN_API int IsDirExist(PodDevice *device, const char *path) {
+  std::puts("IsDirExist");
+  tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
+  char **names = nullptr;
+  // A failed connection is not special: the listing then fails and its
+  // error is what gets printed.
+  const afc_error_t err = afc_read_directory(conn.afc(), path, &names);
+  tarn::StrVec owned(names);
+  std::printf("1afc_error_t %d\n", static_cast<int>(err));
+  if (err != AFC_E_SUCCESS) {
+    std::printf("afc_error_t %d\n", static_cast<int>(err));
+    return 0;
+  }
+  return 1;
+}
+
+TARN_API int IsFileExist(PodDevice *device, const char *path) {
+  std::puts("IsFileExist");
+  tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
+  const tarn::AfcFile file(conn.afc(), path, AFC_FOPEN_RDONLY);
+  std::printf("1afc_error_t %d\n", static_cast<int>(file.error()));
+  if (file.error() != AFC_E_SUCCESS) {
+    std::printf("afc_error_t %d\n", static_cast<int>(file.error()));
+    return 0;
+  }
+  return 1;
+}
+
+TARN_API int MakeDir(PodDevice *device, const char *path) {
+  std::puts("MakeDir");
+  tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
+  if (!conn) return 1;
+  tarn::SyncLock lock(conn.afc());
+  if (!lock.opened()) return 1;
+  // Whether the directory was made is not reported: the device also answers
+  // an existing directory with success, so callers test for it themselves.
+  afc_make_directory(conn.afc(), path);
+  return 0;
+}
+
 }  // extern "C"

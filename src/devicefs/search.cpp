@@ -1,13 +1,158 @@
-// Placeholder: replaced by the real implementation.
+// Search by name, rename, and the single and recursive deletes.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "common/connection.h"
+#include "devicefs/records.h"
+#include "devicefs/walk.h"
 #include "tarn/tarn_device.h"
+
+namespace {
+
+// Appends the walk's matches to a search state. Every directory is entered,
+// matching or not, so the results come in pre-order: a matching directory
+// precedes what matches inside it.
+class Searcher {
+ public:
+  explicit Searcher(PodSearchState *state) : state_(state) {}
+
+  bool Enter(const tarn::WalkEntry &e) {
+    std::string lowered(e.name);
+    TarnToLower(lowered.data());
+    // The keyword is deliberately not lowered: callers pass it in lower case
+    // to search without regard to case.
+    const bool match = lowered.find(state_->keyword) != std::string::npos;
+    if (!e.is_dir) {
+      if (match) {
+        Append(tarn::NewFileRecord(e.name, dir_of(e).c_str(), e.path, e.info), 0);
+        std::printf("file_path is %s\n", e.path.c_str());
+      }
+      return false;
+    }
+    if (match) {
+      Append(tarn::NewDirRecord(e.name, nullptr, e.path, e.info), 1);
+      std::printf("file_path dir is %s\n", e.path.c_str());
+    }
+    ++state_->depth;
+    return true;
+  }
+
+  void Leave(const tarn::WalkEntry &e, bool) {
+    if (e.is_dir) --state_->depth;
+  }
+
+ private:
+  // The directory the entry was listed in: its path up to the '/' that the
+  // walk inserted before the name.
+  static std::string dir_of(const tarn::WalkEntry &e) {
+    return e.path.substr(0, e.path.size() - std::strlen(e.name) - 1);
+  }
+
+  void Append(void *record, int32_t kind) {
+    auto *item = static_cast<PodSearchItem *>(std::calloc(1, sizeof(PodSearchItem)));
+    item->record = record;
+    item->kind = kind;
+    if (state_->last) {
+      state_->last->next = item;
+    } else {
+      state_->first = item;
+    }
+    state_->last = item;
+  }
+
+  PodSearchState *state_;
+};
+
+}  // namespace
 
 extern "C" {
 
-TARN_API PodSearchItem *SearchFile(PodDevice *, const char *, const char *) { return nullptr; }
-TARN_API void InternalSearchFile(afc_client_t, const char *, PodSearchState *) {}
-TARN_API void FreeSearchResult(PodSearchItem *) {}
-TARN_API int RenamePath(PodDevice *, const char *, const char *) { return 0; }
-TARN_API int DeleteFile(PodDevice *, const char *) { return 1; }
-TARN_API int DeleteDir(PodDevice *, const char *) { return 0; }
-TARN_API void _TarnDeleteDir(afc_client_t, PodDir *, PodDir *) {}
+TARN_API void InternalSearchFile(afc_client_t client, const char *dir, PodSearchState *state) {
+  if (dir == nullptr || state == nullptr || state->keyword == nullptr) return;
+  Searcher searcher(state);
+  tarn::WalkDirectory(client, dir, state->depth, searcher);
+}
+
+TARN_API PodSearchItem *SearchFile(PodDevice *device, const char *dir, const char *keyword) {
+  if (keyword == nullptr) return nullptr;
+  tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
+  PodSearchState state{keyword, nullptr, nullptr, 0};
+  InternalSearchFile(conn.afc(), dir, &state);
+  return state.first;
+}
+
+TARN_API void FreeSearchResult(PodSearchItem *first) {
+  while (first != nullptr) {
+    PodSearchItem *next = first->next;
+    if (first->kind == 0) {
+      tarn::FreeFileRecord(static_cast<PodFile *>(first->record));
+    } else {
+      tarn::FreeDirRecord(static_cast<PodDir *>(first->record));
+    }
+    std::free(first);
+    first = next;
+  }
+}
+
+TARN_API int RenamePath(PodDevice *device, const char *old_path, const char *new_path) {
+  std::puts("RenamePath");
+  tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
+  const afc_error_t err = afc_rename_path(conn.afc(), old_path, new_path);
+  std::printf("afc_error_t %d\n", static_cast<int>(err));
+  // A failed rename is only printed: callers check the outcome with
+  // IsFileExist/IsDirExist when they need to.
+  if (err != AFC_E_SUCCESS) std::printf("afc_error_t %d\n", static_cast<int>(err));
+  return 0;
+}
+
+TARN_API int DeleteFile(PodDevice *device, const char *path) {
+  std::puts("DeleteFile");
+  tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
+  const afc_error_t err = afc_remove_path(conn.afc(), path);
+  std::printf("afc_error_t %d\n", static_cast<int>(err));
+  if (err != AFC_E_SUCCESS) {
+    std::printf("afc_error_t %d\n", static_cast<int>(err));
+    return 1;
+  }
+  return 0;
+}
+
+TARN_API void _TarnDeleteDir(afc_client_t client, PodDir *dir, PodDir *root) {
+  if (dir == nullptr) return;
+  for (PodDir *sub = dir->first_dir; sub != nullptr;) {
+    std::printf("next_dir %s\n", tarn::Printable(sub->path));
+    PodDir *next = sub->next_dir;
+    _TarnDeleteDir(client, sub, root);
+    sub = next;
+  }
+  for (PodFile *file = dir->first_file; file != nullptr;) {
+    std::printf("next_file %s\n", tarn::Printable(file->path));
+    PodFile *next = file->next_file;
+    // A file that cannot be removed does not stop the walk; its directory
+    // then stays behind too.
+    if (file->path) afc_remove_path(client, file->path);
+    tarn::FreeFileRecord(file);
+    if (root) --root->file_count;
+    file = next;
+  }
+  if (root) --root->dir_count;
+  if (dir->path) afc_remove_path(client, dir->path);
+  tarn::FreeDirRecord(dir);
+}
+
+TARN_API int DeleteDir(PodDevice *device, const char *path) {
+  if (path == nullptr) return 0;
+  tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
+  auto *root = static_cast<PodDir *>(std::calloc(1, sizeof(PodDir)));
+  root->path = strdup(path);
+  root->name = strdup(GetFileName(path));
+  std::printf("pd->name: %s\n", root->name);
+  root->parent_path = strdup(path);
+  StoreSubFolderAndFilesInfo(conn.afc(), root, root, 1);
+  _TarnDeleteDir(conn.afc(), root, root);
+  return 0;
+}
+
 }  // extern "C"

@@ -1,11 +1,191 @@
-// Placeholder: replaced by the real implementation.
+// Directory tree snapshots: a device directory read, to a chosen depth, into
+// the linked PodDir/PodFile records that the application walks directly.
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "common/connection.h"
+#include "devicefs/records.h"
+#include "devicefs/walk.h"
 #include "tarn/tarn_device.h"
+
+namespace {
+
+char *CopyOrNull(const char *text) { return text ? strdup(text) : nullptr; }
+
+// Replaces a record's text, so that filling a record twice does not leak.
+void Assign(char *&field, const char *text) {
+  std::free(field);
+  field = CopyOrNull(text);
+}
+
+// Builds the records of one directory and, through the walk, of the
+// directories below it. The walk visits depth first, so the directory whose
+// entries are being recorded is always the innermost frame.
+class SnapshotBuilder {
+ public:
+  SnapshotBuilder(PodDir *dir, PodDir *root, int32_t level) : root_(root) {
+    frames_.push_back(Frame{dir, nullptr, nullptr, level - 1});
+  }
+
+  bool Enter(const tarn::WalkEntry &e) {
+    Frame &f = frames_.back();
+    if (!e.is_dir) {
+      PodFile *file = tarn::NewFileRecord(e.name, f.dir->path, e.path, e.info);
+      ++root_->file_count;
+      file->parent = f.dir;
+      file->prev_file = f.last_file;
+      if (f.last_file) {
+        f.last_file->next_file = file;
+      } else {
+        f.dir->first_file = file;
+      }
+      f.last_file = file;
+      return false;
+    }
+    PodDir *dir = tarn::NewDirRecord(e.name, f.dir->path, e.path, e.info);
+    dir->level = e.depth;
+    ++root_->dir_count;
+    dir->parent = f.dir;
+    dir->prev_dir = f.last_dir;
+    if (f.last_dir) {
+      f.last_dir->next_dir = dir;
+    } else {
+      f.dir->first_dir = dir;
+    }
+    f.last_dir = dir;
+    // A directory on the last permitted level is recorded with its dates,
+    // but its content is not read.
+    if (root_->max_level != 0 && root_->max_level < e.depth + 1) return false;
+    frames_.push_back(Frame{dir, nullptr, nullptr, e.depth});
+    return true;
+  }
+
+  void Leave(const tarn::WalkEntry &e, bool) {
+    if (frames_.size() > 1 && frames_.back().depth == e.depth) frames_.pop_back();
+    std::printf("info[0] is %s\n", tarn::Printable(e.info[tarn::kInfoKind]));
+    std::printf("file_path is %s\n", e.path.c_str());
+    std::fputs("finish free", stdout);
+  }
+
+ private:
+  struct Frame {
+    PodDir *dir;
+    PodFile *last_file;
+    PodDir *last_dir;
+    int depth;  // dir's depth below the snapshot's root
+  };
+  PodDir *root_;
+  std::vector<Frame> frames_;
+};
+
+}  // namespace
+
+namespace tarn {
+
+PodFile *NewFileRecord(const char *name, const char *parent_path, const std::string &path, char **info) {
+  auto *file = static_cast<PodFile *>(std::calloc(1, sizeof(PodFile)));
+  file->name = CopyOrNull(name);
+  file->parent_path = CopyOrNull(parent_path);
+  file->path = CopyOrNull(path.c_str());
+  SetFileInfo(info, file, file->path);
+  return file;
+}
+
+PodDir *NewDirRecord(const char *name, const char *parent_path, const std::string &path, char **info) {
+  auto *dir = static_cast<PodDir *>(std::calloc(1, sizeof(PodDir)));
+  dir->path = CopyOrNull(path.c_str());
+  SetDirInfo(info, dir, dir->path);
+  dir->name = CopyOrNull(name);
+  dir->parent_path = CopyOrNull(parent_path);
+  return dir;
+}
+
+void FreeFileRecord(PodFile *file) {
+  if (file == nullptr) return;
+  std::free(file->parent_path);
+  std::free(file->name);
+  std::free(file->path);
+  std::free(file->create_date);
+  std::free(file->modify_date);
+  std::free(file->size);
+  std::free(file);
+}
+
+void FreeDirRecord(PodDir *dir) {
+  if (dir == nullptr) return;
+  std::free(dir->parent_path);
+  std::free(dir->name);
+  std::free(dir->path);
+  std::free(dir->create_date);
+  std::free(dir->modify_date);
+  std::free(dir);
+}
+
+}  // namespace tarn
 
 extern "C" {
 
-TARN_API PodDir *GetPodDir(PodDevice *, const char *, uint32_t) { return nullptr; }
-TARN_API void FreePodDir(PodDir *, int, PodDir *) {}
-TARN_API void SetDirInfo(char **, PodDir *, const char *) {}
-TARN_API void SetFileInfo(char **, PodFile *, const char *) {}
-TARN_API void StoreSubFolderAndFilesInfo(afc_client_t, PodDir *, PodDir *, int32_t) {}
+TARN_API void SetDirInfo(char **info, PodDir *dir, const char *) {
+  if (dir == nullptr) return;
+  Assign(dir->create_date, info ? info[tarn::kInfoBirthtime] : nullptr);
+  Assign(dir->modify_date, info ? info[tarn::kInfoMtime] : nullptr);
+  std::printf("create_date is %s\n", tarn::Printable(dir->create_date));
+  std::printf("modify_date is %s\n", tarn::Printable(dir->modify_date));
+}
+
+TARN_API void SetFileInfo(char **info, PodFile *file, const char *) {
+  if (file == nullptr) return;
+  Assign(file->create_date, info ? info[tarn::kInfoBirthtime] : nullptr);
+  Assign(file->modify_date, info ? info[tarn::kInfoMtime] : nullptr);
+  Assign(file->size, info ? info[tarn::kInfoSize] : nullptr);
+}
+
+TARN_API void StoreSubFolderAndFilesInfo(afc_client_t client, PodDir *dir, PodDir *root, int32_t level) {
+  if (dir == nullptr || root == nullptr || dir->path == nullptr) return;
+  if (root->max_level != 0 && root->max_level < level) return;
+  SnapshotBuilder builder(dir, root, level);
+  tarn::WalkDirectory(client, dir->path, level - 1, builder);
+}
+
+TARN_API PodDir *GetPodDir(PodDevice *device, const char *path, uint32_t max_level) {
+  tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
+  auto *root = static_cast<PodDir *>(std::calloc(1, sizeof(PodDir)));
+  root->path = CopyOrNull(path);
+  tarn::StrVec info(GetFileInfo(conn.afc(), path));
+  SetDirInfo(info.get(), root, path);
+  // A limit beyond what a signed level can hold is no limit at all (the walk
+  // still stops at TARN_MAX_WALK_DEPTH).
+  root->max_level = max_level > INT32_MAX ? 0 : static_cast<int32_t>(max_level);
+  StoreSubFolderAndFilesInfo(conn.afc(), root, root, 1);
+  return root;
+}
+
+TARN_API void FreePodDir(PodDir *dir, int free_self, PodDir *root) {
+  if (dir == nullptr) return;
+  for (PodDir *sub = dir->first_dir; sub != nullptr;) {
+    std::printf("next_dir %s\n", tarn::Printable(sub->path));
+    PodDir *next = sub->next_dir;
+    FreePodDir(sub, 1, root);
+    sub = next;
+  }
+  for (PodFile *file = dir->first_file; file != nullptr;) {
+    std::printf("next_file %s\n", tarn::Printable(file->path));
+    PodFile *next = file->next_file;
+    tarn::FreeFileRecord(file);
+    if (root) --root->file_count;
+    file = next;
+  }
+  // A directory that survives (free_self 0) must not point at the records
+  // just released.
+  dir->first_dir = nullptr;
+  dir->first_file = nullptr;
+  if (free_self) {
+    if (root) --root->dir_count;
+    tarn::FreeDirRecord(dir);
+  }
+}
+
 }  // extern "C"

@@ -1,0 +1,91 @@
+// The one recursive walk over a device directory tree. The snapshot, the
+// search, the recursive delete (through the snapshot) and the directory copy
+// all descend through WalkDirectory, so the rules that keep a walk safe on an
+// untrusted device live here and nowhere else:
+//  - a listed name that is empty, "." or "..", or that contains '/', is
+//    skipped: such a name would make a joined path point somewhere other
+//    than below the directory being walked;
+//  - no directory deeper than TARN_MAX_WALK_DEPTH below the start is
+//    listed. A device that presents a cycle (a symbolic link to an ancestor
+//    that it reports as a directory) or an absurdly deep tree therefore ends
+//    the walk after a bounded number of requests, with a bounded stack.
+// The walk keeps no record of the directories it has seen: paths are all a
+// device gives us, and a cycle produces ever longer ones, so the depth bound
+// is the only guard that costs nothing per entry.
+#pragma once
+
+#include <cstring>
+#include <string>
+
+#include <libimobiledevice/afc.h>
+
+#include "common/raii.h"
+#include "tarn/tarn_device.h"
+
+namespace tarn {
+
+// Slot 0 of a file-information vector for a directory. Every directory test
+// of the device file system compares against this, exactly and with case.
+inline constexpr const char *kAfcDirFlag = "S_IFDIR";
+
+// Slots of the file-information vector (GetFileInfo).
+enum FileInfoSlot { kInfoKind = 0, kInfoSize = 1, kInfoMtime = 2, kInfoBlocks = 3, kInfoBirthtime = 4, kInfoSlots = 6 };
+
+inline bool IsDirInfo(char *const *info) {
+  return info != nullptr && info[kInfoKind] != nullptr && std::strcmp(info[kInfoKind], kAfcDirFlag) == 0;
+}
+
+// False for the names a walk must never turn into a path (see above).
+bool IsWalkableName(const char *name);
+
+// glibc prints "(null)" for a null %s; saying so explicitly keeps the console
+// lines the same without leaning on undefined behaviour.
+inline const char *Printable(const char *text) { return text ? text : "(null)"; }
+
+// The listing of a device directory, or null when it cannot be listed.
+StrVec ListDirectory(afc_client_t client, const char *path);
+
+// How a walk joins a directory and a listed name. The snapshot and the
+// search always insert a '/' (a walk of "/" yields "//name", as callers of
+// those functions have always seen); the directory copy uses
+// ConcatFilePath, whose start directory already ends in '/'.
+enum class PathJoin { kAlwaysSlash, kConcatFilePath };
+
+std::string JoinDevicePath(const std::string &dir, const char *name, PathJoin join);
+
+// One entry met by WalkDirectory. Everything in it lives until Leave returns.
+struct WalkEntry {
+  const char *name;         // as listed
+  const std::string &path;  // the joined device path
+  char **info;              // its file-information vector (never null)
+  int depth;                // 1 for the entries of the starting directory
+  bool is_dir;              // IsDirInfo(info)
+};
+
+// Walks the entries of dir in the device's listing order, depth first.
+// depth is dir's own depth (0 for the start of a walk). For each walkable
+// entry the walk takes its file-information vector (one request) and calls
+//   bool visitor.Enter(const WalkEntry &)  - true to descend into a directory
+// then, after the descent if there was one,
+//   void visitor.Leave(const WalkEntry &, bool listed)
+// where listed says whether the directory could be listed. Returns whether
+// dir itself was listed; directories at TARN_MAX_WALK_DEPTH are not.
+template <class Visitor>
+bool WalkDirectory(afc_client_t client, const std::string &dir, int depth, Visitor &visitor,
+                   PathJoin join = PathJoin::kAlwaysSlash) {
+  if (depth >= TARN_MAX_WALK_DEPTH) return false;
+  StrVec names = ListDirectory(client, dir.c_str());
+  if (!names) return false;
+  for (char **name = names.get(); *name != nullptr; ++name) {
+    if (!IsWalkableName(*name)) continue;
+    const std::string path = JoinDevicePath(dir, *name, join);
+    StrVec info(GetFileInfo(client, path.c_str()));
+    const WalkEntry entry{*name, path, info.get(), depth + 1, IsDirInfo(info.get())};
+    bool listed = false;
+    if (visitor.Enter(entry) && entry.is_dir) listed = WalkDirectory(client, path, depth + 1, visitor, join);
+    visitor.Leave(entry, listed);
+  }
+  return true;
+}
+
+}  // namespace tarn

@@ -1,0 +1,293 @@
+#include "device.h"
+
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+
+#include <cstdio>
+#include <fstream>
+#include <functional>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+
+namespace devsim {
+
+const char* op_name(Op op) {
+  static constexpr const char* names[] = {
+      "GetDeviceInfo", "GetFileInfo", "ReadDirectory", "FileOpen",    "FileRead",
+      "FileWrite",     "FileSeek",    "FileTell",      "FileClose",   "FileLock",
+      "FileSetSize",   "MakeDir",     "RemovePath",    "RenamePath",  "Other"};
+  int i = static_cast<int>(op);
+  return (i >= 0 && i < static_cast<int>(Op::Count)) ? names[i] : "Other";
+}
+
+namespace {
+
+using json = nlohmann::json;
+
+// A stable 40-hex-digit identifier for images whose description names none.
+std::string hex_id(const std::string& seed, size_t digits) {
+  std::string out;
+  uint64_t h = 1469598103934665603ull;
+  while (out.size() < digits) {
+    for (char c : seed) h = (h ^ static_cast<unsigned char>(c)) * 1099511628211ull;
+    h = (h ^ out.size()) * 1099511628211ull;
+    char buf[17];
+    std::snprintf(buf, sizeof buf, "%016llx", static_cast<unsigned long long>(h));
+    out += buf;
+  }
+  out.resize(digits);
+  return out;
+}
+
+plist_t json_to_plist(const json& j) {
+  switch (j.type()) {
+    case json::value_t::boolean: return plist_new_bool(j.get<bool>() ? 1 : 0);
+    case json::value_t::number_unsigned: return plist_new_uint(j.get<uint64_t>());
+    case json::value_t::number_integer: {
+      int64_t v = j.get<int64_t>();
+      // libplist 2.2 stores integers as unsigned; negative values keep their bits.
+      return plist_new_uint(static_cast<uint64_t>(v));
+    }
+    case json::value_t::number_float: return plist_new_real(j.get<double>());
+    case json::value_t::string: return plist_new_string(j.get<std::string>().c_str());
+    case json::value_t::array: {
+      plist_t a = plist_new_array();
+      for (const auto& e : j) plist_array_append_item(a, json_to_plist(e));
+      return a;
+    }
+    case json::value_t::object: {
+      plist_t d = plist_new_dict();
+      for (const auto& [k, v] : j.items()) plist_dict_set_item(d, k.c_str(), json_to_plist(v));
+      return d;
+    }
+    default: return plist_new_string("");
+  }
+}
+
+bool parse_bool(const std::string& v, bool& out) {
+  if (v == "1" || v == "true" || v == "yes" || v == "on") return out = true, true;
+  if (v == "0" || v == "false" || v == "no" || v == "off" || v.empty()) return out = false, true;
+  return false;
+}
+
+}  // namespace
+
+Device::Device(std::string image, uint32_t mux_id) : image_(std::move(image)), mux_id_(mux_id) {
+  while (image_.size() > 1 && image_.back() == '/') image_.pop_back();
+  media_ = image_ + "/media";
+  struct stat st {};
+  if (::stat(media_.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
+    throw std::runtime_error("image " + image_ + " has no media/ directory");
+
+  values_.reset(plist_new_dict());
+  faults_ = std::make_shared<Faults>();
+
+  std::ifstream in(image_ + "/device.json");
+  if (in) {
+    json desc;
+    try {
+      desc = json::parse(in);
+    } catch (const std::exception& e) {
+      throw std::runtime_error(image_ + "/device.json: " + e.what());
+    }
+    if (!desc.is_object()) throw std::runtime_error(image_ + "/device.json: not an object");
+    for (const char* key :
+         {"UniqueDeviceID", "DeviceName", "ProductType", "ProductVersion", "SerialNumber"}) {
+      auto it = desc.find(key);
+      if (it != desc.end() && it->is_string())
+        plist_dict_set_item(values_.get(), key, plist_new_string(it->get<std::string>().c_str()));
+    }
+    if (auto it = desc.find("UniqueDeviceID"); it != desc.end() && it->is_string())
+      udid_ = it->get<std::string>();
+    auto num = [&](const char* key, uint64_t& out, bool& has) {
+      auto it = desc.find(key);
+      if (it != desc.end() && it->is_number()) {
+        out = it->get<uint64_t>();
+        has = true;
+      }
+    };
+    num("FSTotalBytes", fs_total_, has_fs_total_);
+    num("FSFreeBytes", fs_free_, has_fs_free_);
+    num("FSBlockSize", fs_block_, has_fs_block_);
+    if (auto it = desc.find("Model"); it != desc.end() && it->is_string())
+      model_ = it->get<std::string>();
+    if (auto it = desc.find("USBProductID"); it != desc.end() && it->is_number_unsigned())
+      product_id_ = it->get<uint32_t>();
+    if (has_fs_total_ || has_fs_free_) {
+      plist_t du = plist_new_dict();
+      if (has_fs_total_) {
+        plist_dict_set_item(du, "TotalDiskCapacity", plist_new_uint(fs_total_));
+        plist_dict_set_item(du, "TotalDataCapacity", plist_new_uint(fs_total_));
+      }
+      if (has_fs_free_) {
+        plist_dict_set_item(du, "TotalDataAvailable", plist_new_uint(fs_free_));
+        plist_dict_set_item(du, "AmountDataAvailable", plist_new_uint(fs_free_));
+      }
+      domains_["com.apple.disk_usage"].reset(du);
+    }
+    // Further lockdown values: an object member whose name contains a dot is
+    // a whole domain ("com.apple.foo": {...}); anything else is a key of the
+    // default domain.
+    if (auto it = desc.find("lockdown"); it != desc.end()) {
+      if (!it->is_object()) throw std::runtime_error(image_ + "/device.json: lockdown is not an object");
+      for (const auto& [k, v] : it->items()) {
+        if (v.is_object() && k.find('.') != std::string::npos) {
+          auto& dom = domains_[k];
+          if (!dom) dom.reset(plist_new_dict());
+          for (const auto& [dk, dv] : v.items())
+            plist_dict_set_item(dom.get(), dk.c_str(), json_to_plist(dv));
+        } else {
+          plist_dict_set_item(values_.get(), k.c_str(), json_to_plist(v));
+        }
+      }
+    }
+  }
+  if (udid_.empty()) udid_ = hex_id(image_, 40);
+  host_id_ = hex_id("host:" + udid_, 32);
+  for (int pos : {8, 13, 18, 23}) host_id_.insert(static_cast<size_t>(pos), 1, '-');
+  for (auto& c : host_id_) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+}
+
+std::string Device::set_option(const std::string& key, const std::string& value, bool running) {
+  std::lock_guard lk(mu_);
+  if (key == "udid") {
+    if (running) return "udid cannot change while the device is attached";
+    if (value.empty()) return "udid must not be empty";
+    udid_ = value;
+    plist_dict_set_item(values_.get(), "UniqueDeviceID", plist_new_string(value.c_str()));
+    host_id_ = hex_id("host:" + udid_, 32);
+    for (int pos : {8, 13, 18, 23}) host_id_.insert(static_cast<size_t>(pos), 1, '-');
+    for (auto& c : host_id_) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    return {};
+  }
+  if (key == "version") {
+    plist_dict_set_item(values_.get(), "ProductVersion", plist_new_string(value.c_str()));
+    return {};
+  }
+  if (key == "name") {
+    plist_dict_set_item(values_.get(), "DeviceName", plist_new_string(value.c_str()));
+    return {};
+  }
+  auto f = std::make_shared<Faults>(*faults_);
+  uint64_t n = 0;
+  if (key == "refuse_handshake" || key == "refuse_afc") {
+    bool b = false;
+    if (!parse_bool(value, b)) return key + " takes 0 or 1";
+    (key == "refuse_handshake" ? f->refuse_handshake : f->refuse_afc) = b;
+  } else if (key == "afc_error") {
+    if (value.empty()) {
+      f->afc_errors.clear();
+    } else {
+      auto colon = value.find(':');
+      if (colon == std::string::npos || !parse_u64(value.substr(0, colon), n) ||
+          colon + 1 == value.size())
+        return "afc_error takes CODE:GLOB";
+      f->afc_errors.emplace_back(n, value.substr(colon + 1));
+    }
+  } else if (key == "drop_after_requests" || key == "drop_after_bytes" || key == "latency_us" ||
+             key == "max_files") {
+    if (!parse_u64(value, n)) return key + " takes a number";
+    if (key == "drop_after_requests") f->drop_after_requests = n;
+    else if (key == "drop_after_bytes") f->drop_after_bytes = n;
+    else if (key == "latency_us") f->latency_us = n;
+    else f->max_files = n;
+  } else {
+    return "unknown option " + key;
+  }
+  faults_ = std::move(f);
+  fault_gen_.fetch_add(1, std::memory_order_acq_rel);
+  return {};
+}
+
+void Device::clear_faults() {
+  std::lock_guard lk(mu_);
+  auto f = std::make_shared<Faults>();
+  f->max_files = faults_->max_files;  // a slot limit is a property, not a fault
+  faults_ = std::move(f);
+  fault_gen_.fetch_add(1, std::memory_order_acq_rel);
+}
+
+std::shared_ptr<const Faults> Device::faults() const {
+  std::lock_guard lk(mu_);
+  return faults_;
+}
+
+Plist Device::get_value(const std::string& domain, const std::string& key) const {
+  std::lock_guard lk(mu_);
+  plist_t dict = nullptr;
+  if (domain.empty()) {
+    dict = values_.get();
+  } else {
+    auto it = domains_.find(domain);
+    if (it == domains_.end()) return nullptr;
+    dict = it->second.get();
+  }
+  if (key.empty()) return Plist(plist_copy(dict));
+  plist_t v = plist_dict_get_item(dict, key.c_str());
+  return v ? Plist(plist_copy(v)) : nullptr;
+}
+
+void Device::set_value(const std::string& domain, const std::string& key, plist_t value) {
+  std::lock_guard lk(mu_);
+  plist_t dict = values_.get();
+  if (!domain.empty()) {
+    auto& d = domains_[domain];
+    if (!d) d.reset(plist_new_dict());
+    dict = d.get();
+  }
+  plist_dict_set_item(dict, key.c_str(), plist_copy(value));
+}
+
+std::string Device::model() const {
+  std::lock_guard lk(mu_);
+  return model_.empty() ? "iPod5,1" : model_;
+}
+
+void Device::fs_info(uint64_t& total, uint64_t& free_bytes, uint64_t& block) const {
+  {
+    std::lock_guard lk(mu_);
+    total = fs_total_;
+    free_bytes = fs_free_;
+    block = fs_block_;
+    if (has_fs_total_ && has_fs_free_) return;
+  }
+  // Without a described size the device reports the host file system that
+  // holds the image, so df on a mount shows something sensible.
+  struct statvfs sv {};
+  if (::statvfs(media_.c_str(), &sv) == 0) {
+    std::lock_guard lk(mu_);
+    if (!has_fs_total_) total = static_cast<uint64_t>(sv.f_blocks) * sv.f_frsize;
+    if (!has_fs_free_) free_bytes = static_cast<uint64_t>(sv.f_bavail) * sv.f_frsize;
+  }
+}
+
+uint16_t Device::open_service_port() {
+  std::lock_guard lk(mu_);
+  uint16_t p = next_port_;
+  next_port_ = next_port_ >= 65000 ? 49152 : static_cast<uint16_t>(next_port_ + 1);
+  pending_ports_.insert(p);
+  return p;
+}
+
+bool Device::take_service_port(uint16_t port) {
+  std::lock_guard lk(mu_);
+  return pending_ports_.erase(port) > 0;
+}
+
+void Device::log(Op op, std::string_view path) {
+  std::lock_guard lk(log_mu_);
+  log_.push_back({op, std::string(path)});
+}
+
+std::vector<LogEntry> Device::take_log() const {
+  std::lock_guard lk(log_mu_);
+  return log_;
+}
+
+void Device::reset_stats() {
+  for (auto& r : requests_) r.store(0);
+  std::lock_guard lk(log_mu_);
+  log_.clear();
+}
+
+}  // namespace devsim

@@ -1,0 +1,128 @@
+// One simulated device: its image, its lockdown values, its fault switches
+// and its live counters.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "util.h"
+
+namespace devsim {
+
+// File-conduit operations as counted in the statistics. Tests name them by
+// these strings, so the spelling is part of the control interface.
+enum class Op : int {
+  GetDeviceInfo,
+  GetFileInfo,
+  ReadDirectory,
+  FileOpen,
+  FileRead,
+  FileWrite,
+  FileSeek,
+  FileTell,
+  FileClose,
+  FileLock,
+  FileSetSize,
+  MakeDir,
+  RemovePath,
+  RenamePath,
+  Other,
+  Count
+};
+const char* op_name(Op op);
+
+// Fault switches. Replaced as a whole (copy on write) so that a connection
+// can keep a consistent snapshot without locking on every request.
+struct Faults {
+  bool refuse_handshake = false;
+  bool refuse_afc = false;
+  std::vector<std::pair<uint64_t, std::string>> afc_errors;  // code, fnmatch pattern
+  uint64_t drop_after_requests = 0;                          // 0: never
+  uint64_t drop_after_bytes = 0;                             // 0: never
+  uint64_t latency_us = 0;
+  uint64_t max_files = 256;
+};
+
+struct LogEntry {
+  Op op;
+  std::string path;
+};
+
+class Device {
+ public:
+  // Loads "<image>/device.json" when present. Throws std::runtime_error with
+  // a readable message on a bad image or description.
+  Device(std::string image, uint32_t mux_id);
+
+  // Applies one start or runtime option ("udid" only before attaching).
+  // Returns an empty string on success, else the reason.
+  std::string set_option(const std::string& key, const std::string& value, bool running);
+  void clear_faults();
+
+  const std::string& udid() const { return udid_; }
+  const std::string& image() const { return image_; }
+  const std::string& media_root() const { return media_; }
+  uint32_t mux_id() const { return mux_id_; }
+  const std::string& host_id() const { return host_id_; }
+  uint32_t product_id() const { return product_id_; }
+
+  std::shared_ptr<const Faults> faults() const;
+  uint64_t fault_generation() const { return fault_gen_.load(std::memory_order_acquire); }
+
+  // Lockdown values. key/domain empty means "absent". Returns null when the
+  // device does not have the value.
+  Plist get_value(const std::string& domain, const std::string& key) const;
+  void set_value(const std::string& domain, const std::string& key, plist_t value);
+
+  // File-conduit device information.
+  std::string model() const;
+  void fs_info(uint64_t& total, uint64_t& free_bytes, uint64_t& block) const;
+
+  // Service ports handed out by StartService; each may be connected once.
+  uint16_t open_service_port();
+  bool take_service_port(uint16_t port);
+
+  // Statistics.
+  void count(Op op) { requests_[static_cast<int>(op)].fetch_add(1, std::memory_order_relaxed); }
+  bool logging() const { return log_on_.load(std::memory_order_relaxed); }
+  void log(Op op, std::string_view path);
+  void set_logging(bool on) { log_on_.store(on); }
+  std::vector<LogEntry> take_log() const;
+  void reset_stats();
+  uint64_t requests(Op op) const { return requests_[static_cast<int>(op)].load(); }
+
+  std::atomic<int> connections_open{0};
+  std::atomic<int> files_open{0};
+  std::atomic<int> locks_held{0};
+
+ private:
+  std::string image_, media_, udid_, host_id_;
+  uint32_t mux_id_;
+  uint32_t product_id_ = 0x12a8;
+
+  mutable std::mutex mu_;  // guards values_, domains_, faults_, fs values, ports
+  Plist values_;           // default lockdown domain (dict)
+  std::map<std::string, Plist> domains_;
+  std::shared_ptr<const Faults> faults_;
+  std::atomic<uint64_t> fault_gen_{1};
+  std::string model_;
+  bool has_fs_total_ = false, has_fs_free_ = false, has_fs_block_ = false;
+  uint64_t fs_total_ = 0, fs_free_ = 0, fs_block_ = 4096;
+  std::set<uint16_t> pending_ports_;
+  uint16_t next_port_ = 49152;
+
+  std::array<std::atomic<uint64_t>, static_cast<int>(Op::Count)> requests_{};
+  std::atomic<bool> log_on_{false};
+  mutable std::mutex log_mu_;
+  std::vector<LogEntry> log_;
+};
+
+}  // namespace devsim

@@ -143,6 +143,8 @@ Device::Device(std::string image, uint32_t mux_id) : image_(std::move(image)), m
     }
   }
   if (udid_.empty()) udid_ = hex_id(image_, 40);
+  if (!plist_dict_get_item(values_.get(), "UniqueDeviceID"))
+    plist_dict_set_item(values_.get(), "UniqueDeviceID", plist_new_string(udid_.c_str()));
   host_id_ = hex_id("host:" + udid_, 32);
   for (int pos : {8, 13, 18, 23}) host_id_.insert(static_cast<size_t>(pos), 1, '-');
   for (auto& c : host_id_) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));

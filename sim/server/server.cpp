@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -84,6 +85,16 @@ std::string random_uuid() {
   return s;
 }
 
+ino_t inode_of(const std::string& path) {
+  struct stat st {};
+  return ::stat(path.c_str(), &st) == 0 ? st.st_ino : 0;
+}
+
+// Another instance may have taken the path over since; its socket stays.
+void unlink_if_ours(const std::string& path, ino_t ino) {
+  if (ino && inode_of(path) == ino) ::unlink(path.c_str());
+}
+
 void sleep_us(uint64_t us) {
   if (us) std::this_thread::sleep_for(std::chrono::microseconds(us));
 }
@@ -121,16 +132,18 @@ Server::~Server() {
     for (auto& [id, c] : conns_) ::shutdown(c.fd, SHUT_RDWR);
   }
   reap(true);
-  if (mux_fd_.valid()) ::unlink(path_.c_str());
-  if (ctl_fd_.valid()) ::unlink(ctl_path_.c_str());
+  unlink_if_ours(path_, mux_ino_);
+  unlink_if_ours(ctl_path_, ctl_ino_);
 }
 
 std::string Server::listen() {
   std::string err;
   mux_fd_ = listen_unix(path_, err);
   if (!mux_fd_.valid()) return err;
+  mux_ino_ = inode_of(path_);
   ctl_fd_ = listen_unix(ctl_path_, err);
   if (!ctl_fd_.valid()) return err;
+  ctl_ino_ = inode_of(ctl_path_);
   return {};
 }
 

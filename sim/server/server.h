@@ -2,6 +2,8 @@
 // can use, and a control socket (JSON lines) for test fixtures.
 #pragma once
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <cstdint>
 #include <list>
@@ -79,6 +81,7 @@ class Server {
 
   std::string path_, ctl_path_, buid_;
   Fd mux_fd_, ctl_fd_;
+  ino_t mux_ino_ = 0, ctl_ino_ = 0;  // so we only ever remove our own socket files
   std::atomic<bool> stopping_{false};
 
   std::mutex dev_mu_;  // devices_, listeners_, next_id_

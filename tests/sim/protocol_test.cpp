@@ -1,0 +1,163 @@
+// The simulator as libimobiledevice and its tools see it: device list,
+// lockdown values, services and attach/detach events.
+#include <gtest/gtest.h>
+#include <libimobiledevice/libimobiledevice.h>
+#include <libimobiledevice/lockdown.h>
+#include <plist/plist.h>
+
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <thread>
+
+#include "sim_client.h"
+#include "sim_image.h"
+#include "simulator.h"
+
+using namespace tarn::testing;
+
+namespace {
+
+const char kDescription[] = R"({
+  "UniqueDeviceID": "ab12cd34ef56ab12cd34ef56ab12cd34ef56ab12",
+  "DeviceName": "Kitchen iPod",
+  "ProductType": "iPod5,1",
+  "ProductVersion": "6.1.6",
+  "SerialNumber": "CCQK1234F4T1",
+  "FSTotalBytes": 32000000000,
+  "FSFreeBytes": 12000000000,
+  "Model": "MD717",
+  "lockdown": {"DeviceClass": "iPod", "com.apple.mobile.battery": {"BatteryCurrentCapacity": 87}}
+})";
+const char kUdid[] = "ab12cd34ef56ab12cd34ef56ab12cd34ef56ab12";
+
+class ProtocolTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    make_sim_image(img1.path(), {ImageEntry::file("a.txt", "x")}, kDescription);
+    make_sim_image(img2.path(), {}, R"({"DeviceName": "Bare", "ProductVersion": "12.4"})");
+    sim = std::make_unique<Simulator>(std::vector<SimDevice>{{img1.path(), "", {}},
+                                                             {img2.path(), "second-device", {}}});
+  }
+  TempDir img1, img2;
+  std::unique_ptr<Simulator> sim;
+};
+
+std::string string_value(plist_t node) {
+  char* s = nullptr;
+  if (node && plist_get_node_type(node) == PLIST_STRING) plist_get_string_val(node, &s);
+  std::string out = s ? s : "";
+  free(s);
+  return out;
+}
+
+TEST_F(ProtocolTest, ToolsListAndDescribeDevices) {
+  int status = -1;
+  std::string ids = run_command("idevice_id -l", &status);
+  EXPECT_EQ(status, 0) << ids;
+  EXPECT_NE(ids.find(kUdid), std::string::npos) << ids;
+  EXPECT_NE(ids.find("second-device"), std::string::npos) << ids;
+
+  std::string info = run_command(std::string("ideviceinfo -u ") + kUdid, &status);
+  EXPECT_EQ(status, 0) << info;
+  for (const char* line : {"DeviceName: Kitchen iPod", "ProductType: iPod5,1", "ProductVersion: 6.1.6",
+                           "SerialNumber: CCQK1234F4T1", "DeviceClass: iPod"})
+    EXPECT_NE(info.find(line), std::string::npos) << line << " missing in\n" << info;
+
+  std::string battery =
+      run_command(std::string("ideviceinfo -u ") + kUdid + " -q com.apple.mobile.battery", &status);
+  EXPECT_NE(battery.find("BatteryCurrentCapacity: 87"), std::string::npos) << battery;
+  EXPECT_EQ(run_command("idevice_id second-device"), "Bare\n");
+}
+
+TEST_F(ProtocolTest, GetValueAnswersWhatTheDescriptionHolds) {
+  idevice_t dev = nullptr;
+  ASSERT_EQ(idevice_new(&dev, "second-device"), IDEVICE_E_SUCCESS);
+  lockdownd_client_t ld = nullptr;
+  ASSERT_EQ(lockdownd_client_new_with_handshake(dev, &ld, "test"), LOCKDOWN_E_SUCCESS);
+  struct Case {
+    const char* domain;
+    const char* key;
+    lockdownd_error_t want;
+    const char* value;
+  } cases[] = {
+      {nullptr, "DeviceName", LOCKDOWN_E_SUCCESS, "Bare"},
+      {nullptr, "UniqueDeviceID", LOCKDOWN_E_SUCCESS, "second-device"},
+      {nullptr, "SerialNumber", LOCKDOWN_E_MISSING_VALUE, nullptr},
+      {"com.apple.disk_usage", nullptr, LOCKDOWN_E_MISSING_VALUE, nullptr},
+      {"com.apple.nothing", "X", LOCKDOWN_E_MISSING_VALUE, nullptr},
+  };
+  for (const auto& c : cases) {
+    plist_t v = nullptr;
+    EXPECT_EQ(lockdownd_get_value(ld, c.domain, c.key, &v), c.want) << (c.key ? c.key : c.domain);
+    if (c.value) {
+      EXPECT_EQ(string_value(v), c.value);
+    }
+    plist_free(v);
+  }
+  plist_t all = nullptr;
+  ASSERT_EQ(lockdownd_get_value(ld, nullptr, nullptr, &all), LOCKDOWN_E_SUCCESS);
+  EXPECT_EQ(string_value(plist_dict_get_item(all, "ProductVersion")), "12.4");
+  EXPECT_EQ(plist_dict_get_size(all), 3u);  // name, version and the identifier only
+  plist_free(all);
+
+  lockdownd_service_descriptor_t svc = nullptr;
+  EXPECT_EQ(lockdownd_start_service(ld, "com.apple.mobile.notification_proxy", &svc),
+            LOCKDOWN_E_INVALID_SERVICE);
+  lockdownd_client_free(ld);
+  idevice_free(dev);
+}
+
+TEST_F(ProtocolTest, ConnectOnlyReachesLockdownAndStartedServices) {
+  idevice_t dev = nullptr;
+  ASSERT_EQ(idevice_new(&dev, kUdid), IDEVICE_E_SUCCESS);
+  idevice_connection_t conn = nullptr;
+  EXPECT_NE(idevice_connect(dev, 22, &conn), IDEVICE_E_SUCCESS);
+  EXPECT_NE(idevice_connect(dev, 49152, &conn), IDEVICE_E_SUCCESS);  // not started yet
+  ASSERT_EQ(idevice_connect(dev, 62078, &conn), IDEVICE_E_SUCCESS);
+  idevice_disconnect(conn);
+  idevice_free(dev);
+
+  // A device that is not attached cannot be reached at all.
+  EXPECT_NE(idevice_new(&dev, "no-such-device"), IDEVICE_E_SUCCESS);
+}
+
+TEST_F(ProtocolTest, ListenReportsAttachAndDetach) {
+  std::mutex mu;
+  std::vector<std::pair<int, std::string>> events;
+  auto cb = [](const idevice_event_t* e, void* user) {
+    auto* p = static_cast<std::pair<std::mutex*, decltype(events)*>*>(user);
+    std::lock_guard lk(*p->first);
+    p->second->emplace_back(e->event, e->udid);
+  };
+  std::pair<std::mutex*, decltype(events)*> ctx{&mu, &events};
+  ASSERT_EQ(idevice_event_subscribe(cb, &ctx), IDEVICE_E_SUCCESS);
+  auto wait_for = [&](size_t n) {
+    for (int i = 0; i < 500; ++i) {
+      {
+        std::lock_guard lk(mu);
+        if (events.size() >= n) return true;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+  };
+  EXPECT_TRUE(wait_for(2));  // both devices present at subscription
+  sim->detach("second-device");
+  EXPECT_TRUE(wait_for(3));
+  TempDir img3;
+  make_sim_image(img3.path(), {});
+  sim->attach({img3.path(), "third", {}});
+  EXPECT_TRUE(wait_for(4));
+  idevice_event_unsubscribe();
+  std::lock_guard lk(mu);
+  ASSERT_EQ(events.size(), 4u);
+  EXPECT_EQ(events[2], std::make_pair(static_cast<int>(IDEVICE_DEVICE_REMOVE), std::string("second-device")));
+  EXPECT_EQ(events[3], std::make_pair(static_cast<int>(IDEVICE_DEVICE_ADD), std::string("third")));
+
+  std::string ids = run_command("idevice_id -l");
+  EXPECT_EQ(ids.find("second-device"), std::string::npos) << ids;
+  EXPECT_NE(ids.find("third"), std::string::npos) << ids;
+}
+
+}  // namespace

@@ -1,0 +1,253 @@
+// Runs tarn-devsim as a child process and talks to its control socket.
+#include "simulator.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <stdexcept>
+#include <thread>
+
+extern char** environ;
+
+namespace tarn::testing {
+
+namespace {
+
+using json = nlohmann::json;
+constexpr auto kReadyTimeout = std::chrono::seconds(15);
+constexpr int kControlTimeoutSeconds = 15;
+
+[[noreturn]] void fail(const std::string& what) {
+  throw std::runtime_error("Simulator: " + what);
+}
+
+}  // namespace
+
+struct Simulator::Impl {
+  std::string dir, socket, ctl_path;
+  pid_t pid = -1;
+  int out_fd = -1;  // the child's stdout, kept open so it never sees EPIPE
+  int ctl_fd = -1;
+  std::mutex ctl_mu;
+  bool set_env = false;
+  std::optional<std::string> old_env;
+
+  json call(json req);
+  void stop();
+};
+
+json Simulator::Impl::call(json req) {
+  std::lock_guard lk(ctl_mu);
+  if (ctl_fd < 0) {
+    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::strncpy(addr.sun_path, ctl_path.c_str(), sizeof addr.sun_path - 1);
+    if (fd < 0 || ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+      if (fd >= 0) ::close(fd);
+      fail("cannot reach the control socket " + ctl_path + ": " + std::strerror(errno));
+    }
+    timeval tv{kControlTimeoutSeconds, 0};
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+    ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
+    ctl_fd = fd;
+  }
+  std::string line = req.dump() + "\n";
+  if (::send(ctl_fd, line.data(), line.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(line.size()))
+    fail("control request failed: " + std::string(std::strerror(errno)));
+  std::string reply;
+  char c;
+  while (true) {
+    ssize_t n = ::recv(ctl_fd, &c, 1, 0);
+    if (n <= 0) fail("no answer from the simulator to " + req.dump());
+    if (c == '\n') break;
+    reply += c;
+  }
+  json rep = json::parse(reply);
+  if (!rep.value("ok", false)) fail(req.value("cmd", "?") + ": " + rep.value("error", reply));
+  return rep;
+}
+
+void Simulator::Impl::stop() {
+  if (ctl_fd >= 0) ::close(ctl_fd);
+  ctl_fd = -1;
+  if (pid > 0) {
+    ::kill(pid, SIGTERM);
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    int status = 0;
+    while (::waitpid(pid, &status, WNOHANG) == 0) {
+      if (std::chrono::steady_clock::now() > deadline) {
+        ::kill(pid, SIGKILL);
+        ::waitpid(pid, &status, 0);
+        break;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    pid = -1;
+  }
+  if (out_fd >= 0) ::close(out_fd);
+  out_fd = -1;
+  if (!dir.empty()) {
+    std::error_code ec;
+    std::filesystem::remove_all(dir, ec);
+  }
+  if (set_env) {
+    if (old_env)
+      ::setenv("USBMUXD_SOCKET_ADDRESS", old_env->c_str(), 1);
+    else
+      ::unsetenv("USBMUXD_SOCKET_ADDRESS");
+  }
+}
+
+Simulator::Simulator(const std::vector<SimDevice>& devices, bool set_env) : impl_(new Impl) {
+  std::string binary = TARN_DEVSIM_PATH;
+  if (binary.empty()) {
+    delete impl_;
+    fail("tarn-devsim was not built (TARN_DEVSIM_PATH is empty)");
+  }
+  // Socket paths must fit sockaddr_un, so the private directory lives in /tmp.
+  char tmpl[] = "/tmp/tarn-devsim-XXXXXX";
+  if (!::mkdtemp(tmpl)) {
+    delete impl_;
+    fail(std::string("mkdtemp: ") + std::strerror(errno));
+  }
+  impl_->dir = tmpl;
+  impl_->socket = impl_->dir + "/usbmuxd.sock";
+  impl_->ctl_path = impl_->socket + ".ctl";
+
+  std::vector<std::string> args = {binary, "--socket", impl_->socket};
+  for (const auto& d : devices) {
+    std::string spec = d.image;
+    if (!d.udid.empty()) spec += ",udid=" + d.udid;
+    for (const auto& o : d.options) spec += "," + o;
+    args.push_back("--device");
+    args.push_back(spec);
+  }
+  std::vector<char*> argv;
+  for (auto& a : args) argv.push_back(a.data());
+  argv.push_back(nullptr);
+
+  int pipefd[2];
+  if (::pipe2(pipefd, O_CLOEXEC) != 0) {
+    impl_->stop();
+    delete impl_;
+    fail("pipe failed");
+  }
+  posix_spawn_file_actions_t fa;
+  posix_spawn_file_actions_init(&fa);
+  posix_spawn_file_actions_adddup2(&fa, pipefd[1], STDOUT_FILENO);
+  int rc = posix_spawn(&impl_->pid, binary.c_str(), &fa, nullptr, argv.data(), environ);
+  posix_spawn_file_actions_destroy(&fa);
+  ::close(pipefd[1]);
+  impl_->out_fd = pipefd[0];
+  if (rc != 0) {
+    impl_->pid = -1;
+    impl_->stop();
+    delete impl_;
+    fail("cannot start " + binary + ": " + std::strerror(rc));
+  }
+
+  // Wait for the ready line; the child's own message is on stderr if it quits.
+  std::string out;
+  auto deadline = std::chrono::steady_clock::now() + kReadyTimeout;
+  while (out.find('\n') == std::string::npos) {
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    pollfd p{impl_->out_fd, POLLIN, 0};
+    if (left.count() <= 0 || ::poll(&p, 1, static_cast<int>(left.count())) <= 0) {
+      impl_->stop();
+      delete impl_;
+      fail("tarn-devsim did not report ready within 15 s");
+    }
+    char buf[256];
+    ssize_t n = ::read(impl_->out_fd, buf, sizeof buf);
+    if (n <= 0) {
+      impl_->stop();
+      delete impl_;
+      fail("tarn-devsim exited before it was ready (see its message above); args:" +
+           [&] {
+             std::string s;
+             for (size_t i = 1; i < args.size(); ++i) s += " " + args[i];
+             return s;
+           }());
+    }
+    out.append(buf, static_cast<size_t>(n));
+  }
+  if (out.rfind("tarn-devsim: ready on ", 0) != 0) {
+    impl_->stop();
+    delete impl_;
+    fail("unexpected first line from tarn-devsim: " + out);
+  }
+  if (set_env) {
+    impl_->set_env = true;
+    if (const char* old = std::getenv("USBMUXD_SOCKET_ADDRESS")) impl_->old_env = old;
+    ::setenv("USBMUXD_SOCKET_ADDRESS", env_value().c_str(), 1);
+  }
+}
+
+Simulator::~Simulator() {
+  impl_->stop();
+  delete impl_;
+}
+
+const std::string& Simulator::socket_path() const { return impl_->socket; }
+std::string Simulator::env_value() const { return "UNIX:" + impl_->socket; }
+
+void Simulator::set_option(const std::string& udid, const std::string& key, const std::string& value) {
+  impl_->call({{"cmd", "set_option"}, {"udid", udid}, {"key", key}, {"value", value}});
+}
+
+void Simulator::clear_faults(const std::string& udid) {
+  impl_->call({{"cmd", "clear_faults"}, {"udid", udid}});
+}
+
+void Simulator::attach(const SimDevice& device) {
+  impl_->call({{"cmd", "attach"}, {"image", device.image}, {"udid", device.udid}, {"options", device.options}});
+}
+
+void Simulator::detach(const std::string& udid) { impl_->call({{"cmd", "detach"}, {"udid", udid}}); }
+
+// The simulator settles before answering: connections whose client has
+// already closed the socket are torn down first (bounded by 2 s), so the
+// counters include everything a test did before calling stats().
+SimStats Simulator::stats(const std::string& udid) {
+  json rep = impl_->call({{"cmd", "stats"}, {"udid", udid}});
+  SimStats s;
+  for (const auto& [op, n] : rep["requests"].items()) s.requests[op] = n.get<uint64_t>();
+  s.connections_open = rep.value("connections_open", 0);
+  s.files_open = rep.value("files_open", 0);
+  s.locks_held = rep.value("locks_held", 0);
+  return s;
+}
+
+void Simulator::reset_stats(const std::string& udid) {
+  impl_->call({{"cmd", "reset_stats"}, {"udid", udid}});
+}
+
+void Simulator::enable_log(const std::string& udid, bool on) {
+  impl_->call({{"cmd", "enable_log"}, {"udid", udid}, {"on", on}});
+}
+
+std::vector<SimRequest> Simulator::request_log(const std::string& udid) {
+  json rep = impl_->call({{"cmd", "log"}, {"udid", udid}});
+  std::vector<SimRequest> out;
+  for (const auto& e : rep["log"]) out.push_back({e.value("op", ""), e.value("path", "")});
+  return out;
+}
+
+}  // namespace tarn::testing

@@ -1,0 +1,206 @@
+// The file conduit as libimobiledevice's afc client sees it.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "sim_client.h"
+#include "sim_image.h"
+#include "simulator.h"
+
+using namespace tarn::testing;
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr int64_t kMtime = 1600000000;
+
+class AfcTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    make_sim_image(img.path(),
+                   {ImageEntry::file("hello.txt", "hello world", kMtime),
+                    ImageEntry::directory("Music/F00", kMtime),
+                    ImageEntry::file("Music/F00/b.mp3", "bb"),
+                    ImageEntry::file("Music/F00/A.mp3", "a"),
+                    ImageEntry::file("Music/F00/a.mp3", "aaa"),
+                    ImageEntry::symlink("Music/up", ".."),
+                    ImageEntry::symlink("escape_rel", "../../../../.."),
+                    ImageEntry::symlink("escape_abs", "/Music"),
+                    ImageEntry::directory("empty")},
+                   R"({"UniqueDeviceID": "afc-dev", "FSTotalBytes": 8000000000,
+                       "FSFreeBytes": 3000000000, "FSBlockSize": 8192, "Model": "MC540"})");
+    // Something outside the media root that nothing may reach.
+    std::ofstream(img.path() + "/secret") << "outside";
+    sim = std::make_unique<Simulator>(std::vector<SimDevice>{{img.path(), "", {}}});
+    client = std::make_unique<AfcClient>("afc-dev");
+    ASSERT_TRUE(client->ok()) << client->error;
+  }
+  std::string media(const std::string& p) const { return img.path() + "/media/" + p; }
+  afc_client_t afc() const { return client->get(); }
+
+  TempDir img;
+  std::unique_ptr<Simulator> sim;
+  std::unique_ptr<AfcClient> client;
+};
+
+TEST_F(AfcTest, DeviceAndFileInformation) {
+  auto dev = client->device_info();
+  EXPECT_EQ(dev["Model"], "MC540");
+  EXPECT_EQ(dev["FSTotalBytes"], "8000000000");
+  EXPECT_EQ(dev["FSFreeBytes"], "3000000000");
+  EXPECT_EQ(dev["FSBlockSize"], "8192");
+
+  auto f = client->file_info("/hello.txt");
+  EXPECT_EQ(f["st_ifmt"], "S_IFREG");
+  EXPECT_EQ(f["st_size"], "11");
+  EXPECT_EQ(f["st_nlink"], "1");
+  EXPECT_EQ(f["st_mtime"], std::to_string(kMtime) + "000000000");
+  EXPECT_FALSE(f["st_birthtime"].empty());
+  EXPECT_FALSE(f["st_blocks"].empty());
+  EXPECT_EQ(client->file_info("/Music/F00")["st_ifmt"], "S_IFDIR");
+  auto link = client->file_info("/Music/up");
+  EXPECT_EQ(link["st_ifmt"], "S_IFLNK");
+  EXPECT_EQ(link["LinkTarget"], "..");
+  afc_error_t e;
+  client->file_info("/nope", &e);
+  EXPECT_EQ(e, AFC_E_OBJECT_NOT_FOUND);
+}
+
+TEST_F(AfcTest, DirectoriesListDotsFirstThenSortedBytewise) {
+  EXPECT_EQ(client->list("/Music/F00"),
+            (std::vector<std::string>{".", "..", "A.mp3", "a.mp3", "b.mp3"}));
+  EXPECT_EQ(client->list("/empty"), (std::vector<std::string>{".", ".."}));
+  // Through a symlink to an ancestor: a cycle that stays listable.
+  EXPECT_EQ(client->list("/Music/up/Music/up/Music/F00").size(), 5u);
+}
+
+TEST_F(AfcTest, NothingOutsideTheRootIsReachable) {
+  // Whatever the path or link, the walk is clamped to the media root, so each
+  // of these lands inside it (or nowhere), never on img/secret.
+  for (const char* p : {"/../secret", "../../secret", "/Music/../../secret", "/escape_rel/secret",
+                        "/escape_rel/../secret"}) {
+    std::string data;
+    EXPECT_EQ(client->get(p, data), AFC_E_OBJECT_NOT_FOUND) << p;
+  }
+  EXPECT_EQ(client->list("/escape_rel"), client->list("/"));
+  EXPECT_EQ(client->list("/escape_abs"), client->list("/Music"));
+  EXPECT_EQ(client->list("/.."), client->list("/"));
+  // Creating through an escaping link also stays inside.
+  EXPECT_EQ(client->put("/escape_rel/planted", "x"), AFC_E_SUCCESS);
+  EXPECT_TRUE(fs::exists(media("planted")));
+  EXPECT_FALSE(fs::exists(img.path() + "/planted"));
+  EXPECT_EQ(afc_make_directory(afc(), "/../../made"), AFC_E_SUCCESS);
+  EXPECT_TRUE(fs::is_directory(media("made")));
+}
+
+TEST_F(AfcTest, OpenModesFollowStdioSemantics) {
+  struct Case {
+    afc_file_mode_t mode;
+    bool exists_before;
+    afc_error_t open;
+    std::string after_write;  // file content after writing "XY" at the start
+  } cases[] = {
+      {AFC_FOPEN_RDONLY, false, AFC_E_OBJECT_NOT_FOUND, ""},
+      {AFC_FOPEN_RDONLY, true, AFC_E_SUCCESS, "0123"},  // write refused
+      {AFC_FOPEN_RW, false, AFC_E_SUCCESS, "XY"},
+      {AFC_FOPEN_RW, true, AFC_E_SUCCESS, "XY23"},
+      {AFC_FOPEN_WRONLY, true, AFC_E_SUCCESS, "XY"},
+      {AFC_FOPEN_WR, true, AFC_E_SUCCESS, "XY"},
+      {AFC_FOPEN_APPEND, true, AFC_E_SUCCESS, "0123XY"},
+      {AFC_FOPEN_RDAPPEND, false, AFC_E_SUCCESS, "XY"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(::testing::Message() << "mode " << c.mode << " exists " << c.exists_before);
+    fs::remove(media("m.bin"));
+    if (c.exists_before) std::ofstream(media("m.bin")) << "0123";
+    uint64_t h = 0;
+    ASSERT_EQ(afc_file_open(afc(), "/m.bin", c.mode, &h), c.open);
+    if (c.open != AFC_E_SUCCESS) continue;
+    uint32_t n = 0;
+    afc_error_t w = afc_file_write(afc(), h, "XY", 2, &n);
+    EXPECT_EQ(w == AFC_E_SUCCESS, c.mode != AFC_FOPEN_RDONLY);
+    EXPECT_EQ(afc_file_close(afc(), h), AFC_E_SUCCESS);
+    std::ifstream in(media("m.bin"));
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), c.after_write);
+  }
+  uint64_t h = 0;
+  EXPECT_EQ(afc_file_open(afc(), "/Music", AFC_FOPEN_RDONLY, &h), AFC_E_OBJECT_IS_DIR);
+  EXPECT_EQ(afc_file_open(afc(), "/nodir/x", AFC_FOPEN_WRONLY, &h), AFC_E_OBJECT_NOT_FOUND);
+}
+
+TEST_F(AfcTest, ReadSeekTellTruncate) {
+  uint64_t h = 0;
+  ASSERT_EQ(afc_file_open(afc(), "/hello.txt", AFC_FOPEN_RW, &h), AFC_E_SUCCESS);
+  char buf[64];
+  uint32_t n = 0;
+  ASSERT_EQ(afc_file_seek(afc(), h, 6, SEEK_SET), AFC_E_SUCCESS);
+  ASSERT_EQ(afc_file_read(afc(), h, buf, sizeof buf, &n), AFC_E_SUCCESS);
+  EXPECT_EQ(std::string(buf, n), "world");
+  ASSERT_EQ(afc_file_read(afc(), h, buf, sizeof buf, &n), AFC_E_SUCCESS);
+  EXPECT_EQ(n, 0u);  // end of file is an empty answer
+  uint64_t pos = 0;
+  ASSERT_EQ(afc_file_seek(afc(), h, -5, SEEK_END), AFC_E_SUCCESS);
+  ASSERT_EQ(afc_file_tell(afc(), h, &pos), AFC_E_SUCCESS);
+  EXPECT_EQ(pos, 6u);
+  EXPECT_NE(afc_file_seek(afc(), h, -100, SEEK_CUR), AFC_E_SUCCESS);
+  ASSERT_EQ(afc_file_truncate(afc(), h, 5), AFC_E_SUCCESS);
+  EXPECT_EQ(fs::file_size(media("hello.txt")), 5u);
+  EXPECT_EQ(afc_file_close(afc(), h), AFC_E_SUCCESS);
+  EXPECT_EQ(afc_file_close(afc(), h), AFC_E_INVALID_ARG);  // already closed
+  EXPECT_EQ(afc_truncate(afc(), "/hello.txt", 2), AFC_E_SUCCESS);
+  EXPECT_EQ(fs::file_size(media("hello.txt")), 2u);
+}
+
+TEST_F(AfcTest, LargeTransfersRoundTrip) {
+  std::string big(5 * 1024 * 1024 + 123, '\0');
+  for (size_t i = 0; i < big.size(); ++i) big[i] = sim_pattern(i);
+  ASSERT_EQ(client->put("/big.bin", big), AFC_E_SUCCESS);
+  std::string back;
+  ASSERT_EQ(client->get("/big.bin", back), AFC_E_SUCCESS);
+  EXPECT_TRUE(back == big);
+  EXPECT_EQ(fs::file_size(media("big.bin")), big.size());
+}
+
+TEST_F(AfcTest, DirectoryOperations) {
+  EXPECT_EQ(afc_make_directory(afc(), "/x/y/z"), AFC_E_SUCCESS);
+  EXPECT_TRUE(fs::is_directory(media("x/y/z")));
+  EXPECT_EQ(afc_make_directory(afc(), "/x/y"), AFC_E_SUCCESS);  // already there
+  EXPECT_EQ(afc_make_directory(afc(), "/hello.txt"), AFC_E_OBJECT_EXISTS);
+
+  EXPECT_EQ(afc_remove_path(afc(), "/x"), AFC_E_DIR_NOT_EMPTY);
+  EXPECT_EQ(afc_remove_path(afc(), "/x/y/z"), AFC_E_SUCCESS);
+  EXPECT_EQ(afc_remove_path(afc(), "/x/y/z"), AFC_E_OBJECT_NOT_FOUND);
+  EXPECT_EQ(afc_remove_path(afc(), "/Music/up"), AFC_E_SUCCESS);  // the link, not its target
+  EXPECT_TRUE(fs::exists(media("Music/F00/a.mp3")));
+
+  EXPECT_EQ(afc_rename_path(afc(), "/hello.txt", "/x/y/moved.txt"), AFC_E_SUCCESS);
+  EXPECT_TRUE(fs::exists(media("x/y/moved.txt")));
+  EXPECT_EQ(afc_rename_path(afc(), "/hello.txt", "/again.txt"), AFC_E_OBJECT_NOT_FOUND);
+  EXPECT_EQ(afc_remove_path_and_contents(afc(), "/x"), AFC_E_SUCCESS);
+  EXPECT_FALSE(fs::exists(media("x")));
+}
+
+TEST_F(AfcTest, LocksConflictAcrossConnections) {
+  AfcClient other("afc-dev");
+  ASSERT_TRUE(other.ok());
+  uint64_t h1 = 0, h2 = 0;
+  ASSERT_EQ(afc_file_open(afc(), "/lock", AFC_FOPEN_RW, &h1), AFC_E_SUCCESS);
+  ASSERT_EQ(afc_file_open(other.get(), "/lock", AFC_FOPEN_RW, &h2), AFC_E_SUCCESS);
+  EXPECT_EQ(afc_file_lock(afc(), h1, AFC_LOCK_SH), AFC_E_SUCCESS);
+  EXPECT_EQ(afc_file_lock(other.get(), h2, AFC_LOCK_SH), AFC_E_SUCCESS);
+  EXPECT_EQ(afc_file_lock(other.get(), h2, AFC_LOCK_EX), AFC_E_OP_WOULD_BLOCK);
+  EXPECT_EQ(sim->stats("afc-dev").locks_held, 2);
+  EXPECT_EQ(afc_file_lock(afc(), h1, AFC_LOCK_UN), AFC_E_SUCCESS);
+  EXPECT_EQ(afc_file_lock(other.get(), h2, AFC_LOCK_EX), AFC_E_SUCCESS);
+  EXPECT_EQ(afc_file_lock(afc(), h1, AFC_LOCK_EX), AFC_E_OP_WOULD_BLOCK);
+  EXPECT_EQ(sim->stats("afc-dev").locks_held, 1);
+  // Closing a handle gives its lock up.
+  EXPECT_EQ(afc_file_close(other.get(), h2), AFC_E_SUCCESS);
+  EXPECT_EQ(afc_file_lock(afc(), h1, AFC_LOCK_EX), AFC_E_SUCCESS);
+  EXPECT_EQ(afc_file_close(afc(), h1), AFC_E_SUCCESS);
+  EXPECT_EQ(sim->stats("afc-dev").locks_held, 0);
+}
+
+}  // namespace

@@ -305,15 +305,9 @@ bool Session::send_packet(uint64_t op, const char* data, size_t len) {
   iovec iov[2] = {{hdr, kHeader}, {const_cast<char*>(data), len}};
   size_t total = kHeader + len;
   if (faults_->drop_after_bytes && bytes_ + total > faults_->drop_after_bytes) {
-    // Cut the answer where the byte budget ends, as a pulled cable would.
-    size_t allowed = faults_->drop_after_bytes > bytes_ ? faults_->drop_after_bytes - bytes_ : 0;
-    if (allowed <= kHeader) {
-      iov[0].iov_len = allowed;
-      iov[1].iov_len = 0;
-    } else {
-      iov[1].iov_len = allowed - kHeader;
-    }
-    writev_full(sock_, iov, 2);
+    // The connection ends at a packet boundary: libimobiledevice 1.3 takes a
+    // data packet cut short for a whole one (filled with stale bytes), which
+    // would turn a dropped transfer into silent corruption.
     dropped_ = true;
     return false;
   }

@@ -1,0 +1,114 @@
+// Copies of whole device directory trees to the host.
+#include <map>
+#include <set>
+
+#include "fs_fixture.h"
+
+namespace tarn_fs_test {
+namespace {
+
+// Every regular file below dir, relative path -> bytes; directories as "<dir>".
+std::map<std::string, std::string> Tree(const fs::path &dir) {
+  std::map<std::string, std::string> out;
+  if (!fs::exists(dir)) return out;
+  for (auto &e : fs::recursive_directory_iterator(dir)) {
+    const std::string rel = fs::relative(e.path(), dir).string();
+    out[rel] = e.is_directory() ? "<dir>" : ReadAll(e.path());
+  }
+  return out;
+}
+
+class CopyDirTest : public DeviceFsTest {};
+
+TEST_F(CopyDirTest, NestedTreesAreRecreatedByteExact) {
+  const std::map<std::string, std::string> files = {
+      {"x", Bytes(1)},          {"b/y", Bytes(65536, 2)},      {"b/c/z", Bytes(200001, 3)},
+      {"b/c/empty.bin", ""},   {"d e/with space", "spaces"},
+  };
+  for (auto &[rel, bytes] : files) image.File("/a/" + rel, bytes);
+  image.Dir("/a/hollow");
+  Start();
+  sim->enable_log(kUdid, true);
+  testing::internal::CaptureStdout();
+  CopyDeviceDirectory(device, "/a", image.host("copy").c_str());
+  const std::string out = testing::internal::GetCapturedStdout();
+  ExpectIdle("CopyDeviceDirectory");
+
+  std::map<std::string, std::string> expected = files;
+  for (const char *d : {"b", "b/c", "d e", "hollow"}) expected[d] = "<dir>";
+  EXPECT_EQ(Tree(image.host("copy")), expected);
+  EXPECT_EQ(out.rfind("CopyDeviceDirectory\nfrom is /a/\nto is ", 0), 0u) << out;
+
+  // The lock brackets the whole copy: taken before the first listing,
+  // released after the last file was closed.
+  auto log = sim->request_log(kUdid);
+  ASSERT_FALSE(log.empty());
+  size_t lock = log.size(), unlock = 0, first_read = log.size(), last_read = 0;
+  for (size_t i = 0; i < log.size(); ++i) {
+    if (log[i].op == "FileLock" && lock == log.size()) lock = i;
+    if (log[i].op == "FileLock") unlock = i;
+    if (log[i].op == "ReadDirectory" && first_read == log.size()) first_read = i;
+    if (log[i].op == "FileRead") last_read = i;
+  }
+  EXPECT_LT(lock, first_read);
+  EXPECT_GT(unlock, last_read);
+  // One file-information request per entry and the start: nothing asked twice.
+  EXPECT_EQ(sim->stats(kUdid).total("GetFileInfo"), 1u + files.size() + 4u);
+}
+
+TEST_F(CopyDirTest, ConsoleTraceOfASmallTree) {
+  image.File("/a/x", "x");
+  image.File("/a/b/y", "y");
+  Start();
+  const std::string host = image.host("h").string();
+  testing::internal::CaptureStdout();
+  CopyDeviceDirectory(device, "/a", host.c_str());
+  const std::string out = testing::internal::GetCapturedStdout();
+  const std::string file_x = "from is /a/x\nto is " + host + "/x\nfile_info[0] S_IFREG\ncopy file from: /a/x\n" +
+                             "copy file to: " + host + "/x\nblock_size: 65536l\nfinish _CopyFile\n" +
+                             "finish copy file1\nfinish copy file2\n";
+  const std::string dir_b = "from is /a/b\nto is " + host + "/b\nfile_info[0] S_IFDIR\nMkdir " + host +
+                            "/b\nafc_read_directory from is /a/b/y\nto is " + host +
+                            "/b/y\nfile_info[0] S_IFREG\ncopy file from: /a/b/y\ncopy file to: " + host +
+                            "/b/y\nblock_size: 65536l\nfinish _CopyFile\nfinish copy file1\nfinish copy file2\n" +
+                            "free(from) ";
+  const std::string head = "CopyDeviceDirectory\nfrom is /a/\nto is " + host + "/\nfile_info[0] S_IFDIR\nMkdir " +
+                           host + "/\nafc_read_directory ";
+  EXPECT_TRUE(out == head + file_x + dir_b + "free(from) " || out == head + dir_b + file_x + "free(from) ") << out;
+  EXPECT_EQ(ReadAll(image.host("h/b/y")), "y");
+}
+
+TEST_F(CopyDirTest, NamesThatLeaveTheHostDirectoryAreRefused) {
+  image.File("/a/x", "x");
+  image.File("/up", "outside");
+  Start();
+  idevice_t dev = nullptr;
+  afc_client_t afc = OpenIdeviceAndAfC(&dev, kUdid);
+  ASSERT_NE(afc, nullptr);
+  fs::create_directories(image.host("in"));
+  for (const char *name : {".", "..", "../up", "x/..", "/up"}) {
+    testing::internal::CaptureStdout();
+    _CopyDirectory(device, afc, "/a", name, image.host("in").c_str());
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "") << name;
+  }
+  CloseIdeviceAndAfC(afc, dev);
+  EXPECT_TRUE(fs::is_empty(image.host("in")));
+  std::set<std::string> beside;
+  for (auto &e : fs::directory_iterator(image.host())) beside.insert(e.path().filename().string());
+  EXPECT_EQ(beside, std::set<std::string>{"in"});
+  ExpectIdle("_CopyDirectory");
+}
+
+TEST_F(CopyDirTest, AMissingSourceCreatesNothing) {
+  Start();
+  testing::internal::CaptureStdout();
+  CopyDeviceDirectory(device, "/none", image.host("n").c_str());
+  const std::string out = testing::internal::GetCapturedStdout();
+  EXPECT_EQ(out, "CopyDeviceDirectory\nfrom is /none/\nto is " + image.host("n").string() +
+                     "/\nfile_info[0] (null)\n");
+  EXPECT_FALSE(fs::exists(image.host("n")));
+  ExpectIdle("CopyDeviceDirectory of a missing directory");
+}
+
+}  // namespace
+}  // namespace tarn_fs_test

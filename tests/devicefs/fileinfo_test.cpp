@@ -1,0 +1,128 @@
+// The file-information vector, the existence tests and directory creation.
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <cstring>
+#include <functional>
+
+#include "fs_fixture.h"
+
+namespace tarn_fs_test {
+namespace {
+
+void SetMtime(const fs::path &p, time_t sec, long nsec) {
+  const struct timespec times[2] = {{sec, nsec}, {sec, nsec}};
+  ASSERT_EQ(::utimensat(AT_FDCWD, p.c_str(), times, AT_SYMLINK_NOFOLLOW), 0) << p;
+}
+
+std::string Slot(char **info, int i) { return info[i] ? info[i] : "<null>"; }
+
+class FileInfoTest : public DeviceFsTest {};
+
+TEST_F(FileInfoTest, VectorSlotsHoldKindSizeSecondsAndBlocks) {
+  image.File("/i/f", Bytes(12345));
+  image.Dir("/i/d");
+  Start();
+  SetMtime(image.media("/i/f"), 1300000000, 123456789);
+  char **info = GetDirOrFileInfo(device, "/i/f");
+  ASSERT_NE(info, nullptr);
+  EXPECT_EQ(Slot(info, 0), "S_IFREG");
+  EXPECT_EQ(Slot(info, 1), "12345");
+  EXPECT_EQ(Slot(info, 2), "1300000000") << "nanoseconds are cut to whole seconds";
+  EXPECT_NE(info[3], nullptr) << "blocks";
+  // The birth time is whatever the device says, in whole seconds: at most the
+  // ten digits of a present-day time.
+  ASSERT_NE(info[4], nullptr);
+  EXPECT_LE(std::string(info[4]).size(), 10u) << info[4];
+  EXPECT_EQ(info[5], nullptr);
+  g_strfreev(info);
+
+  info = GetDirOrFileInfo(device, "/i/d");
+  EXPECT_EQ(Slot(info, 0), "S_IFDIR");
+  g_strfreev(info);
+
+  info = GetDirOrFileInfo(device, "/i/none");
+  for (int i = 0; i < 6; ++i) EXPECT_EQ(info[i], nullptr) << "slot " << i << " of a missing path";
+  g_strfreev(info);
+  ExpectIdle("GetDirOrFileInfo");
+}
+
+TEST_F(FileInfoTest, TimesOfNineDigitsOrFewerAreKept) {
+  struct Case {
+    time_t sec;
+    long nsec;
+    const char *slot2;
+  } cases[] = {
+      {1300000000, 123456789, "1300000000"},
+      {1, 0, "1"},                  // 1000000000 ns: ten digits, cut to "1"
+      {0, 123456789, "123456789"},  // nine digits stay
+      {0, 5, "5"},
+      {0, 0, "0"},
+  };
+  image.File("/t/f", "x");
+  Start();
+  for (auto &c : cases) {
+    SetMtime(image.media("/t/f"), c.sec, c.nsec);
+    char **info = GetDirOrFileInfo(device, "/t/f");
+    EXPECT_EQ(Slot(info, 2), c.slot2) << c.sec << "s " << c.nsec << "ns";
+    g_strfreev(info);
+  }
+  ExpectIdle("GetDirOrFileInfo");
+}
+
+TEST_F(FileInfoTest, ExistenceTestsAndTheirConsoleLines) {
+  image.File("/e/f", "x");
+  image.Dir("/e/d");
+  Start();
+  struct Case {
+    const char *what;
+    std::function<int()> call;
+    int result;
+    const char *head;  // entry line
+    bool error;        // the error code line printed a second time
+  } cases[] = {
+      {"IsDirExist on a directory", [&] { return IsDirExist(device, "/e/d"); }, 1, "IsDirExist\n", false},
+      {"IsDirExist on a file", [&] { return IsDirExist(device, "/e/f"); }, 0, "IsDirExist\n", true},
+      {"IsDirExist on nothing", [&] { return IsDirExist(device, "/e/none"); }, 0, "IsDirExist\n", true},
+      {"IsFileExist on a file", [&] { return IsFileExist(device, "/e/f"); }, 1, "IsFileExist\n", false},
+      {"IsFileExist on nothing", [&] { return IsFileExist(device, "/e/none"); }, 0, "IsFileExist\n", true},
+  };
+  for (auto &c : cases) {
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(c.call(), c.result) << c.what;
+    const std::string out = testing::internal::GetCapturedStdout();
+    int code = -1;
+    ASSERT_EQ(std::sscanf(out.c_str() + std::strlen(c.head), "1afc_error_t %d\n", &code), 1) << c.what << ": " << out;
+    std::string expected = std::string(c.head) + "1afc_error_t " + std::to_string(code) + "\n";
+    if (c.error) expected += "afc_error_t " + std::to_string(code) + "\n";
+    EXPECT_EQ(out, expected) << c.what;
+    EXPECT_EQ(code != 0, c.error) << c.what;
+    ExpectIdle(c.what);
+  }
+}
+
+TEST_F(FileInfoTest, MakeDirCreatesParentsUnderTheSyncLock) {
+  image.Dir("/mk");
+  Start();
+  sim->enable_log(kUdid, true);
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(MakeDir(device, "/mk/a/b/c"), 0);
+  EXPECT_EQ(MakeDir(device, "/mk/a/b/c"), 0) << "an existing directory is no failure";
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "MakeDir\nMakeDir\n");
+  EXPECT_TRUE(fs::is_directory(image.media("/mk/a/b/c")));
+  ExpectIdle("MakeDir");
+
+  std::vector<std::string> ops;
+  for (auto &r : Log({"FileOpen", "FileLock", "MakeDir", "FileClose"})) ops.push_back(r.op + " " + r.path);
+  ASSERT_GE(ops.size(), 5u);
+  const std::vector<std::string> first(ops.begin(), ops.begin() + 5);
+  EXPECT_EQ(first[0], "FileOpen /com.apple.itunes.lock_sync");
+  EXPECT_EQ(first[1].rfind("FileLock", 0), 0u) << first[1];
+  EXPECT_EQ(first[2], "MakeDir /mk/a/b/c");
+  EXPECT_EQ(first[3].rfind("FileLock", 0), 0u) << "unlock after the directory: " << first[3];
+  EXPECT_EQ(first[4].rfind("FileClose", 0), 0u) << first[4];
+}
+
+}  // namespace
+}  // namespace tarn_fs_test

@@ -1,0 +1,121 @@
+// Fixture of the device file-system tests: a device image made on the spot
+// (its media tree written with std::filesystem), one simulated device serving
+// it, and a handle for that device.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "simulator.h"
+#include "tarn/tarn_device.h"
+
+namespace tarn_fs_test {
+
+namespace fs = std::filesystem;
+
+inline constexpr const char *kUdid = "00008030-0000TARNFS0001";
+
+// Deterministic bytes, so a failed comparison can be reproduced.
+inline std::string Bytes(size_t n, unsigned seed = 7) {
+  std::string s(n, '\0');
+  std::minstd_rand gen(seed);
+  for (auto &c : s) c = static_cast<char>(gen() & 0xff);
+  return s;
+}
+
+inline std::string ReadAll(const fs::path &p) {
+  std::ifstream in(p, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+inline void WriteAll(const fs::path &p, const std::string &bytes) {
+  fs::create_directories(p.parent_path());
+  std::ofstream(p, std::ios::binary) << bytes;
+}
+
+// <root>/media is the device's file-conduit root; <root>/host is scratch
+// space on the host side.
+class Image {
+ public:
+  Image() {
+    static std::atomic<int> counter{0};
+    root_ = fs::temp_directory_path() /
+            ("tarn-devicefs-" + std::to_string(::getpid()) + "-" + std::to_string(counter++));
+    fs::remove_all(root_);
+    fs::create_directories(root_ / "media");
+    fs::create_directories(root_ / "host");
+    std::ofstream(root_ / "device.json") << "{\"UniqueDeviceID\": \"" << kUdid
+                                          << "\", \"DeviceName\": \"Tarn FS\"}";
+  }
+  ~Image() { fs::remove_all(root_); }
+  Image(const Image &) = delete;
+  Image &operator=(const Image &) = delete;
+
+  const fs::path &root() const { return root_; }
+  // The host file behind a device path ("/a/b" -> <root>/media/a/b).
+  fs::path media(const std::string &device_path) const { return root_ / "media" / device_path.substr(1); }
+  fs::path host(const std::string &rel = "") const { return rel.empty() ? root_ / "host" : root_ / "host" / rel; }
+
+  void File(const std::string &device_path, const std::string &bytes) const { WriteAll(media(device_path), bytes); }
+  void Dir(const std::string &device_path) const { fs::create_directories(media(device_path)); }
+
+ private:
+  fs::path root_;
+};
+
+class DeviceFsTest : public ::testing::Test {
+ protected:
+  void TearDown() override {
+    FreePodDevice(device);
+    device = nullptr;
+  }
+
+  // Starts the simulator on the image as built so far.
+  void Start(const std::vector<std::string> &options = {}) {
+    sim = std::make_unique<tarn::testing::Simulator>(
+        std::vector<tarn::testing::SimDevice>{{image.root().string(), kUdid, options}});
+    device = CreatePodDevice(kUdid);
+  }
+
+  // Nothing of a call may outlive it on the device. The simulator notices a
+  // closed socket only when it next polls, so give it a moment.
+  void ExpectIdle(const std::string &after) {
+    tarn::testing::SimStats s;
+    for (int i = 0; i < 100; ++i) {
+      s = sim->stats(kUdid);
+      if (s.connections_open == 0 && s.files_open == 0 && s.locks_held == 0) break;
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    EXPECT_EQ(s.connections_open, 0) << "connection left open after " << after;
+    EXPECT_EQ(s.files_open, 0) << "file handle left open after " << after;
+    EXPECT_EQ(s.locks_held, 0) << "lock left held after " << after;
+  }
+
+  // The requests of the simulator's log whose op is one of ops.
+  std::vector<tarn::testing::SimRequest> Log(const std::vector<std::string> &ops) {
+    std::vector<tarn::testing::SimRequest> out;
+    for (auto &r : sim->request_log(kUdid)) {
+      for (auto &op : ops) {
+        if (r.op == op) out.push_back(r);
+      }
+    }
+    return out;
+  }
+
+  Image image;
+  std::unique_ptr<tarn::testing::Simulator> sim;
+  PodDevice *device = nullptr;
+};
+
+}  // namespace tarn_fs_test

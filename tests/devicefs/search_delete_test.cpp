@@ -1,0 +1,173 @@
+// Search by name, rename, and the single and recursive deletes.
+#include <algorithm>
+#include <functional>
+#include <map>
+
+#include "fs_fixture.h"
+
+namespace tarn_fs_test {
+namespace {
+
+struct Found {
+  int kind;
+  std::string path;
+  bool operator==(const Found &o) const { return kind == o.kind && path == o.path; }
+};
+
+std::string Show(const std::vector<Found> &v) {
+  std::string s;
+  for (auto &f : v) s += (f.kind ? "dir " : "file ") + f.path + "; ";
+  return s;
+}
+
+class SearchDeleteTest : public DeviceFsTest {
+ protected:
+  std::vector<Found> Search(const char *dir, const char *keyword) {
+    testing::internal::CaptureStdout();
+    PodSearchItem *first = SearchFile(device, dir, keyword);
+    testing::internal::GetCapturedStdout();
+    std::vector<Found> out;
+    for (PodSearchItem *i = first; i; i = i->next) {
+      out.push_back({i->kind, i->kind ? static_cast<PodDir *>(i->record)->path : static_cast<PodFile *>(i->record)->path});
+    }
+    FreeSearchResult(first);
+    ExpectIdle("SearchFile");
+    return out;
+  }
+};
+
+TEST_F(SearchDeleteTest, SearchMatchesLowerCasedNamesInPreOrder) {
+  image.File("/m/Song.MP3", "abc");
+  image.File("/m/Mp3s/a.mp3", "a");
+  image.File("/m/other/deeper/x.mp3", "x");
+  image.File("/m/other/readme.txt", "t");
+  Start();
+  struct Case {
+    const char *keyword;
+    std::vector<Found> expected;  // matched in pre-order, within a directory in listing order
+  } cases[] = {
+      // Capitals in names do not hinder a lower-case keyword.
+      {"mp3", {{0, "/m/Song.MP3"}, {1, "/m/Mp3s"}, {0, "/m/Mp3s/a.mp3"}, {0, "/m/other/deeper/x.mp3"}}},
+      // The keyword itself is not lower-cased.
+      {"MP3", {}},
+      // A directory whose name does not match is still searched.
+      {"x.mp", {{0, "/m/other/deeper/x.mp3"}}},
+      {"deep", {{1, "/m/other/deeper"}}},
+      {"nothing", {}},
+  };
+  for (auto &c : cases) {
+    std::vector<Found> got = Search("/m", c.keyword);
+    // Siblings come in the device's listing order, which the simulator need
+    // not sort; the pre-order itself is checked by the positions below.
+    auto pos = [&](const std::string &p) {
+      return std::find_if(got.begin(), got.end(), [&](const Found &f) { return f.path == p; }) - got.begin();
+    };
+    std::vector<Found> sorted_got = got, sorted_exp = c.expected;
+    auto by_path = [](const Found &a, const Found &b) { return a.path < b.path; };
+    std::sort(sorted_got.begin(), sorted_got.end(), by_path);
+    std::sort(sorted_exp.begin(), sorted_exp.end(), by_path);
+    EXPECT_EQ(sorted_got, sorted_exp) << c.keyword << ": got " << Show(got);
+    if (std::string(c.keyword) == "mp3") {
+      EXPECT_LT(pos("/m/Mp3s"), pos("/m/Mp3s/a.mp3")) << "a directory precedes its content: " << Show(got);
+    }
+  }
+}
+
+TEST_F(SearchDeleteTest, SearchResultsDescribeFilesAndDirectories) {
+  image.File("/m/Tune.mp3", "12345");
+  image.File("/m/Tunes/b", "b");
+  Start();
+  testing::internal::CaptureStdout();
+  PodSearchItem *first = SearchFile(device, "/m", "tune");
+  const std::string out = testing::internal::GetCapturedStdout();
+  std::map<int, PodSearchItem *> by_kind;
+  for (PodSearchItem *i = first; i; i = i->next) by_kind[i->kind] = i;
+  ASSERT_EQ(by_kind.size(), 2u);
+  auto *file = static_cast<PodFile *>(by_kind[0]->record);
+  EXPECT_STREQ(file->name, "Tune.mp3");
+  EXPECT_STREQ(file->path, "/m/Tune.mp3");
+  EXPECT_STREQ(file->parent_path, "/m");
+  EXPECT_STREQ(file->size, "5");
+  EXPECT_NE(file->modify_date, nullptr);
+  EXPECT_EQ(file->parent, nullptr);
+  EXPECT_EQ(file->next_file, nullptr);
+  auto *dir = static_cast<PodDir *>(by_kind[1]->record);
+  EXPECT_STREQ(dir->name, "Tunes");
+  EXPECT_STREQ(dir->path, "/m/Tunes");
+  EXPECT_EQ(dir->parent_path, nullptr);
+  EXPECT_NE(dir->modify_date, nullptr);
+  EXPECT_EQ(dir->first_file, nullptr);
+  EXPECT_EQ(dir->dir_count, 0);
+  EXPECT_NE(out.find("file_path is /m/Tune.mp3\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("file_path dir is /m/Tunes\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("create_date is "), std::string::npos) << out;
+  FreeSearchResult(first);
+  EXPECT_EQ(SearchFile(device, "/no/such/dir", "a"), nullptr);
+  ExpectIdle("SearchFile");
+}
+
+TEST_F(SearchDeleteTest, RenameAndDeleteFileReportAsDocumented) {
+  image.File("/r/a", "a");
+  image.Dir("/r/full/x");
+  Start();
+  struct Case {
+    const char *what;
+    std::function<int()> call;
+    int result;
+    int error_lines;  // "afc_error_t" lines printed
+  } cases[] = {
+      {"rename", [&] { return RenamePath(device, "/r/a", "/r/b"); }, 0, 1},
+      {"failed rename still returns 0", [&] { return RenamePath(device, "/r/none", "/r/c"); }, 0, 2},
+      {"delete file", [&] { return DeleteFile(device, "/r/b"); }, 0, 1},
+      {"delete missing file", [&] { return DeleteFile(device, "/r/b"); }, 1, 2},
+      {"delete non-empty directory", [&] { return DeleteFile(device, "/r/full"); }, 1, 2},
+      {"delete empty directory", [&] { return DeleteFile(device, "/r/full/x"); }, 0, 1},
+  };
+  for (auto &c : cases) {
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(c.call(), c.result) << c.what;
+    const std::string out = testing::internal::GetCapturedStdout();
+    size_t lines = 0;
+    for (size_t p = out.find("afc_error_t "); p != std::string::npos; p = out.find("afc_error_t ", p + 1)) ++lines;
+    EXPECT_EQ(static_cast<int>(lines), c.error_lines) << c.what << ": " << out;
+    ExpectIdle(c.what);
+  }
+  EXPECT_FALSE(fs::exists(image.media("/r/a")));
+  EXPECT_FALSE(fs::exists(image.media("/r/b")));
+  EXPECT_TRUE(fs::exists(image.media("/r/full")));
+  EXPECT_FALSE(fs::exists(image.media("/r/full/x")));
+}
+
+TEST_F(SearchDeleteTest, DeleteDirRemovesEverythingInPostOrder) {
+  image.File("/del/f1", "1");
+  image.File("/del/a/f2", "2");
+  image.File("/del/a/b/f3", "3");
+  image.Dir("/del/a/b/empty");
+  image.File("/del/c/f4", "4");
+  image.File("/keep", "k");
+  Start();
+  sim->enable_log(kUdid, true);
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(DeleteDir(device, "/del"), 0);
+  const std::string out = testing::internal::GetCapturedStdout();
+  EXPECT_EQ(out.rfind("pd->name: del\n", 0), 0u) << out;
+  EXPECT_FALSE(fs::exists(image.media("/del")));
+  EXPECT_TRUE(fs::exists(image.media("/keep")));
+
+  std::vector<std::string> removed;
+  for (auto &r : Log({"RemovePath"})) removed.push_back(r.path);
+  ASSERT_EQ(removed.size(), 9u);
+  EXPECT_EQ(removed.back(), "/del") << "the given directory goes last";
+  auto index = [&](const std::string &p) { return std::find(removed.begin(), removed.end(), p) - removed.begin(); };
+  // Every entry is removed before the directory that holds it.
+  for (size_t i = 0; i < removed.size(); ++i) {
+    const std::string &p = removed[i];
+    const std::string parent = p.substr(0, p.rfind('/'));
+    if (parent.empty()) continue;
+    EXPECT_LT(static_cast<long>(i), index(parent)) << p << " removed after its directory " << parent;
+  }
+  ExpectIdle("DeleteDir");
+}
+
+}  // namespace
+}  // namespace tarn_fs_test

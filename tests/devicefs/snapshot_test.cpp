@@ -1,0 +1,197 @@
+// Directory snapshots: depth limits, counts, record fields, listing order and
+// release.
+#include <functional>
+#include <set>
+
+#include "fs_fixture.h"
+
+namespace tarn_fs_test {
+namespace {
+
+std::vector<std::string> DirNames(const PodDir *d) {
+  std::vector<std::string> out;
+  for (const PodDir *s = d->first_dir; s; s = s->next_dir) out.push_back(s->name);
+  return out;
+}
+
+std::vector<std::string> FileNames(const PodDir *d) {
+  std::vector<std::string> out;
+  for (const PodFile *f = d->first_file; f; f = f->next_file) out.push_back(f->name);
+  return out;
+}
+
+// The device's own listing of a directory, "." and ".." left out.
+std::vector<std::string> DeviceListing(const char *path) {
+  idevice_t dev = nullptr;
+  afc_client_t afc = OpenIdeviceAndAfC(&dev, kUdid);
+  char **names = nullptr;
+  std::vector<std::string> out;
+  if (afc && afc_read_directory(afc, path, &names) == AFC_E_SUCCESS && names) {
+    for (char **n = names; *n; ++n) {
+      if (std::string(*n) != "." && std::string(*n) != "..") out.push_back(*n);
+    }
+  }
+  if (names) afc_dictionary_free(names);
+  CloseIdeviceAndAfC(afc, dev);
+  return out;
+}
+
+int Depth(const PodDir *d) {
+  int deepest = d->level;
+  for (const PodDir *s = d->first_dir; s; s = s->next_dir) deepest = std::max(deepest, Depth(s));
+  return deepest;
+}
+
+class SnapshotTest : public DeviceFsTest {
+ protected:
+  // /s: f1 f2 d1/{g1 d2/{g2 d3/{g3}}}
+  void BuildTree() {
+    image.File("/s/f1", "1");
+    image.File("/s/f2", "22");
+    image.File("/s/d1/g1", "333");
+    image.File("/s/d1/d2/g2", "4444");
+    image.File("/s/d1/d2/d3/g3", "55555");
+  }
+  PodDir *Snap(const char *path, uint32_t max_level) {
+    testing::internal::CaptureStdout();
+    PodDir *root = GetPodDir(device, path, max_level);
+    testing::internal::GetCapturedStdout();
+    return root;
+  }
+  void Free(PodDir *root) {
+    testing::internal::CaptureStdout();
+    FreePodDir(root, 1, root);
+    testing::internal::GetCapturedStdout();
+  }
+};
+
+TEST_F(SnapshotTest, DepthLimitDecidesWhatIsReadAndCountedInTheRoot) {
+  BuildTree();
+  Start();
+  struct Case {
+    uint32_t max_level;
+    int dirs, files, deepest;
+  } cases[] = {{1, 1, 2, 1}, {2, 2, 3, 2}, {3, 3, 4, 3}, {0, 3, 5, 3}, {99, 3, 5, 3}};
+  for (auto &c : cases) {
+    PodDir *root = Snap("/s", c.max_level);
+    ASSERT_NE(root, nullptr);
+    EXPECT_EQ(root->dir_count, c.dirs) << "max_level " << c.max_level;
+    EXPECT_EQ(root->file_count, c.files) << "max_level " << c.max_level;
+    EXPECT_EQ(root->max_level, static_cast<int32_t>(c.max_level));
+    EXPECT_EQ(root->level, 0);
+    EXPECT_EQ(Depth(root), c.deepest) << "max_level " << c.max_level;
+    if (c.max_level == 1) {
+      // The last permitted level is recorded, its content is not read.
+      ASSERT_NE(root->first_dir, nullptr);
+      EXPECT_EQ(root->first_dir->level, 1);
+      EXPECT_EQ(root->first_dir->first_dir, nullptr);
+      EXPECT_EQ(root->first_dir->first_file, nullptr);
+      EXPECT_NE(root->first_dir->modify_date, nullptr);
+    }
+    Free(root);
+    ExpectIdle("GetPodDir");
+  }
+}
+
+TEST_F(SnapshotTest, RecordsCarryPathsSizesDatesAndLinks) {
+  BuildTree();
+  Start();
+  PodDir *root = Snap("/s", 0);
+  ASSERT_NE(root, nullptr);
+  EXPECT_STREQ(root->path, "/s");
+  EXPECT_EQ(root->name, nullptr);
+  EXPECT_EQ(root->parent, nullptr);
+  EXPECT_NE(root->modify_date, nullptr);
+  ASSERT_EQ(DirNames(root), std::vector<std::string>{"d1"});
+  PodDir *d1 = root->first_dir;
+  EXPECT_STREQ(d1->path, "/s/d1");
+  EXPECT_STREQ(d1->parent_path, "/s");
+  EXPECT_EQ(d1->parent, root);
+  EXPECT_EQ(d1->reserved, nullptr);
+  ASSERT_NE(d1->first_file, nullptr);
+  PodFile *g1 = d1->first_file;
+  EXPECT_STREQ(g1->name, "g1");
+  EXPECT_STREQ(g1->path, "/s/d1/g1");
+  EXPECT_STREQ(g1->parent_path, "/s/d1");
+  EXPECT_STREQ(g1->size, "3");
+  EXPECT_EQ(g1->parent, d1);
+
+  char **info = GetDirOrFileInfo(device, "/s/d1/g1");
+  EXPECT_STREQ(g1->modify_date, info[2]);
+  EXPECT_STREQ(g1->create_date, info[4]);
+  g_strfreev(info);
+
+  // Siblings link both ways.
+  PodFile *f1 = root->first_file;
+  ASSERT_NE(f1, nullptr);
+  ASSERT_NE(f1->next_file, nullptr);
+  EXPECT_EQ(f1->prev_file, nullptr);
+  EXPECT_EQ(f1->next_file->prev_file, f1);
+  EXPECT_EQ(f1->next_file->next_file, nullptr);
+  Free(root);
+  ExpectIdle("GetPodDir");
+}
+
+TEST_F(SnapshotTest, SiblingOrderIsTheDevicesListingOrder) {
+  for (const char *n : {"zeta", "alpha", "Mid", "beta", "10", "9"}) image.File(std::string("/o/") + n, n);
+  for (const char *n : {"yy", "aa", "Kk"}) image.Dir(std::string("/o/") + n);
+  Start();
+  std::vector<std::string> files, dirs;
+  for (auto &n : DeviceListing("/o")) {
+    (fs::is_directory(image.media("/o/" + n)) ? dirs : files).push_back(n);
+  }
+  ASSERT_EQ(files.size(), 6u);
+  PodDir *root = Snap("/o", 0);
+  EXPECT_EQ(FileNames(root), files);
+  EXPECT_EQ(DirNames(root), dirs);
+  Free(root);
+}
+
+TEST_F(SnapshotTest, EmptyDirectoryAndDeviceRootSnapshots) {
+  image.Dir("/empty");
+  Start();
+  PodDir *root = Snap("/empty", 0);
+  EXPECT_EQ(root->dir_count, 0);
+  EXPECT_EQ(root->file_count, 0);
+  EXPECT_EQ(root->first_dir, nullptr);
+  EXPECT_EQ(root->first_file, nullptr);
+  Free(root);
+
+  // The separator is always inserted, so entries of "/" begin with "//".
+  root = Snap("/", 1);
+  std::set<std::string> paths;
+  for (PodDir *d = root->first_dir; d; d = d->next_dir) paths.insert(d->path);
+  EXPECT_TRUE(paths.count("//empty")) << "paths below / are written //name";
+  Free(root);
+  ExpectIdle("GetPodDir");
+}
+
+TEST_F(SnapshotTest, FreeWithAndWithoutTheDirectoryItself) {
+  BuildTree();
+  Start();
+  PodDir *root = Snap("/s", 0);
+  testing::internal::CaptureStdout();
+  FreePodDir(root, 0, root);
+  const std::string out = testing::internal::GetCapturedStdout();
+  // Subdirectories first, then the files of each directory; the root's
+  // two files come in the device's order.
+  const std::string deep =
+      "next_dir /s/d1\nnext_dir /s/d1/d2\nnext_dir /s/d1/d2/d3\nnext_file /s/d1/d2/d3/g3\n"
+      "next_file /s/d1/d2/g2\nnext_file /s/d1/g1\n";
+  EXPECT_EQ(out.substr(0, deep.size()), deep) << out;
+  const std::string rest = out.substr(std::min(deep.size(), out.size()));
+  EXPECT_TRUE(rest == "next_file /s/f1\nnext_file /s/f2\n" || rest == "next_file /s/f2\nnext_file /s/f1\n") << out;
+  // The root survives, emptied and with its counts back at zero.
+  EXPECT_EQ(root->dir_count, 0);
+  EXPECT_EQ(root->file_count, 0);
+  EXPECT_EQ(root->first_dir, nullptr);
+  EXPECT_EQ(root->first_file, nullptr);
+  EXPECT_STREQ(root->path, "/s");
+  // Freeing it with flag 1 releases the rest (LeakSanitizer checks).
+  testing::internal::CaptureStdout();
+  FreePodDir(root, 1, root);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+}
+
+}  // namespace
+}  // namespace tarn_fs_test

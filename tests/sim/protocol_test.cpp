@@ -5,7 +5,13 @@
 #include <libimobiledevice/lockdown.h>
 #include <plist/plist.h>
 
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <atomic>
+#include <filesystem>
 #include <chrono>
 #include <mutex>
 #include <thread>
@@ -15,6 +21,7 @@
 #include "simulator.h"
 
 using namespace tarn::testing;
+extern char** environ;
 
 namespace {
 
@@ -158,6 +165,51 @@ TEST_F(ProtocolTest, ListenReportsAttachAndDetach) {
   std::string ids = run_command("idevice_id -l");
   EXPECT_EQ(ids.find("second-device"), std::string::npos) << ids;
   EXPECT_NE(ids.find("third"), std::string::npos) << ids;
+}
+
+TEST(DevsimProcess, StopsCleanlyOnSignals) {
+  for (int sig : {SIGTERM, SIGINT}) {
+    TempDir dir, img;
+    make_sim_image(img.path(), {});
+    std::string sock = dir.path() + "/mux", bin = TARN_DEVSIM_PATH, dev = img.path() + ",udid=x";
+    std::vector<char*> argv = {bin.data(), const_cast<char*>("--socket"), sock.data(),
+                               const_cast<char*>("--device"), dev.data(), nullptr};
+    int out[2];
+    ASSERT_EQ(::pipe(out), 0);
+    posix_spawn_file_actions_t fa;
+    posix_spawn_file_actions_init(&fa);
+    posix_spawn_file_actions_adddup2(&fa, out[1], 1);
+    pid_t pid = -1;
+    ASSERT_EQ(posix_spawn(&pid, bin.c_str(), &fa, nullptr, argv.data(), environ), 0);
+    posix_spawn_file_actions_destroy(&fa);
+    ::close(out[1]);
+    char line[256] = {};
+    ASSERT_GT(::read(out[0], line, sizeof line - 1), 0);  // blocks until ready
+    ::close(out[0]);
+    EXPECT_EQ(std::string(line), "tarn-devsim: ready on " + sock + "\n");
+    EXPECT_TRUE(std::filesystem::exists(sock));
+    EXPECT_TRUE(std::filesystem::exists(sock + ".ctl"));
+    ::kill(pid, sig);
+    int status = -1;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_FALSE(std::filesystem::exists(sock));
+    EXPECT_FALSE(std::filesystem::exists(sock + ".ctl"));
+  }
+}
+
+TEST(DevsimProcess, RejectsBadStartArguments) {
+  TempDir img;
+  make_sim_image(img.path(), {});
+  for (std::string args : {std::string("--device ") + img.path(),  // no socket
+                           std::string("--socket /tmp/x --device /nonexistent"),
+                           "--socket /tmp/x --device " + img.path() + ",bogus=1",
+                           "--socket /tmp/x --device " + img.path() + ",latency_us=abc"}) {
+    int status = 0;
+    std::string out = run_command(std::string(TARN_DEVSIM_PATH) + " " + args, &status);
+    EXPECT_NE(status, 0) << args;
+    EXPECT_NE(out.find("tarn-devsim:"), std::string::npos) << out;
+  }
 }
 
 }  // namespace

@@ -11,6 +11,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -90,15 +92,23 @@ void Simulator::Impl::stop() {
     ::kill(pid, SIGTERM);
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     int status = 0;
+    bool killed = false;
     while (::waitpid(pid, &status, WNOHANG) == 0) {
       if (std::chrono::steady_clock::now() > deadline) {
         ::kill(pid, SIGKILL);
         ::waitpid(pid, &status, 0);
+        killed = true;
         break;
       }
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     pid = -1;
+    // A clean stop exits 0; anything else (a sanitizer report, a crash, a
+    // hang on shutdown) is a simulator bug the test run must show.
+    if (killed)
+      ADD_FAILURE() << "tarn-devsim did not stop within 10 s of SIGTERM";
+    else if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
+      ADD_FAILURE() << "tarn-devsim ended badly (status " << status << "); see its stderr";
   }
   if (out_fd >= 0) ::close(out_fd);
   out_fd = -1;

@@ -7,7 +7,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -17,6 +16,7 @@
 #include <thread>
 #include <vector>
 
+#include "sim_image.h"
 #include "simulator.h"
 #include "tarn/tarn_device.h"
 
@@ -49,29 +49,25 @@ inline void WriteAll(const fs::path &p, const std::string &bytes) {
 class Image {
  public:
   Image() {
-    static std::atomic<int> counter{0};
-    root_ = fs::temp_directory_path() /
-            ("tarn-devicefs-" + std::to_string(::getpid()) + "-" + std::to_string(counter++));
-    fs::remove_all(root_);
-    fs::create_directories(root_ / "media");
-    fs::create_directories(root_ / "host");
-    std::ofstream(root_ / "device.json") << "{\"UniqueDeviceID\": \"" << kUdid
-                                          << "\", \"DeviceName\": \"Tarn FS\"}";
+    tarn::testing::make_sim_image(dir_.path(), {tarn::testing::ImageEntry::directory("")},
+                                  std::string("{\"UniqueDeviceID\": \"") + kUdid + "\"}");
+    fs::create_directories(host());
   }
-  ~Image() { fs::remove_all(root_); }
-  Image(const Image &) = delete;
-  Image &operator=(const Image &) = delete;
 
-  const fs::path &root() const { return root_; }
+  fs::path root() const { return dir_.path(); }
   // The host file behind a device path ("/a/b" -> <root>/media/a/b).
-  fs::path media(const std::string &device_path) const { return root_ / "media" / device_path.substr(1); }
-  fs::path host(const std::string &rel = "") const { return rel.empty() ? root_ / "host" : root_ / "host" / rel; }
+  fs::path media(const std::string &device_path) const { return root() / "media" / device_path.substr(1); }
+  fs::path host(const std::string &rel = "") const { return rel.empty() ? root() / "host" : root() / "host" / rel; }
 
-  void File(const std::string &device_path, const std::string &bytes) const { WriteAll(media(device_path), bytes); }
-  void Dir(const std::string &device_path) const { fs::create_directories(media(device_path)); }
+  void File(const std::string &device_path, const std::string &bytes) const {
+    tarn::testing::make_sim_image(dir_.path(), {tarn::testing::ImageEntry::file(device_path.substr(1), bytes)});
+  }
+  void Dir(const std::string &device_path) const {
+    tarn::testing::make_sim_image(dir_.path(), {tarn::testing::ImageEntry::directory(device_path.substr(1))});
+  }
 
  private:
-  fs::path root_;
+  tarn::testing::TempDir dir_;
 };
 
 class DeviceFsTest : public ::testing::Test {

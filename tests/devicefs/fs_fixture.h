@@ -84,15 +84,9 @@ class DeviceFsTest : public ::testing::Test {
     device = CreatePodDevice(kUdid);
   }
 
-  // Nothing of a call may outlive it on the device. The simulator notices a
-  // closed socket only when it next polls, so give it a moment.
+  // Nothing of a call may outlive it on the device.
   void ExpectIdle(const std::string &after) {
-    tarn::testing::SimStats s;
-    for (int i = 0; i < 100; ++i) {
-      s = sim->stats(kUdid);
-      if (s.connections_open == 0 && s.files_open == 0 && s.locks_held == 0) break;
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    const tarn::testing::SimStats s = sim->idle_stats(kUdid);
     EXPECT_EQ(s.connections_open, 0) << "connection left open after " << after;
     EXPECT_EQ(s.files_open, 0) << "file handle left open after " << after;
     EXPECT_EQ(s.locks_held, 0) << "lock left held after " << after;

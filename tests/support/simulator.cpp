@@ -260,4 +260,14 @@ std::vector<SimRequest> Simulator::request_log(const std::string& udid) {
   return out;
 }
 
+SimStats Simulator::idle_stats(const std::string& udid) {
+  SimStats s;
+  for (int i = 0; i < 100; ++i) {
+    s = stats(udid);
+    if (s.connections_open == 0 && s.files_open == 0 && s.locks_held == 0) break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return s;
+}
+
 }  // namespace tarn::testing

@@ -57,6 +57,10 @@ class Simulator {
   void detach(const std::string& udid);
 
   SimStats stats(const std::string& udid);
+  // Stats once the device holds no connection, file handle or lock, or the
+  // last stats read after about a second. The simulator notices a closed
+  // socket only when it next polls, so a check right after a call would race.
+  SimStats idle_stats(const std::string& udid);
   void reset_stats(const std::string& udid);
   void enable_log(const std::string& udid, bool on);
   std::vector<SimRequest> request_log(const std::string& udid);

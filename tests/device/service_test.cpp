@@ -1,0 +1,227 @@
+// The entry points an application calls before it has chosen a device: the
+// service record, the device list, the handle with its slot table, and the
+// per-call connection.
+#include <gtest/gtest.h>
+#include <libimobiledevice/libimobiledevice.h>
+#include <plist/plist.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <fstream>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "sim_image.h"
+#include "simulator.h"
+#include "tarn/tarn_device.h"
+
+namespace {
+
+using tarn::testing::ImageEntry;
+using tarn::testing::SimDevice;
+using tarn::testing::Simulator;
+using tarn::testing::TempDir;
+
+constexpr const char *kFirst = "00008030-000A11CE0000001E";
+constexpr const char *kSecond = "00008030-000B0B000000002E";
+
+std::string MakeImage(const TempDir &dir, const std::string &name) {
+  const std::string root = dir.path() + "/" + name;
+  tarn::testing::make_sim_image(root, {ImageEntry::file("hello.txt", "hello")});
+  return root;
+}
+
+std::vector<std::string> Strings(plist_t array) {
+  std::vector<std::string> out;
+  for (uint32_t i = 0; i < plist_array_get_size(array); ++i) {
+    char *s = nullptr;
+    plist_get_string_val(plist_array_get_item(array, i), &s);
+    out.push_back(s ? s : "");
+    free(s);
+  }
+  return out;
+}
+
+TEST(DeviceList, NoDeviceGivesNullAndOnlyTheEntryLine) {
+  Simulator sim;
+  testing::internal::CaptureStdout();
+  plist_t list = GetDevicesId();
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "GetDevicesId\n");
+  EXPECT_EQ(list, nullptr);
+}
+
+TEST(DeviceList, ListsAttachedDevicesInOrderAndFollowsDetach) {
+  TempDir dir;
+  Simulator sim({{MakeImage(dir, "a"), kFirst, {}}, {MakeImage(dir, "b"), kSecond, {}}});
+
+  testing::internal::CaptureStdout();
+  plist_t list = GetDevicesId();
+  const std::string out = testing::internal::GetCapturedStdout();
+  ASSERT_NE(list, nullptr);
+  EXPECT_EQ(Strings(list), (std::vector<std::string>{kFirst, kSecond}));
+  // The entry line, the end line, then the array as XML after the separator.
+  EXPECT_EQ(out.rfind("GetDevicesId\nGetDevicesId END\n..................................\nthe xml_doc:\n <?xml", 0), 0u)
+      << out;
+  EXPECT_NE(out.find(std::string("<string>") + kSecond + "</string>"), std::string::npos);
+  plist_free(list);
+
+  sim.detach(kFirst);
+  testing::internal::CaptureStdout();
+  list = GetDevicesId();
+  testing::internal::GetCapturedStdout();
+  ASSERT_NE(list, nullptr);
+  EXPECT_EQ(Strings(list), std::vector<std::string>{kSecond});
+  plist_free(list);
+}
+
+TEST(ServiceRecord, HoldsTheThreeEntryPointsInOrder) {
+  testing::internal::CaptureStdout();
+  PodDeviceService *service = CreatePodDeviceService();
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "CreatePodDeviceService\n");
+  ASSERT_NE(service, nullptr);
+  void *const *slots = reinterpret_cast<void *const *>(service);
+  EXPECT_EQ(slots[0], reinterpret_cast<void *>(&GetDevicesId));
+  EXPECT_EQ(slots[1], reinterpret_cast<void *>(&CreatePodDevice));
+  EXPECT_EQ(slots[2], reinterpret_cast<void *>(&FreePodDevice));
+  FreePodDeviceService(service);
+  FreePodDeviceService(nullptr);
+}
+
+TEST(DeviceHandle, SlotTableCallsTheExportedFunctionsInItsFixedOrder) {
+  testing::internal::CaptureStdout();
+  PodDevice *device = CreatePodDevice(kFirst);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "CreatePodDevice\n");
+  ASSERT_NE(device, nullptr);
+  // The application reads the record as 32 pointer-size fields.
+  void *const *f = reinterpret_cast<void *const *>(device);
+  const std::vector<void *> expected = {
+      reinterpret_cast<void *>(&InitDevice),         reinterpret_cast<void *>(&GetDeviceInfo),
+      reinterpret_cast<void *>(&CopyFileFromDeviceToNative),
+      reinterpret_cast<void *>(&CopyFileFromNativeToDevice),
+      reinterpret_cast<void *>(&CopyDeviceDirectory), reinterpret_cast<void *>(&GetMusicList),
+      reinterpret_cast<void *>(&GetMovieList),       reinterpret_cast<void *>(&GetMusicList),
+      reinterpret_cast<void *>(&GetPlayList),        reinterpret_cast<void *>(&GetMovieList),
+      reinterpret_cast<void *>(&GetPodcastList),     reinterpret_cast<void *>(&GetTvshowList),
+      reinterpret_cast<void *>(&GetAudioBookList),   reinterpret_cast<void *>(&GetRecordingList),
+      reinterpret_cast<void *>(&GetRingtonesList),
+      reinterpret_cast<void *>(&GetUserPictureListFromDevice),
+      reinterpret_cast<void *>(&GetBookList),        reinterpret_cast<void *>(&GetCameraPVList),
+      reinterpret_cast<void *>(&MakeDir),            reinterpret_cast<void *>(&IsDirExist),
+      reinterpret_cast<void *>(&IsFileExist),        reinterpret_cast<void *>(&RenamePath),
+      reinterpret_cast<void *>(&DeleteFile),         reinterpret_cast<void *>(&DeleteDir),
+      reinterpret_cast<void *>(&GetPodDir),          reinterpret_cast<void *>(&FreePodDir),
+      reinterpret_cast<void *>(&GetDirOrFileInfo),   reinterpret_cast<void *>(&SearchFile)};
+  ASSERT_EQ(expected.size(), 28u);
+  for (size_t i = 0; i < expected.size(); ++i) {
+    EXPECT_EQ(f[4 + i], expected[i]) << "slot at position " << (5 + i);
+  }
+  EXPECT_STREQ(device->deviceId, kFirst);
+  EXPECT_EQ(device->userData, nullptr);
+  EXPECT_EQ(device->dbInfo, nullptr);
+  EXPECT_EQ(device->hostDir, nullptr);
+
+  // The identifier is the handle's own copy.
+  std::string id = kSecond;
+  PodDevice *other = CreatePodDevice(id.c_str());
+  id.assign(id.size(), 'x');
+  EXPECT_STREQ(other->deviceId, kSecond);
+
+  FreePodDevice(device);
+  FreePodDevice(other);
+  FreePodDevice(nullptr);
+}
+
+class ConnectionTest : public ::testing::Test {
+ protected:
+  void Start(const std::vector<std::string> &options = {}) {
+    sim = std::make_unique<Simulator>(std::vector<SimDevice>{{MakeImage(dir, "a"), kFirst, options}});
+  }
+  void ExpectIdle() {
+    const auto s = sim->idle_stats(kFirst);
+    EXPECT_EQ(s.connections_open, 0);
+    EXPECT_EQ(s.files_open, 0);
+  }
+  TempDir dir;
+  std::unique_ptr<Simulator> sim;
+};
+
+TEST_F(ConnectionTest, OpensAWorkingFileConduitAndClosesEverything) {
+  Start();
+  idevice_t conn = nullptr;
+  afc_client_t afc = OpenIdeviceAndAfC(&conn, kFirst);
+  ASSERT_NE(afc, nullptr);
+  ASSERT_NE(conn, nullptr);
+  char **info = nullptr;
+  ASSERT_EQ(afc_get_file_info(afc, "/hello.txt", &info), AFC_E_SUCCESS);
+  g_strfreev(info);
+  // Only the device connection and the file conduit stay: lockdown is gone.
+  EXPECT_EQ(sim->stats(kFirst).connections_open, 1);
+  CloseIdeviceAndAfC(afc, conn);
+  ExpectIdle();
+}
+
+TEST_F(ConnectionTest, FailuresGiveNullAndLeaveTheConnectionToTheCaller) {
+  struct Case {
+    const char *what;
+    std::vector<std::string> options;
+    const char *udid;
+    bool connection_expected;
+  } cases[] = {
+      {"unknown device", {}, "ffffffffffffffffffffffffffffffffffffffff", false},
+      {"refused handshake", {"refuse_handshake=1"}, kFirst, true},
+      {"refused file conduit", {"refuse_afc=1"}, kFirst, true},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.what);
+    Start(c.options);
+    idevice_t conn = nullptr;
+    EXPECT_EQ(OpenIdeviceAndAfC(&conn, c.udid), nullptr);
+    EXPECT_EQ(conn != nullptr, c.connection_expected);
+    CloseIdeviceAndAfC(nullptr, conn);
+    ExpectIdle();
+    sim.reset();
+  }
+}
+
+// An application links against exactly the documented interface: every
+// function the header declares is exported, and nothing else is.
+TEST(Exports, TheLibraryExportsExactlyTheDeclaredFunctions) {
+  std::ifstream header(std::string(TARN_SOURCE_DIR) + "/include/tarn/tarn_device.h");
+  std::stringstream text;
+  text << header.rdbuf();
+  std::set<std::string> declared;
+  const std::string src = text.str();
+  // A declaration names its function before the first '(' on its line; the
+  // macro's own definition is the one line that does not.
+  const std::regex decl(R"(\nTARN_API [^;(\n]*?\b([A-Za-z_][A-Za-z0-9_]*)\s*\()");
+  for (auto it = std::sregex_iterator(src.begin(), src.end(), decl); it != std::sregex_iterator(); ++it) {
+    declared.insert((*it)[1]);
+  }
+  ASSERT_GT(declared.size(), 80u);
+
+  const std::string cmd = std::string("nm -D --defined-only ") + TARN_DEVICE_LIB_PATH;
+  FILE *p = popen(cmd.c_str(), "r");
+  ASSERT_NE(p, nullptr);
+  std::set<std::string> exported;
+  char line[512];
+  while (fgets(line, sizeof line, p)) {
+    char type = 0;
+    char name[400];
+    if (sscanf(line, "%*s %c %399s", &type, name) == 2 && (type == 'T' || type == 'D' || type == 'B')) {
+      exported.insert(name);
+    }
+  }
+  ASSERT_EQ(pclose(p), 0);
+  std::vector<std::string> missing, extra;
+  std::set_difference(declared.begin(), declared.end(), exported.begin(), exported.end(),
+                      std::back_inserter(missing));
+  std::set_difference(exported.begin(), exported.end(), declared.begin(), declared.end(),
+                      std::back_inserter(extra));
+  EXPECT_TRUE(missing.empty()) << "declared, not exported: " << ::testing::PrintToString(missing);
+  EXPECT_TRUE(extra.empty()) << "exported, not declared: " << ::testing::PrintToString(extra);
+}
+
+}  // namespace

@@ -475,7 +475,10 @@ TARN_API plist_t ReadUserPictureDbTypeCdb(const char *path);
  * slots, 0 "st_ifmt" (a directory is "S_IFDIR"), 1 size, 2 modification
  * time in whole seconds, 3 blocks, 4 creation time in whole seconds, 5 NULL.
  * A slot the device did not send is NULL; all are NULL when the query failed.
- * @return A new vector (never NULL), released with g_strfreev().
+ * @return A new vector (never NULL), released with g_strfreev(). g_strfreev()
+ *         stops at the first NULL slot, so a caller that meets a device
+ *         leaving keys out frees slots 0 to 4 with g_free() and then the
+ *         vector with g_free() instead.
  */
 TARN_API char **GetFileInfo(afc_client_t client, const char *path);
 /** GetFileInfo() over a per-call connection. Prints nothing. */

@@ -33,6 +33,19 @@ struct StrvDeleter {
 // A NULL-terminated string vector released with g_strfreev.
 using StrVec = std::unique_ptr<char *, StrvDeleter>;
 
+// A file-information vector (GetFileInfo): five value slots, any of which is
+// NULL when the device left that key out, then the terminating NULL.
+// g_strfreev would stop at the first hole and leak the slots after it.
+inline constexpr int kFileInfoValueSlots = 5;
+struct FileInfoDeleter {
+  void operator()(char **v) const {
+    if (!v) return;
+    for (int i = 0; i < kFileInfoValueSlots; ++i) g_free(v[i]);
+    g_free(v);
+  }
+};
+using FileInfo = std::unique_ptr<char *, FileInfoDeleter>;
+
 struct FileCloser {
   void operator()(FILE *f) const { if (f) std::fclose(f); }
 };

@@ -154,7 +154,7 @@ TARN_API PodDir *GetPodDir(PodDevice *device, const char *path, uint32_t max_lev
   tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
   auto *root = static_cast<PodDir *>(std::calloc(1, sizeof(PodDir)));
   root->path = CopyOrNull(path);
-  tarn::StrVec info(GetFileInfo(conn.afc(), path));
+  tarn::FileInfo info(GetFileInfo(conn.afc(), path));
   SetDirInfo(info.get(), root, path);
   // A limit beyond what a signed level can hold is no limit at all (the walk
   // still stops at TARN_MAX_WALK_DEPTH).

@@ -137,7 +137,7 @@ extern "C" {
 
 TARN_API void _CopyFileFromDeviceToNative(PodDevice *device, afc_client_t client, const char *device_path,
                                           const char *host_path, PodProgressCallback progress) {
-  tarn::StrVec info(GetFileInfo(client, device_path));
+  tarn::FileInfo info(GetFileInfo(client, device_path));
   if (info.get()[tarn::kInfoKind] == nullptr) return;
   const char *size = info.get()[tarn::kInfoSize];
   const uint64_t total = size ? std::strtoull(size, nullptr, 10) : 0;
@@ -226,7 +226,7 @@ TARN_API void _CopyDirectory(PodDevice *device, afc_client_t client, const char 
   const std::string target = AsDirectory(host_parent, name);
   std::printf("from is %s\n", source.c_str());
   std::printf("to is %s\n", target.c_str());
-  tarn::StrVec info(GetFileInfo(client, source.c_str()));
+  tarn::FileInfo info(GetFileInfo(client, source.c_str()));
   TreeCopier copier(device, client);
   if (!copier.Copy(source, target, info.get())) return;
   info.reset();

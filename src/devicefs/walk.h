@@ -79,7 +79,7 @@ bool WalkDirectory(afc_client_t client, const std::string &dir, int depth, Visit
   for (char **name = names.get(); *name != nullptr; ++name) {
     if (!IsWalkableName(*name)) continue;
     const std::string path = JoinDevicePath(dir, *name, join);
-    StrVec info(GetFileInfo(client, path.c_str()));
+    FileInfo info(GetFileInfo(client, path.c_str()));
     const WalkEntry entry{*name, path, info.get(), depth + 1, IsDirInfo(info.get())};
     bool listed = false;
     if (visitor.Enter(entry) && entry.is_dir) listed = WalkDirectory(client, path, depth + 1, visitor, join);

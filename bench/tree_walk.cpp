@@ -1,0 +1,164 @@
+// Tree walks against a raw loop making the same requests: GetPodDir,
+// SearchFile and DeleteDir over a tree of about 20,000 entries, with no
+// latency and with a USB-like latency per request. The simulator counts the
+// file-conduit requests of each call; they are printed beside the count the
+// walk needs (one listing per directory, one information query per entry,
+// and for the delete one removal per entry), so that a walk that asks
+// twice shows up even where the time does not.
+//
+//   bench_tree_walk [--fanout N] [--files N] [--reps N]
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "bench_util.h"
+#include "sim_image.h"
+#include "simulator.h"
+#include "tarn/tarn_device.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace tarn::bench;
+using tarn::testing::ImageEntry;
+
+constexpr const char *kUdid = "00008030-00BE0C0000000002";
+
+struct Counts {
+  uint64_t list = 0, info = 0, remove = 0;
+  bool operator==(const Counts &) const = default;
+};
+
+std::string Text(const Counts &c) {
+  std::string s = std::to_string(c.list) + " lists, " + std::to_string(c.info) + " infos";
+  if (c.remove) s += ", " + std::to_string(c.remove) + " removes";
+  return s;
+}
+
+// The same requests the library's walks make, straight through
+// libimobiledevice: list a directory, query each entry, descend depth first,
+// and (for a delete) remove files and then the emptied directory.
+void RawWalk(afc_client_t afc, const std::string &dir, bool remove) {
+  char **names = nullptr;
+  if (afc_read_directory(afc, dir.c_str(), &names) != AFC_E_SUCCESS) return;
+  for (char **n = names; *n; ++n) {
+    if (std::string(*n) == "." || std::string(*n) == "..") continue;
+    const std::string path = dir + "/" + *n;
+    char **info = nullptr;
+    afc_get_file_info(afc, path.c_str(), &info);
+    bool is_dir = false;
+    for (char **kv = info; kv && kv[0] && kv[1]; kv += 2) {
+      if (std::string(kv[0]) == "st_ifmt") is_dir = std::string(kv[1]) == "S_IFDIR";
+    }
+    afc_dictionary_free(info);
+    if (is_dir) RawWalk(afc, path, remove);
+    else if (remove) afc_remove_path(afc, path.c_str());
+  }
+  afc_dictionary_free(names);
+  if (remove) afc_remove_path(afc, dir.c_str());
+}
+
+}  // namespace
+
+int main(int argc, char **argv) try {
+  // 20 x 20 directories of 49 files: 400 directories and 19,600 files.
+  const int fanout = static_cast<int>(Option(argc, argv, "--fanout", 20));
+  const int files = static_cast<int>(Option(argc, argv, "--files", 49));
+  const int reps = static_cast<int>(Option(argc, argv, "--reps", 5));
+
+  tarn::testing::TempDir dir;
+  const std::string image = dir.path() + "/image", pristine = dir.path() + "/tree";
+  {
+    std::vector<ImageEntry> tree;
+    for (int a = 0; a < fanout; ++a) {
+      for (int b = 0; b < fanout; ++b) {
+        const std::string d = "T/d" + std::to_string(a) + "/e" + std::to_string(b);
+        tree.push_back(ImageEntry::directory(d));
+        for (int f = 0; f < files; ++f) tree.push_back(ImageEntry::file(d + "/track" + std::to_string(f) + ".m4a", "x"));
+      }
+    }
+    tarn::testing::make_sim_image(image, tree);
+    fs::copy(image + "/media/T", pristine, fs::copy_options::recursive);
+  }
+  const uint64_t dirs = static_cast<uint64_t>(fanout) * fanout + fanout;
+  const uint64_t entries = dirs + static_cast<uint64_t>(fanout) * fanout * files;
+  std::fprintf(stderr, "bench_tree_walk: %llu entries below /T\n", static_cast<unsigned long long>(entries));
+  auto restore = [&] {
+    fs::remove_all(image + "/media/T");
+    fs::copy(pristine, image + "/media/T", fs::copy_options::recursive);
+  };
+
+  for (const long latency : {0L, 200L}) {
+    std::vector<std::string> options;
+    if (latency) options.push_back("latency_us=" + std::to_string(latency));
+    tarn::testing::Simulator sim({{image, kUdid, options}});
+    PodDevice *device = nullptr;
+    {
+      QuietStdout quiet;
+      device = CreatePodDevice(kUdid);
+    }
+    auto counted = [&](const std::function<void()> &run) {
+      sim.reset_stats(kUdid);
+      run();
+      const auto s = sim.stats(kUdid);
+      return Counts{s.total("ReadDirectory"), s.total("GetFileInfo"), s.total("RemovePath")};
+    };
+    const std::string tag = latency ? ", " + std::to_string(latency) + " us/request" : "";
+
+    struct Walk {
+      std::string name;
+      Counts expected;
+      std::function<void()> library;
+      bool removes;
+    } walks[] = {
+        {"GetPodDir", {dirs + 1, entries + 1, 0},
+         [&] {
+           PodDir *root = GetPodDir(device, "/T", 0);
+           FreePodDir(root, 1, root);
+         },
+         false},
+        {"SearchFile", {dirs + 1, entries, 0},
+         [&] { FreeSearchResult(SearchFile(device, "/T", "track7.")); }, false},
+        {"DeleteDir", {dirs + 1, entries, entries + 1}, [&] { DeleteDir(device, "/T"); }, true},
+    };
+    RawAfc raw(kUdid);
+    for (auto &w : walks) {
+      Counts got;
+      {
+        QuietStdout quiet;
+        if (w.removes) restore();
+        got = counted(w.library);
+      }
+      std::vector<double> lib, floor;
+      for (int i = 0; i < reps; ++i) {
+        if (w.removes) restore();
+        floor.push_back(Seconds([&] {
+          // A snapshot also describes its root.
+          if (w.name == "GetPodDir") {
+            char **info = nullptr;
+            afc_get_file_info(raw.get(), "/T", &info);
+            afc_dictionary_free(info);
+          }
+          RawWalk(raw.get(), "/T", w.removes);
+        }));
+        if (w.removes) restore();
+        QuietStdout quiet;
+        lib.push_back(Seconds(w.library));
+      }
+      const double l = Median(lib), f = Median(floor);
+      Print({w.name + " " + std::to_string(entries) + " entries" + tag,
+             Format("%.3f s, ", l) + Text(got) + (got == w.expected ? "" : " (needs " + Text(w.expected) + ")"),
+             Format("raw loop %.3f s", f), l / f, 1.1, false});
+    }
+    {
+      QuietStdout quiet;
+      FreePodDevice(device);
+    }
+    restore();
+  }
+  return 0;
+} catch (const std::exception &e) {
+  std::fprintf(stderr, "bench_tree_walk: %s\n", e.what());
+  return 1;
+}

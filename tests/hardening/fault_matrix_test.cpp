@@ -1,0 +1,236 @@
+// The fault matrix: every exported operation that reaches the device, run
+// once healthy to count its file-conduit requests, then once with the
+// connection dropped at each of those requests in turn, and once each with
+// the handshake refused and the file-conduit service refused. Every run must
+// come back in bounded time with the documented failure result (or, for a
+// drop after the decisive answer, the success result), leave the data it
+// touched consistent, and leave nothing open on the device.
+#include <chrono>
+#include <functional>
+#include <set>
+
+#include "../devicefs/fs_fixture.h"
+
+namespace tarn_fs_test {
+namespace {
+
+// How a run is broken: the connection dropped at request index `drop`
+// (0-based), or, with drop < 0, a connection that never comes up.
+struct Fault {
+  int drop = -1;
+  std::string option;  // "refuse_handshake" or "refuse_afc" when drop < 0
+  bool refused() const { return drop < 0; }
+  // The answer to request `index` (0-based) arrived.
+  bool answered(int index) const { return drop > index; }
+  std::string Describe() const {
+    return refused() ? option : "the connection dropped at request " + std::to_string(drop);
+  }
+};
+
+struct Operation {
+  const char *name;
+  std::function<void()> prepare;  // restores what a previous run changed
+  std::function<void(const Fault &)> run;
+};
+
+bool IsPrefixOf(const std::string &part, const std::string &whole) {
+  return part.size() <= whole.size() && whole.compare(0, part.size(), part) == 0;
+}
+
+// Every file a copy left below `dir` holds the start of its device twin.
+void ExpectPrefixCopies(const fs::path &dir, const Image &image, const std::string &device_dir) {
+  if (!fs::exists(dir)) return;
+  for (auto &e : fs::recursive_directory_iterator(dir)) {
+    if (!e.is_regular_file()) continue;
+    const std::string rel = fs::relative(e.path(), dir).string();
+    EXPECT_TRUE(IsPrefixOf(ReadAll(e.path()), ReadAll(image.media(device_dir + "/" + rel)))) << rel;
+  }
+}
+
+// The counts a snapshot root carries match the records below it.
+void CountRecords(const PodDir *dir, int &dirs, int &files) {
+  for (const PodFile *f = dir->first_file; f; f = f->next_file) ++files;
+  for (const PodDir *d = dir->first_dir; d; d = d->next_dir) {
+    ++dirs;
+    CountRecords(d, dirs, files);
+  }
+}
+
+std::set<std::string> SearchPaths(PodSearchItem *first) {
+  std::set<std::string> out;
+  for (PodSearchItem *i = first; i; i = i->next)
+    out.insert(i->kind ? static_cast<PodDir *>(i->record)->path : static_cast<PodFile *>(i->record)->path);
+  return out;
+}
+
+class FaultMatrixTest : public DeviceFsTest {
+ protected:
+  uint64_t Requests() {
+    uint64_t n = 0;
+    for (const auto &[op, count] : sim->stats(kUdid).requests) n += count;
+    return n;
+  }
+
+  // Runs one operation through every fault; returns the number of runs.
+  int RunMatrix(const Operation &op) {
+    SCOPED_TRACE(op.name);
+    op.prepare();
+    sim->reset_stats(kUdid);
+    Quietly([&] { op.run(Fault{1 << 30, ""}); });
+    const int requests = static_cast<int>(Requests());
+    EXPECT_GT(requests, 0) << "a healthy run made no file-conduit request";
+    ExpectIdle(std::string(op.name) + " healthy");
+    std::printf("%s: %d requests\n", op.name, requests);
+
+    std::vector<Fault> faults;
+    for (int n = 0; n < requests; ++n) faults.push_back(Fault{n, ""});
+    faults.push_back(Fault{-1, "refuse_handshake"});
+    faults.push_back(Fault{-1, "refuse_afc"});
+    for (const Fault &f : faults) {
+      SCOPED_TRACE(f.Describe());
+      op.prepare();
+      if (f.refused()) {
+        sim->set_option(kUdid, f.option, "1");
+      } else if (f.drop == 0) {
+        // drop_after_requests=0 means no drop; a byte limit below the first
+        // request's size drops the connection before that request.
+        sim->set_option(kUdid, "drop_after_bytes", "1");
+      } else {
+        sim->set_option(kUdid, "drop_after_requests", std::to_string(f.drop));
+      }
+      const auto start = std::chrono::steady_clock::now();
+      Quietly([&] { op.run(f); });
+      EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10)) << "took too long";
+      sim->clear_faults(kUdid);
+      ExpectIdle(std::string(op.name) + " under " + f.Describe());
+    }
+    return static_cast<int>(faults.size());
+  }
+
+  // The library's console lines are dropped; gtest writes its failure
+  // messages to the same stream, so a run that failed shows its output.
+  static void Quietly(const std::function<void()> &call) {
+    const bool failed_before = HasFailure();
+    testing::internal::CaptureStdout();
+    call();
+    const std::string out = testing::internal::GetCapturedStdout();
+    if (HasFailure() && !failed_before) std::fputs(out.c_str(), stderr);
+  }
+};
+
+TEST_F(FaultMatrixTest, EveryFileSystemOperationFailsCleanlyAtEveryRequest) {
+  const std::string big = Bytes(300000), small = Bytes(70000, 2);
+  image.File("/t/a/f1", big);
+  image.File("/t/a/b/f2", small);
+  image.File("/t/a/b/c/f3", "3");
+  image.File("/com.apple.itunes.lock_sync", "");
+  const std::string upload = Bytes(150000, 4);
+  WriteAll(image.host("up"), upload);
+  Start();
+  const std::set<std::string> all_found = {"/t/a/f1", "/t/a/b/f2", "/t/a/b/c/f3"};
+
+  const Operation ops[] = {
+      {"GetDirOrFileInfo", [] {},
+       [&](const Fault &f) {
+         char **info = GetDirOrFileInfo(device, "/t/a/f1");
+         // One request: either the whole answer or nothing.
+         EXPECT_EQ(info[0] != nullptr, f.answered(0));
+         if (info[0]) {
+           EXPECT_STREQ(info[1], "300000");
+         }
+         for (int i = 0; i < 5; ++i) g_free(info[i]);
+         g_free(info);
+       }},
+      {"IsDirExist", [] {}, [&](const Fault &f) { EXPECT_EQ(IsDirExist(device, "/t/a"), f.answered(0) ? 1 : 0); }},
+      // Open, then close: the open's answer decides.
+      {"IsFileExist", [] {}, [&](const Fault &f) { EXPECT_EQ(IsFileExist(device, "/t/a/f1"), f.answered(0) ? 1 : 0); }},
+      // Lock-file open, lock, make directory, unlock, close.
+      {"MakeDir", [&] { fs::remove_all(image.media("/t/new")); },
+       [&](const Fault &f) {
+         EXPECT_EQ(MakeDir(device, "/t/new/d"), f.answered(0) ? 0 : 1);
+         EXPECT_EQ(fs::is_directory(image.media("/t/new/d")), f.answered(2));
+       }},
+      {"CopyFileFromDeviceToNative", [&] { fs::remove(image.host("f1")); },
+       [&](const Fault &) {
+         CopyFileFromDeviceToNative(device, "/t/a/f1", image.host("f1").c_str(), nullptr);
+         if (fs::exists(image.host("f1"))) {
+           EXPECT_TRUE(IsPrefixOf(ReadAll(image.host("f1")), big));
+         }
+       }},
+      {"CopyFileFromNativeToDevice", [&] { fs::remove(image.media("/t/up")); },
+       [&](const Fault &f) {
+         EXPECT_EQ(CopyFileFromNativeToDevice(device, image.host("up").c_str(), "/t/up", nullptr),
+                   f.answered(0) ? 0 : 1);
+         if (fs::exists(image.media("/t/up"))) {
+           EXPECT_TRUE(IsPrefixOf(ReadAll(image.media("/t/up")), upload));
+         }
+       }},
+      {"CopyDeviceDirectory", [&] { fs::remove_all(image.host("tree")); },
+       [&](const Fault &) {
+         CopyDeviceDirectory(device, "/t/a", image.host("tree").c_str());
+         ExpectPrefixCopies(image.host("tree"), image, "/t/a");
+         for (auto &e : fs::directory_iterator(image.host()))
+           EXPECT_TRUE(e.path().filename() == "tree" || e.path().filename() == "up" || e.path().filename() == "f1")
+               << e.path();
+       }},
+      {"GetPodDir", [] {},
+       [&](const Fault &f) {
+         PodDir *root = GetPodDir(device, "/t", 0);
+         ASSERT_NE(root, nullptr);
+         int dirs = 0, files = 0;
+         CountRecords(root, dirs, files);
+         EXPECT_EQ(root->dir_count, dirs);
+         EXPECT_EQ(root->file_count, files);
+         if (f.refused()) {
+           EXPECT_EQ(dirs + files, 0);
+         }
+         FreePodDir(root, 1, root);
+       }},
+      {"SearchFile", [] {},
+       [&](const Fault &f) {
+         PodSearchItem *found = SearchFile(device, "/t", "f");
+         const std::set<std::string> paths = SearchPaths(found);
+         FreeSearchResult(found);
+         for (auto &p : paths) EXPECT_TRUE(all_found.count(p)) << p;
+         if (f.refused()) {
+           EXPECT_TRUE(paths.empty());
+         }
+       }},
+      // Never reports a failure; the rename happened or it did not.
+      {"RenamePath",
+       [&] {
+         fs::remove(image.media("/t/r2"));
+         image.File("/t/r1", "r");
+       },
+       [&](const Fault &f) {
+         EXPECT_EQ(RenamePath(device, "/t/r1", "/t/r2"), 0);
+         EXPECT_NE(fs::exists(image.media("/t/r1")), fs::exists(image.media("/t/r2")));
+         EXPECT_EQ(fs::exists(image.media("/t/r2")), f.answered(0));
+       }},
+      {"DeleteFile", [&] { image.File("/t/gone", "g"); },
+       [&](const Fault &f) {
+         EXPECT_EQ(DeleteFile(device, "/t/gone"), f.answered(0) ? 0 : 1);
+         EXPECT_EQ(fs::exists(image.media("/t/gone")), !f.answered(0));
+       }},
+      {"DeleteDir",
+       [&] {
+         image.File("/t/del/x", "x");
+         image.File("/t/del/s/y", "y");
+         image.File("/t/keep", "k");
+       },
+       [&](const Fault &f) {
+         EXPECT_EQ(DeleteDir(device, "/t/del"), 0);
+         EXPECT_TRUE(fs::exists(image.media("/t/keep")));
+         if (f.refused()) {
+           EXPECT_TRUE(fs::exists(image.media("/t/del/s/y")));
+         }
+       }},
+  };
+  int runs = 0;
+  for (const Operation &op : ops) runs += RunMatrix(op);
+  RecordProperty("fault_runs", runs);
+  std::printf("fault matrix: %zu operations, %d runs\n", std::size(ops), runs);
+}
+
+}  // namespace
+}  // namespace tarn_fs_test

@@ -18,10 +18,22 @@
  *  - Most functions print a few progress lines on standard output; the lines
  *    are part of the interface and are listed with each function.
  *
- * Threads: the library keeps no global state. One PodDevice handle must not
- * be used by two threads at once (InitDevice writes its fields); different
- * handles, also for the same device, may be used from different threads at
- * the same time. Results may be handed between threads freely.
+ * Threads: the library keeps no global state and starts no threads.
+ *  - May be shared: nothing of the library's own. Different handles, also
+ *    for the same device, may be used from different threads at the same
+ *    time; each call opens its own connection. Results (property lists,
+ *    string vectors, PodDir and search records) belong to the caller and
+ *    may be handed to another thread, but not used by two at once.
+ *  - May not be shared: one PodDevice handle between threads that call
+ *    into it at the same time (InitDevice writes its fields, and the
+ *    progress callback reads userData), and a file-conduit client passed
+ *    to the functions that take one.
+ *  - Progress callbacks run on the thread of the transfer that calls them.
+ *  - The device's sync lock is not a lock between threads: two copies to
+ *    one device at once do not wait for each other; the second goes on
+ *    without the lock.
+ *  - Console lines are written to stdout with puts/printf; lines of calls
+ *    on different threads interleave, each line whole.
  */
 #ifndef TARN_DEVICE_H
 #define TARN_DEVICE_H

@@ -67,6 +67,15 @@ extern "C" {
  */
 #define TARN_MAX_WALK_DEPTH 64
 
+/**
+ * The most entries (files and directories) that one recursive walk visits.
+ * Beyond it the walk skips what is left, so that a device presenting a tree
+ * that fans out without end (two links back up in one directory already
+ * make 2^64 directories above the depth limit) ends the walk after a bounded
+ * number of requests. Several times the entries of the fullest device.
+ */
+#define TARN_MAX_WALK_ENTRIES 1000000
+
 /* ------------------------------------------------------------------------ */
 /* Records                                                                   */
 /* ------------------------------------------------------------------------ */

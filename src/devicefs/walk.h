@@ -8,10 +8,13 @@
 //  - no directory deeper than TARN_MAX_WALK_DEPTH below the start is
 //    listed. A device that presents a cycle (a symbolic link to an ancestor
 //    that it reports as a directory) or an absurdly deep tree therefore ends
-//    the walk after a bounded number of requests, with a bounded stack.
+//    the walk with a bounded stack;
+//  - no more than TARN_MAX_WALK_ENTRIES entries are visited by one walk. The
+//    depth bound alone does not bound the requests: two links back up in
+//    one directory make a tree of 2^64 directories above the depth bound.
 // The walk keeps no record of the directories it has seen: paths are all a
-// device gives us, and a cycle produces ever longer ones, so the depth bound
-// is the only guard that costs nothing per entry.
+// device gives us, and a cycle produces ever longer ones, so the two bounds
+// are the guards that cost nothing per entry.
 #pragma once
 
 #include <cstring>
@@ -62,6 +65,11 @@ struct WalkEntry {
   bool is_dir;              // IsDirInfo(info)
 };
 
+// The entries a walk may still visit, shared by all its directories.
+struct WalkBudget {
+  long left = TARN_MAX_WALK_ENTRIES;
+};
+
 // Walks the entries of dir in the device's listing order, depth first.
 // depth is dir's own depth (0 for the start of a walk). For each walkable
 // entry the walk takes its file-information vector (one request) and calls
@@ -69,20 +77,25 @@ struct WalkEntry {
 // then, after the descent if there was one,
 //   void visitor.Leave(const WalkEntry &, bool listed)
 // where listed says whether the directory could be listed. Returns whether
-// dir itself was listed; directories at TARN_MAX_WALK_DEPTH are not.
+// dir itself was listed; directories at TARN_MAX_WALK_DEPTH are not. Once
+// the budget is spent, the remaining entries are skipped; a walk started
+// without one gets its own.
 template <class Visitor>
 bool WalkDirectory(afc_client_t client, const std::string &dir, int depth, Visitor &visitor,
-                   PathJoin join = PathJoin::kAlwaysSlash) {
+                   PathJoin join = PathJoin::kAlwaysSlash, WalkBudget *budget = nullptr) {
   if (depth >= TARN_MAX_WALK_DEPTH) return false;
+  WalkBudget own;
+  if (budget == nullptr) budget = &own;
   StrVec names = ListDirectory(client, dir.c_str());
   if (!names) return false;
-  for (char **name = names.get(); *name != nullptr; ++name) {
+  for (char **name = names.get(); *name != nullptr && budget->left > 0; ++name) {
     if (!IsWalkableName(*name)) continue;
+    --budget->left;
     const std::string path = JoinDevicePath(dir, *name, join);
     FileInfo info(GetFileInfo(client, path.c_str()));
     const WalkEntry entry{*name, path, info.get(), depth + 1, IsDirInfo(info.get())};
     bool listed = false;
-    if (visitor.Enter(entry) && entry.is_dir) listed = WalkDirectory(client, path, depth + 1, visitor, join);
+    if (visitor.Enter(entry) && entry.is_dir) listed = WalkDirectory(client, path, depth + 1, visitor, join, budget);
     visitor.Leave(entry, listed);
   }
   return true;

@@ -1,0 +1,226 @@
+// Everything of an image but the music database: the device description,
+// the sync lock, the purchases and book plists (through libplist), the
+// camera-roll and recordings databases (through SQLite), plain files and
+// generated trees.
+#include "image.h"
+
+#include <fcntl.h>
+#include <glib.h>
+#include <plist/plist.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <stdexcept>
+
+namespace mkimage {
+namespace {
+
+namespace fs = std::filesystem;
+using json = nlohmann::ordered_json;
+
+struct PlistFree {
+  void operator()(plist_t p) const { plist_free(p); }
+};
+using Plist = std::unique_ptr<void, PlistFree>;
+
+// JSON to a property list: objects become dictionaries in their order,
+// arrays arrays, non-negative integers unsigned integers, strings strings,
+// except "@data:BASE64" (data) and "@date:SECONDS" (date).
+plist_t ToPlist(const json &v) {
+  switch (v.type()) {
+    case json::value_t::object: {
+      plist_t d = plist_new_dict();
+      for (const auto &[k, item] : v.items()) plist_dict_set_item(d, k.c_str(), ToPlist(item));
+      return d;
+    }
+    case json::value_t::array: {
+      plist_t a = plist_new_array();
+      for (const auto &item : v) plist_array_append_item(a, ToPlist(item));
+      return a;
+    }
+    case json::value_t::boolean: return plist_new_bool(v.get<bool>());
+    case json::value_t::number_unsigned: return plist_new_uint(v.get<uint64_t>());
+    // libplist 2.2 keeps integers unsigned; a negative one keeps its bits.
+    case json::value_t::number_integer: return plist_new_uint(static_cast<uint64_t>(v.get<int64_t>()));
+    case json::value_t::number_float: return plist_new_real(v.get<double>());
+    case json::value_t::string: {
+      const std::string s = v.get<std::string>();
+      if (s.rfind("@data:", 0) == 0) {
+        gsize n = 0;
+        std::unique_ptr<guchar, decltype(&g_free)> bytes(g_base64_decode(s.c_str() + 6, &n), &g_free);
+        return plist_new_data(reinterpret_cast<const char *>(bytes.get()), n);
+      }
+      if (s.rfind("@date:", 0) == 0) {
+        // libplist 2.2 counts dates from 2001-01-01.
+        const long long unix_time = std::stoll(s.substr(6));
+        return plist_new_date(static_cast<int32_t>(unix_time - 978307200LL), 0);
+      }
+      return plist_new_string(s.c_str());
+    }
+    default: return plist_new_string("");
+  }
+}
+
+void WritePlist(const fs::path &file, const json &content, const std::string &format) {
+  fs::create_directories(file.parent_path());
+  Plist root(ToPlist(content));
+  char *out = nullptr;
+  uint32_t len = 0;
+  if (format == "binary") plist_to_bin(root.get(), &out, &len);
+  else if (format == "xml" || format.empty()) plist_to_xml(root.get(), &out, &len);
+  else throw std::runtime_error("unknown plist format: " + format);
+  std::ofstream(file, std::ios::binary).write(out, len);
+  free(out);
+}
+
+using Db = std::unique_ptr<sqlite3, int (*)(sqlite3 *)>;
+
+Db OpenDb(const fs::path &file, const char *schema) {
+  fs::create_directories(file.parent_path());
+  fs::remove(file);
+  sqlite3 *raw = nullptr;
+  if (sqlite3_open(file.c_str(), &raw) != SQLITE_OK) {
+    sqlite3_close(raw);
+    throw std::runtime_error("cannot create " + file.string());
+  }
+  Db db(raw, &sqlite3_close);
+  char *err = nullptr;
+  if (sqlite3_exec(db.get(), schema, nullptr, nullptr, &err) != SQLITE_OK) {
+    const std::string why = err ? err : "";
+    sqlite3_free(err);
+    throw std::runtime_error("cannot create the schema of " + file.string() + ": " + why);
+  }
+  return db;
+}
+
+// Inserts one row; `values` are bound in order (null, integer, real or
+// text from their JSON types).
+void Insert(sqlite3 *db, const char *sql, const std::vector<json> &values) {
+  sqlite3_stmt *st = nullptr;
+  if (sqlite3_prepare_v2(db, sql, -1, &st, nullptr) != SQLITE_OK) throw std::runtime_error(sqlite3_errmsg(db));
+  std::unique_ptr<sqlite3_stmt, int (*)(sqlite3_stmt *)> owned(st, &sqlite3_finalize);
+  for (size_t i = 0; i < values.size(); ++i) {
+    const json &v = values[i];
+    const int at = static_cast<int>(i + 1);
+    if (v.is_null()) sqlite3_bind_null(st, at);
+    else if (v.is_number_integer()) sqlite3_bind_int64(st, at, v.get<int64_t>());
+    else if (v.is_number_float()) sqlite3_bind_double(st, at, v.get<double>());
+    else sqlite3_bind_text(st, at, v.get<std::string>().c_str(), -1, SQLITE_TRANSIENT);
+  }
+  if (sqlite3_step(st) != SQLITE_DONE) throw std::runtime_error(sqlite3_errmsg(db));
+}
+
+json Field(const json &row, const char *key) { return row.contains(key) ? row[key] : json(); }
+
+void WritePhotos(const json &photos, const fs::path &media) {
+  Db db = OpenDb(media / "PhotoData/Photos.sqlite",
+                 "CREATE TABLE Photo (primaryKey INTEGER PRIMARY KEY, type INTEGER, title TEXT, "
+                 "captureTime REAL, width INTEGER, height INTEGER, userRating INTEGER, flagged INTEGER, "
+                 "thumbnailIndex INTEGER, orientation INTEGER, directory TEXT, filename TEXT, duration REAL, "
+                 "recordModDate REAL, savedAssetType INTEGER);");
+  sqlite3_exec(db.get(), "BEGIN", nullptr, nullptr, nullptr);
+  for (const auto &row : photos.value("rows", json::array())) {
+    Insert(db.get(), "INSERT INTO Photo (directory, filename) VALUES (?, ?)",
+           {Field(row, "directory"), Field(row, "filename")});
+    if (row.contains("size")) {
+      WriteFile(media / row["directory"].get<std::string>() / row["filename"].get<std::string>(),
+                row["size"].get<uint64_t>(), "", row.value("mtime", int64_t{0}));
+    }
+  }
+  sqlite3_exec(db.get(), "COMMIT", nullptr, nullptr, nullptr);
+}
+
+void WriteRecordings(const json &recordings, const fs::path &media) {
+  Db db = OpenDb(media / "Recordings/Recordings.db",
+                 "CREATE TABLE ZRECORDING (Z_PK INTEGER PRIMARY KEY, Z_ENT INTEGER, Z_OPT INTEGER, "
+                 "ZDATE TIMESTAMP, ZDURATION VARCHAR, ZCUSTOMLABEL VARCHAR, ZPATH VARCHAR);");
+  sqlite3_exec(db.get(), "BEGIN", nullptr, nullptr, nullptr);
+  for (const auto &row : recordings.value("rows", json::array())) {
+    Insert(db.get(), "INSERT INTO ZRECORDING (ZDURATION, ZPATH, ZCUSTOMLABEL) VALUES (?, ?, ?)",
+           {Field(row, "duration"), Field(row, "path"), Field(row, "label")});
+    if (row.contains("size") && row["path"].is_string()) {
+      const std::string path = row["path"];
+      WriteFile(media / "Recordings" / fs::path(path).filename(), row["size"].get<uint64_t>(), "",
+                row.value("mtime", int64_t{0}));
+    }
+  }
+  sqlite3_exec(db.get(), "COMMIT", nullptr, nullptr, nullptr);
+}
+
+fs::path UnderMedia(const fs::path &media, const std::string &device_path) {
+  const std::string rel = device_path.substr(device_path.find_first_not_of('/') == std::string::npos
+                                                 ? device_path.size()
+                                                 : device_path.find_first_not_of('/'));
+  if (fs::path(rel).lexically_normal().string().rfind("..", 0) == 0)
+    throw std::runtime_error("path leaves the image: " + device_path);
+  return media / rel;
+}
+
+void WriteTree(const json &tree, const fs::path &media) {
+  const fs::path root = UnderMedia(media, tree.value("root", std::string("/T")));
+  const int fanout = tree.value("fanout", 10), depth = tree.value("depth", 2), files = tree.value("files", 10);
+  // Directories d0..d<fanout-1> on each of `depth` levels; files in the
+  // deepest ones.
+  std::function<void(const fs::path &, int)> fill = [&](const fs::path &dir, int level) {
+    fs::create_directories(dir);
+    if (level == depth) {
+      for (int f = 0; f < files; ++f) WriteFile(dir / ("file" + std::to_string(f) + ".bin"), 1, "x");
+      return;
+    }
+    for (int d = 0; d < fanout; ++d) fill(dir / ("d" + std::to_string(d)), level + 1);
+  };
+  fill(root, 0);
+}
+
+}  // namespace
+
+void WriteFile(const fs::path &path, uint64_t size, const std::string &content, int64_t mtime) {
+  fs::create_directories(path.parent_path());
+  {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    if (!out) throw std::runtime_error("cannot create " + path.string());
+    out << content;
+  }
+  if (content.empty() && size) fs::resize_file(path, size);
+  if (mtime) {
+    const timespec ts[2] = {{static_cast<time_t>(mtime), 0}, {static_cast<time_t>(mtime), 0}};
+    ::utimensat(AT_FDCWD, path.c_str(), ts, 0);
+  }
+}
+
+void BuildImage(const json &d, const fs::path &out, const fs::path &base) {
+  const fs::path media = out / "media";
+  fs::create_directories(media);
+  if (d.contains("device")) std::ofstream(out / "device.json") << d["device"].dump(2) << "\n";
+  if (d.value("sync_lock", true)) WriteFile(media / "com.apple.itunes.lock_sync", 0);
+  if (d.contains("music")) WriteMusic(d["music"], media, base);
+  if (d.contains("purchases")) {
+    const json &p = d["purchases"];
+    if (p.contains("plist")) WritePlist(media / "Purchases/MobileDB/TrackData.plist", p["plist"], p.value("format", ""));
+    for (const auto &f : p.value("files", json::array()))
+      WriteFile(media / "Purchases" / f["name"].get<std::string>(), f.value("size", uint64_t{0}));
+  }
+  if (d.contains("books")) {
+    const json &b = d["books"];
+    const std::string format = b.value("format", "");
+    if (b.contains("books")) WritePlist(media / "Books/Books.plist", b["books"], format);
+    if (b.contains("purchases")) WritePlist(media / "Books/Purchases/Purchases.plist", b["purchases"], format);
+  }
+  if (d.contains("photos")) WritePhotos(d["photos"], media);
+  if (d.contains("recordings")) WriteRecordings(d["recordings"], media);
+  for (const auto &f : d.value("files", json::array())) {
+    const fs::path p = UnderMedia(media, f.at("path").get<std::string>());
+    if (f.value("dir", false)) {
+      fs::create_directories(p);
+      continue;
+    }
+    WriteFile(p, f.value("size", uint64_t{0}), f.value("content", std::string()), f.value("mtime", int64_t{0}));
+  }
+  if (d.contains("tree")) WriteTree(d["tree"], media);
+}
+
+}  // namespace mkimage

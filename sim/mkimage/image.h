@@ -1,0 +1,28 @@
+// Building a device image (a media partition plus its device description)
+// from a JSON description; sim/mkimage/README.md documents the format.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+namespace mkimage {
+
+// Builds the image into `out` (out/media, out/device.json). Relative file
+// names in the description are taken relative to `base`. Throws
+// std::runtime_error naming what could not be built.
+void BuildImage(const nlohmann::ordered_json &description, const std::filesystem::path &out,
+                const std::filesystem::path &base);
+
+// Writes a file of `size` bytes: `content` when given, else a hole (sparse),
+// so that large media cost no disk. `mtime` 0 leaves the current time.
+void WriteFile(const std::filesystem::path &path, uint64_t size, const std::string &content = "",
+               int64_t mtime = 0);
+
+// Writes the music database section below `media`.
+void WriteMusic(const nlohmann::ordered_json &music, const std::filesystem::path &media,
+                const std::filesystem::path &base);
+
+}  // namespace mkimage

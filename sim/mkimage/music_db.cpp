@@ -1,0 +1,254 @@
+// The music database of an image: tracks and playlists written by libgpod's
+// own writer, then put into the compressed form that devices keep in
+// /iTunes_Control/iTunes/iTunesCDB. Writing through libgpod (and not by
+// hand) means the library's reader meets a database it was not written to
+// fit.
+#include <gpod/itdb.h>
+#include <sqlite3.h>
+#include <zlib.h>
+
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "image.h"
+
+namespace mkimage {
+namespace {
+
+namespace fs = std::filesystem;
+using json = nlohmann::ordered_json;
+
+constexpr const char *kItunesDir = "iTunes_Control/iTunes";
+
+struct ItdbFree {
+  void operator()(Itdb_iTunesDB *db) const { itdb_free(db); }
+};
+
+std::string ReadAll(const fs::path &p) {
+  std::ifstream in(p, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+uint32_t Le32(const std::string &s, size_t at) {
+  uint32_t v = 0;
+  std::memcpy(&v, s.data() + at, 4);  // the database is little-endian, as is every host we build on
+  return v;
+}
+
+void PutLe32(std::string &s, size_t at, uint32_t v) { std::memcpy(s.data() + at, &v, 4); }
+
+// The device's compressed form: the mhbd header as it is, with its
+// compression flag set and its total length rewritten, then the rest of
+// the database deflated with zlib.
+std::string Compress(const std::string &plain) {
+  if (plain.size() < 12 || plain.compare(0, 4, "mhbd") != 0) throw std::runtime_error("libgpod wrote no mhbd header");
+  const uint32_t header = Le32(plain, 4);
+  if (header > plain.size() || header < 0xaa) throw std::runtime_error("unexpected mhbd header length");
+  const auto *body = reinterpret_cast<const Bytef *>(plain.data() + header);
+  const uLong body_len = static_cast<uLong>(plain.size() - header);
+  uLongf packed_len = compressBound(body_len);
+  std::string out(header + packed_len, '\0');
+  std::memcpy(out.data(), plain.data(), header);
+  if (compress2(reinterpret_cast<Bytef *>(out.data() + header), &packed_len, body, body_len, Z_BEST_SPEED) != Z_OK)
+    throw std::runtime_error("zlib could not compress the database");
+  out.resize(header + packed_len);
+  PutLe32(out, 8, static_cast<uint32_t>(out.size()));
+  out[0xa8] = 1;  // 16-bit compression flag, as devices that compress set it
+  out[0xa9] = 0;
+  return out;
+}
+
+char *Dup(const json &t, const char *key) {
+  auto it = t.find(key);
+  if (it == t.end() || it->is_null()) return nullptr;
+  return g_strdup(it->get<std::string>().c_str());
+}
+
+template <typename T>
+T Num(const json &t, const char *key, T fallback = 0) {
+  auto it = t.find(key);
+  return it == t.end() || it->is_null() ? fallback : it->get<T>();
+}
+
+// Real-looking tracks of every kind, the same for the same seed.
+json Generate(const json &g) {
+  static const char *kArtists[] = {"The Harbour Lights", "Mira Okafor", "Northern Atlas", "Lena Sommer",
+                                   "Blue Orchard", "Kenji Arai", "Sable & Stone", "Orquesta del Sur",
+                                   "Hollow Pines", "Ada Lindqvist", "Glass Parade", "Tomás Reyes"};
+  static const char *kAlbums[] = {"Low Tide", "Paper Moons", "City of Lanterns", "Quiet Machines",
+                                  "Salt and Ember", "Northbound", "The Long Evening", "Small Hours",
+                                  "Weather Songs", "Copper Sky"};
+  static const char *kGenres[] = {"Rock", "Jazz", "Electronic", "Folk", "Classical", "Pop", "Hip-Hop", "Ambient"};
+  static const char *kWords[] = {"Morning", "River", "Glass", "Echo", "Harbour", "Satellite", "Winter", "Paper",
+                                 "Signal", "Garden", "Lantern", "Orbit", "Silver", "Canyon", "Velvet", "Static"};
+  // Kind shares out of 20: most is music, then one or two of each other kind.
+  static const struct {
+    uint32_t type;
+    const char *genre;
+    const char *ext;
+  } kKinds[] = {{0x1, nullptr, "mp3"},      {0x1, nullptr, "m4a"},     {0x1, nullptr, "mp3"},
+                {0x1, nullptr, "m4a"},      {0x1, nullptr, "mp3"},     {0x1, nullptr, "m4a"},
+                {0x1, nullptr, "mp3"},      {0x1, nullptr, "m4a"},     {0x1, nullptr, "mp3"},
+                {0x1, nullptr, "m4a"},      {0x20, nullptr, "m4v"},    {0x2, "Drama", "m4v"},
+                {0x2, "Documentary", "mp4"}, {0x4, "Podcast", "mp3"},  {0x6, "Podcast", "m4v"},
+                {0x40, "TV Show", "m4v"},   {0x8, "Audiobook", "m4b"}, {0x8, "Audiobook", "m4b"},
+                {0x4000, "Ringtone", "m4r"}, {0x1, nullptr, "mp3"}};
+  const int count = g.value("tracks", 0);
+  const bool files = g.value("files", false);
+  std::mt19937 rng(g.value("seed", 1u));
+  auto pick = [&](auto &array) { return array[rng() % std::size(array)]; };
+  json tracks = json::array();
+  for (int i = 0; i < count; ++i) {
+    const auto &kind = kKinds[i % std::size(kKinds)];
+    const bool video = kind.type == 0x2 || kind.type == 0x6 || kind.type == 0x20 || kind.type == 0x40;
+    const uint32_t seconds = kind.type == 0x4000 ? 30 : video ? 1200 + rng() % 4000 : 120 + rng() % 300;
+    // Scrambled names as devices give them; the index keeps them unique.
+    char path[80];
+    std::snprintf(path, sizeof path, ":iTunes_Control:Music:F%02d:%c%c%c%c%d.%s", i % 50,
+                  static_cast<char>('A' + rng() % 26), static_cast<char>('A' + rng() % 26),
+                  static_cast<char>('A' + rng() % 26), static_cast<char>('A' + rng() % 26), i, kind.ext);
+    json t = {{"id", "g" + std::to_string(i)},
+              {"title", std::string(pick(kWords)) + " " + pick(kWords)},
+              {"artist", pick(kArtists)},
+              {"album", pick(kAlbums)},
+              {"genre", kind.genre ? kind.genre : pick(kGenres)},
+              {"length", seconds * 1000},
+              {"size", static_cast<uint64_t>(seconds) * (video ? 250000 : 32000)},
+              {"rating", (rng() % 6) * 20},
+              {"play_count", rng() % 40},
+              {"media_type", kind.type},
+              {"path", path},
+              {"file", files}};
+    tracks.push_back(std::move(t));
+  }
+  return tracks;
+}
+
+void WriteLocations(const fs::path &file, const std::vector<Itdb_Track *> &tracks) {
+  fs::create_directories(file.parent_path());
+  sqlite3 *raw = nullptr;
+  if (sqlite3_open(file.c_str(), &raw) != SQLITE_OK) {
+    sqlite3_close(raw);
+    throw std::runtime_error("cannot create " + file.string());
+  }
+  std::unique_ptr<sqlite3, int (*)(sqlite3 *)> db(raw, &sqlite3_close);
+  sqlite3_exec(db.get(),
+               "BEGIN; CREATE TABLE location (item_pid INTEGER NOT NULL, sub_id INTEGER NOT NULL DEFAULT 0, "
+               "base_location_id INTEGER DEFAULT 0, location_type INTEGER, location TEXT, extension INTEGER, "
+               "kind_id INTEGER DEFAULT 0, date_created INTEGER DEFAULT 0, file_size INTEGER DEFAULT 0, "
+               "PRIMARY KEY (item_pid, sub_id));",
+               nullptr, nullptr, nullptr);
+  sqlite3_stmt *st = nullptr;
+  sqlite3_prepare_v2(db.get(), "INSERT INTO location (item_pid, location_type, location, file_size) VALUES (?,?,?,?)",
+                     -1, &st, nullptr);
+  for (auto *t : tracks) {
+    sqlite3_bind_int64(st, 1, static_cast<sqlite3_int64>(t->dbid));
+    sqlite3_bind_int(st, 2, 0x46494c45);  // 'FILE'
+    if (t->ipod_path) sqlite3_bind_text(st, 3, t->ipod_path, -1, SQLITE_TRANSIENT);
+    else sqlite3_bind_null(st, 3);
+    sqlite3_bind_int64(st, 4, t->size);
+    sqlite3_step(st);
+    sqlite3_reset(st);
+  }
+  sqlite3_finalize(st);
+  sqlite3_exec(db.get(), "COMMIT;", nullptr, nullptr, nullptr);
+}
+
+}  // namespace
+
+void WriteMusic(const json &music, const fs::path &media, const fs::path &base) {
+  const fs::path dir = media / kItunesDir;
+  fs::create_directories(dir);
+  if (music.contains("source")) {
+    fs::path src = music["source"].get<std::string>();
+    if (src.is_relative()) src = base / src;
+    if (!fs::exists(src)) throw std::runtime_error("music source not found: " + src.string());
+    fs::copy_file(src, dir / "iTunesCDB", fs::copy_options::overwrite_existing);
+    return;
+  }
+
+  std::unique_ptr<Itdb_iTunesDB, ItdbFree> db(itdb_new());
+  json tracks = music.value("tracks", json::array());
+  if (music.contains("generate")) {
+    for (auto &t : Generate(music["generate"])) tracks.push_back(std::move(t));
+  }
+  std::map<std::string, Itdb_Track *> by_id;
+  std::vector<Itdb_Track *> order;
+  for (const auto &t : tracks) {
+    Itdb_Track *track = itdb_track_new();
+    track->title = Dup(t, "title");
+    track->artist = Dup(t, "artist");
+    track->album = Dup(t, "album");
+    track->genre = Dup(t, "genre");
+    track->ipod_path = Dup(t, "path");
+    track->size = Num<uint32_t>(t, "size");
+    track->tracklen = Num<int32_t>(t, "length");
+    track->rating = Num<uint32_t>(t, "rating");
+    track->playcount = Num<uint32_t>(t, "play_count");
+    track->bitrate = Num<int32_t>(t, "bitrate");
+    track->cds = Num<int32_t>(t, "disc_count");
+    if (t.contains("media_type")) track->mediatype = t["media_type"].get<uint32_t>();
+    itdb_track_add(db.get(), track, -1);
+    order.push_back(track);
+    if (t.contains("id")) by_id[t["id"].get<std::string>()] = track;
+    if (t.value("file", false) && track->ipod_path) {
+      std::string rel = track->ipod_path;
+      for (auto &c : rel) c = c == ':' ? '/' : c;
+      WriteFile(media / rel.substr(rel.find_first_not_of('/')), track->size);
+    }
+  }
+
+  Itdb_Playlist *mpl = itdb_playlist_new(music.value("master", std::string("iPod")).c_str(), FALSE);
+  itdb_playlist_set_mpl(mpl);
+  itdb_playlist_add(db.get(), mpl, -1);
+  for (auto *t : order) itdb_playlist_add_track(mpl, t, -1);
+
+  json playlists = music.value("playlists", json::array());
+  if (music.contains("generate")) {
+    const int n = music["generate"].value("playlists", 0);
+    static const char *kNames[] = {"Road Trip", "Focus", "Sunday Morning", "Workout", "Rainy Days",
+                                   "Late Night", "Favourites", "Dinner Party"};
+    for (int p = 0; p < n; ++p) {
+      json members = json::array();
+      for (size_t i = p; i < order.size() && members.size() < 25; i += 7 + p) members.push_back(i);
+      playlists.push_back({{"name", std::string(kNames[p % std::size(kNames)]) +
+                                        (p >= static_cast<int>(std::size(kNames)) ? " " + std::to_string(p) : "")},
+                           {"indexes", members}});
+    }
+  }
+  for (const auto &p : playlists) {
+    // libgpod's writer cannot leave a playlist's title out (it asserts and
+    // writes an inconsistent record), so a nameless playlist gets an empty
+    // title, which is what a reader sees of a missing one.
+    const bool named = p.contains("name") && p["name"].is_string();
+    Itdb_Playlist *pl = itdb_playlist_new(named ? p["name"].get<std::string>().c_str() : "", FALSE);
+    itdb_playlist_add(db.get(), pl, -1);
+    for (const auto &m : p.value("tracks", json::array())) {
+      auto it = by_id.find(m.get<std::string>());
+      if (it == by_id.end()) throw std::runtime_error("playlist member not found: " + m.get<std::string>());
+      itdb_playlist_add_track(pl, it->second, -1);
+    }
+    for (const auto &i : p.value("indexes", json::array())) itdb_playlist_add_track(pl, order.at(i.get<size_t>()), -1);
+  }
+
+  const fs::path plain = dir / "iTunesDB.tmp";
+  GError *error = nullptr;
+  if (!itdb_write_file(db.get(), plain.c_str(), &error)) {
+    const std::string why = error ? error->message : "unknown error";
+    if (error) g_error_free(error);
+    throw std::runtime_error("libgpod could not write the database: " + why);
+  }
+  const std::string bytes = ReadAll(plain);
+  if (music.value("compressed", true)) std::ofstream(dir / "iTunesCDB", std::ios::binary) << Compress(bytes);
+  if (music.value("uncompressed", false)) fs::rename(plain, dir / "iTunesDB");
+  else fs::remove(plain);
+  if (music.value("locations", false)) WriteLocations(dir / "iTunes Library.itlp" / "Locations.itdb", order);
+}
+
+}  // namespace mkimage

@@ -13,6 +13,24 @@
 
 namespace tarn {
 
+// Where a device keeps each kind of database. A path's index in its table is
+// its database type, and a table's order is the order readers try its files.
+// The music database is named in three tables on purpose: books and
+// recordings can also be read out of it.
+inline constexpr const char *kTrackDbPath[] = {
+    "/iTunes_Control/iTunes/iTunesCDB", "/iTunes_Control/iTunes/iTunesDB",
+    "/iTunes_Control/iTunes/iTunes Library.itlp/Locations.itdb", "/Purchases/MobileDB/TrackData.plist"};
+inline constexpr const char *kBookDbPath[] = {"/iTunes_Control/iTunes/iTunesCDB", "/iTunes_Control/iTunes/iTunesDB",
+                                              "/Books/Books.plist", "/Books/Purchases/Purchases.plist"};
+inline constexpr const char *kCameraDbPath[] = {"/PhotoData/Photos.sqlite"};
+inline constexpr const char *kRecordingDbPath[] = {
+    "/iTunes_Control/iTunes/iTunesCDB", "/iTunes_Control/iTunes/iTunesDB",
+    "/iTunes_Control/iTunes/iTunes Library.itlp/Locations.itdb", "/Recordings/Recordings.db"};
+inline constexpr const char *kUserPictureDbPath[] = {"/Photos/Photo Database"};
+
+// Database types of the music and purchases files in kTrackDbPath.
+enum TrackDbType : uint64_t { kTrackDbCdb = 0, kTrackDbPlain = 1, kTrackDbLocations = 2, kTrackDbPurchases = 3 };
+
 // Receives (type, device path); returns true to stop the walk.
 using DbFileVisitor = std::function<bool(uint64_t type, const char *device_path)>;
 

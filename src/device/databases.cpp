@@ -1,18 +1,128 @@
-// Placeholder: replaced by the real implementation.
+// Where a device keeps its media databases, which of them it has, and their
+// copies in the host working directory that every catalogue reads.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
+
+#include <glib.h>
+
+#include "common/connection.h"
+#include "common/db_entry.h"
+#include "common/raii.h"
 #include "tarn/tarn_device.h"
+#include "tarn/tarn_tool.h"
+
+namespace {
+
+// An entry lists the files of its table that the device holds, in table
+// order, each as {"Type": index, "Path": path}. A dictionary with repeated
+// keys cannot be kept with libplist 2.x, which replaces a repeated key, so
+// the pairs are array members; the one walk in db_entry.h reads them.
+template <size_t N>
+plist_t BuildEntry(afc_client_t client, const char *const (&table)[N]) {
+  tarn::PlistPtr entry(plist_new_array());
+  for (size_t i = 0; i < N; ++i) {
+    if (IsPodFileValid(client, table[i]) != 1) continue;
+    plist_t pair = plist_new_dict();
+    plist_dict_set_item(pair, "Type", plist_new_uint(i));
+    plist_dict_set_item(pair, "Path", plist_new_string(table[i]));
+    plist_array_append_item(entry.get(), pair);
+  }
+  if (plist_array_get_size(entry.get()) == 0) return nullptr;
+  return entry.release();
+}
+
+}  // namespace
 
 extern "C" {
 
-TARN_API int InitDevice(PodDevice *, const char *) { return 1; }
-TARN_API int IsPodFileValid(afc_client_t, const char *) { return 0; }
-TARN_API plist_t GetMusicDBFileInfo(afc_client_t) { return nullptr; }
-TARN_API plist_t GetPodcastDBFileInfo(afc_client_t) { return nullptr; }
-TARN_API plist_t GetTvshowDBFileInfo(afc_client_t) { return nullptr; }
-TARN_API plist_t GetAudioBookDBFileInfo(afc_client_t) { return nullptr; }
-TARN_API plist_t GetMovieDBFileInfo(afc_client_t) { return nullptr; }
-TARN_API plist_t GetBookDBFileInfo(afc_client_t) { return nullptr; }
-TARN_API plist_t GetCameraDBFileInfo(afc_client_t) { return nullptr; }
-TARN_API plist_t GetRecordingDBFileInfo(afc_client_t) { return nullptr; }
-TARN_API plist_t GetUserPictureDBFileInfo(afc_client_t) { return nullptr; }
-TARN_API int CopyDbFileToNativeDir(PodDevice *, afc_client_t, plist_t) { return 1; }
+TARN_API int IsPodFileValid(afc_client_t client, const char *path) {
+  char **attrs = nullptr;
+  if (client == nullptr || path == nullptr || afc_get_file_info(client, path, &attrs) != AFC_E_SUCCESS) {
+    if (attrs) g_strfreev(attrs);
+    return 0;
+  }
+  tarn::StrVec owned(attrs);
+  for (char **kv = attrs; kv[0] != nullptr && kv[1] != nullptr; kv += 2) {
+    // An empty database is as good as none: nothing could be read from it.
+    if (std::strcmp(kv[0], "st_size") == 0 && std::atoll(kv[1]) == 0) return 0;
+  }
+  return 1;
+}
+
+TARN_API plist_t GetMusicDBFileInfo(afc_client_t client) { return BuildEntry(client, tarn::kTrackDbPath); }
+// Every media kind lives in the one music database; each kind keeps a
+// builder of its own name for callers that ask by kind.
+TARN_API plist_t GetPodcastDBFileInfo(afc_client_t client) { return GetMusicDBFileInfo(client); }
+TARN_API plist_t GetTvshowDBFileInfo(afc_client_t client) { return GetMusicDBFileInfo(client); }
+TARN_API plist_t GetAudioBookDBFileInfo(afc_client_t client) { return GetMusicDBFileInfo(client); }
+TARN_API plist_t GetMovieDBFileInfo(afc_client_t client) { return GetMusicDBFileInfo(client); }
+TARN_API plist_t GetBookDBFileInfo(afc_client_t client) { return BuildEntry(client, tarn::kBookDbPath); }
+TARN_API plist_t GetCameraDBFileInfo(afc_client_t client) { return BuildEntry(client, tarn::kCameraDbPath); }
+TARN_API plist_t GetRecordingDBFileInfo(afc_client_t client) { return BuildEntry(client, tarn::kRecordingDbPath); }
+TARN_API plist_t GetUserPictureDBFileInfo(afc_client_t client) {
+  return BuildEntry(client, tarn::kUserPictureDbPath);
+}
+
+TARN_API int CopyDbFileToNativeDir(PodDevice *device, afc_client_t client, plist_t entry) {
+  if (entry == nullptr) return 1;
+  tarn::WalkDbEntry(entry, [&](uint64_t, const char *device_path) {
+    const char *name = GetFileName(device_path);
+    tarn::CString local(ConcatFilePath(device->hostDir, name));
+    std::fflush(stdout);
+    // Existence is the only test: a copy left by an earlier initialisation
+    // is kept as it is, and the music database, which three tables name,
+    // is copied once.
+    if (local && !TarnIsFileExists(local.get())) {
+      std::puts("......begin CopyDeviceFile");
+      std::fflush(stdout);
+      _CopyFileFromDeviceToNative(device, client, device_path, local.get(), nullptr);
+      std::puts("......end CopyDeviceFile");
+      std::fflush(stdout);
+    }
+    return false;
+  });
+  return 0;
+}
+
+TARN_API int InitDevice(PodDevice *device, const char *host_dir) {
+  std::puts("InitDevice");
+  if (device == nullptr) return 1;
+  // A second initialisation of the same handle replaces the directory and
+  // the database information; the old ones are released here rather than
+  // lost.
+  std::free(device->hostDir);
+  device->hostDir = host_dir ? strdup(host_dir) : nullptr;
+
+  tarn::LockdownSession session(device->deviceId, "iPod");
+  if (session.status() != tarn::LockdownSession::Status::kOk) return 1;
+  afc_client_t client = session.afc();
+
+  // Looked up in one order and stored in another; readers and
+  // applications see the stored order.
+  tarn::PlistPtr music(GetMusicDBFileInfo(client));
+  tarn::PlistPtr books(GetBookDBFileInfo(client));
+  tarn::PlistPtr camera(GetCameraDBFileInfo(client));
+  tarn::PlistPtr recordings(GetRecordingDBFileInfo(client));
+  tarn::PlistPtr pictures(GetUserPictureDBFileInfo(client));
+
+  tarn::PlistPtr info(plist_new_dict());
+  const struct {
+    const char *key;
+    const tarn::PlistPtr &entry;
+  } stored[] = {{"TrackDb", music}, {"BookDb", books}, {"UserPictureDb", pictures},
+                {"CameraDb", camera}, {"RecordingDb", recordings}};
+  for (const auto &s : stored) {
+    if (s.entry) plist_dict_set_item(info.get(), s.key, plist_copy(s.entry.get()));
+  }
+  if (device->dbInfo) plist_free(device->dbInfo);
+  device->dbInfo = info.release();
+
+  for (const tarn::PlistPtr *entry : {&music, &books, &camera, &recordings, &pictures}) {
+    CopyDbFileToNativeDir(device, client, entry->get());
+  }
+  return 0;
+}
+
 }  // extern "C"

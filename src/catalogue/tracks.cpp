@@ -1,14 +1,101 @@
-// Placeholder: replaced by the real implementation.
+// Track lists by media kind, read from the local copy of the compressed
+// music database; the music list also takes in the purchases.
+#include <cstdio>
+#include <string>
+
+#include "catalogue/media_item.h"
+#include "common/db_entry.h"
+#include "common/raii.h"
 #include "tarn/tarn_device.h"
+
+namespace {
+
+enum Kind : uint32_t { kMusic = 0, kMovies = 1, kPodcasts = 2, kTvShows = 3, kAudioBooks = 4, kRingtones = 5 };
+
+// A kind's list reads the compressed database only: the plain iTunesDB is
+// never taken as a fallback.
+plist_t ListOfKind(PodDevice *device, uint32_t kind) {
+  plist_t result = nullptr;
+  tarn::WalkDbFiles(device, "TrackDb", [&](uint64_t type, const char *device_path) {
+    if (type != tarn::kTrackDbCdb) return false;
+    result = ReadTrackDbTypeCdb(tarn::LocalCopyPath(device, device_path).c_str(), kind);
+    return true;
+  });
+  return result;
+}
+
+}  // namespace
 
 extern "C" {
 
-TARN_API plist_t GetMusicList(PodDevice *, uint32_t, uint32_t) { return nullptr; }
-TARN_API plist_t GetMovieList(PodDevice *, uint32_t, uint32_t) { return nullptr; }
-TARN_API plist_t GetPodcastList(PodDevice *, uint32_t, uint32_t) { return nullptr; }
-TARN_API plist_t GetTvshowList(PodDevice *, uint32_t, uint32_t) { return nullptr; }
-TARN_API plist_t GetAudioBookList(PodDevice *, uint32_t, uint32_t) { return nullptr; }
-TARN_API plist_t GetRingtonesList(PodDevice *, uint32_t, uint32_t) { return nullptr; }
-TARN_API plist_t ReadTrackDbTypeCdb(const char *, uint32_t) { return nullptr; }
-TARN_API int IsMatchTrackType(Itdb_Track *, uint32_t) { return 0; }
+TARN_API int IsMatchTrackType(Itdb_Track *track, uint32_t kind) {
+  if (track == nullptr) return 0;
+  // The whole value is compared, never single bits: a track that combines
+  // flags (0x60, 0x3) is no TV show and no movie and counts as music.
+  const uint32_t type = track->mediatype;
+  switch (kind) {
+    case kMusic:
+      return type != 0x2 && type != 0x4 && type != 0x6 && type != 0x8 && type != 0x40 && type != 0x4000 &&
+             type != 0x400000;
+    case kMovies: return type == 0x2;
+    case kPodcasts: return type == 0x4 || type == 0x6;
+    case kTvShows: return type == 0x40;
+    case kAudioBooks: return type == 0x8;
+    case kRingtones: return type == 0x4000;
+    case 6: return type == 0x400000;
+    default: return 0;
+  }
+}
+
+TARN_API plist_t ReadTrackDbTypeCdb(const char *path, uint32_t kind) {
+  GError *error = nullptr;
+  tarn::ItdbPtr db(m_itdb_parse_file(path, &error));
+  if (error) g_error_free(error);
+  if (!db || itdb_tracks_number(db.get()) == 0) return nullptr;
+  tarn::PlistPtr result(tarn::NewTrackListResult());
+  plist_t items = tarn::ListItems(result.get());
+  uint64_t count = 0, total = 0;
+  for (GList *l = db->tracks; l != nullptr; l = l->next) {
+    auto *track = static_cast<Itdb_Track *>(l->data);
+    if (IsMatchTrackType(track, kind) != 1) continue;
+    plist_array_append_item(items, tarn::MediaItemFromTrack(track));
+    total += tarn::TrackSize(track);
+    ++count;
+  }
+  tarn::AddToListCounts(result.get(), count, total);
+  return result.release();
+}
+
+TARN_API plist_t GetMusicList(PodDevice *device, uint32_t, uint32_t) {
+  std::puts("GetAudioList");
+  plist_t result = nullptr;
+  tarn::WalkDbFiles(device, "TrackDb", [&](uint64_t type, const char *device_path) {
+    const std::string local = tarn::LocalCopyPath(device, device_path);
+    if (type == tarn::kTrackDbCdb) {
+      result = ReadTrackDbTypeCdb(local.c_str(), kMusic);
+      return false;
+    }
+    if (type != tarn::kTrackDbPurchases) return false;
+    // Purchases come after the database tracks, also when the database
+    // gave nothing.
+    if (result == nullptr) result = tarn::NewTrackListResult();
+    PodPlistParser parser = IsBinPlist(local.c_str()) ? plist_from_bin : plist_from_xml;
+    uint64_t bytes = 0;
+    const uint32_t added =
+        GetPurchaseMusicListFromPlist(device, local.c_str(), tarn::ListItems(result), &bytes, parser);
+    tarn::AddToListCounts(result, added, bytes);
+    return true;
+  });
+  return result;
+}
+
+TARN_API plist_t GetMovieList(PodDevice *device, uint32_t, uint32_t) {
+  std::puts("GetVideoList");
+  return ListOfKind(device, kMovies);
+}
+TARN_API plist_t GetPodcastList(PodDevice *device, uint32_t, uint32_t) { return ListOfKind(device, kPodcasts); }
+TARN_API plist_t GetTvshowList(PodDevice *device, uint32_t, uint32_t) { return ListOfKind(device, kTvShows); }
+TARN_API plist_t GetAudioBookList(PodDevice *device, uint32_t, uint32_t) { return ListOfKind(device, kAudioBooks); }
+TARN_API plist_t GetRingtonesList(PodDevice *device, uint32_t, uint32_t) { return ListOfKind(device, kRingtones); }
+
 }  // extern "C"

@@ -1,7 +1,75 @@
-// Placeholder: replaced by the real implementation.
+// Purchased music: the purchases plist of the device, each purchase sized
+// by asking the device for its file.
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "catalogue/media_item.h"
+#include "common/connection.h"
+#include "common/raii.h"
 #include "tarn/tarn_device.h"
+
+namespace {
+
+// The whole host file parsed with the given parser, or null.
+tarn::PlistPtr ParseHostPlist(const char *path, PodPlistParser parser) {
+  tarn::HostFile file(path ? std::fopen(path, "rb") : nullptr);
+  if (!file || parser == nullptr) return nullptr;
+  const int64_t size = GetFileSize(path);
+  if (size <= 0 || size > UINT32_MAX) return nullptr;
+  std::vector<char> bytes(static_cast<size_t>(size) + 1, '\0');
+  if (std::fread(bytes.data(), 1, static_cast<size_t>(size), file.get()) != static_cast<size_t>(size)) return nullptr;
+  plist_t root = nullptr;
+  parser(bytes.data(), static_cast<uint32_t>(size), &root);
+  return tarn::PlistPtr(root);
+}
+
+}  // namespace
 
 extern "C" {
 
-TARN_API uint32_t GetPurchaseMusicListFromPlist(PodDevice *, const char *, plist_t, uint64_t *, PodPlistParser) { return 0; }
+TARN_API uint32_t GetPurchaseMusicListFromPlist(PodDevice *device, const char *path, plist_t items, uint64_t *total,
+                                                PodPlistParser parser) {
+  tarn::PlistPtr root = ParseHostPlist(path, parser);
+  if (!root || plist_get_node_type(root.get()) != PLIST_DICT || plist_dict_get_size(root.get()) == 0) return 0;
+  plist_t purchases = plist_dict_get_item(root.get(), "contentInfoByXMLFilename");
+  if (plist_get_node_type(purchases) != PLIST_DICT || plist_dict_get_size(purchases) == 0) return 0;
+
+  tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
+  // Held for the whole loop, so that the device does not sync the files
+  // away while we size them; without the lock file the loop still runs.
+  tarn::SyncLock lock(conn.afc());
+  uint32_t appended = 0;
+  plist_dict_iter it = nullptr;
+  plist_dict_new_iter(purchases, &it);
+  const std::unique_ptr<void, decltype(&std::free)> iter_owner(it, &std::free);
+  for (;;) {
+    char *key = nullptr;
+    plist_t entry = nullptr;
+    plist_dict_next_item(purchases, it, &key, &entry);
+    std::free(key);
+    if (entry == nullptr) break;
+    // A purchase that names no file, or whose file the device no longer
+    // has, is left out, so that "number" always counts the items.
+    plist_t id = plist_dict_get_item(entry, "itemId");
+    plist_t name_node = plist_dict_get_item(plist_dict_get_item(entry, "com.apple.iTunesStore.downloadInfo"),
+                                            "mediaAssetFilename");
+    if (id == nullptr || plist_get_node_type(name_node) != PLIST_STRING) continue;
+    char *name = nullptr;
+    plist_get_string_val(name_node, &name);
+    tarn::CString owned_name(name);
+    tarn::CString device_path(ConcatFilePath("/Purchases", name));
+    tarn::FileInfo info(GetFileInfo(conn.afc(), device_path.get()));
+    const char *size_text = info.get()[1];
+    if (size_text == nullptr) continue;
+    const uint64_t size = std::strtoull(size_text, nullptr, 10);
+    plist_array_append_item(items, tarn::MediaItemFromPurchase(entry, device_path.get(), size));
+    if (total) *total += size;
+    ++appended;
+  }
+  return appended;
+}
+
 }  // extern "C"

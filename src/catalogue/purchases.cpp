@@ -4,35 +4,18 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "catalogue/media_item.h"
 #include "common/connection.h"
+#include "common/host_plist.h"
 #include "common/raii.h"
 #include "tarn/tarn_device.h"
-
-namespace {
-
-// The whole host file parsed with the given parser, or null.
-tarn::PlistPtr ParseHostPlist(const char *path, PodPlistParser parser) {
-  tarn::HostFile file(path ? std::fopen(path, "rb") : nullptr);
-  if (!file || parser == nullptr) return nullptr;
-  const int64_t size = GetFileSize(path);
-  if (size <= 0 || size > UINT32_MAX) return nullptr;
-  std::vector<char> bytes(static_cast<size_t>(size) + 1, '\0');
-  if (std::fread(bytes.data(), 1, static_cast<size_t>(size), file.get()) != static_cast<size_t>(size)) return nullptr;
-  plist_t root = nullptr;
-  parser(bytes.data(), static_cast<uint32_t>(size), &root);
-  return tarn::PlistPtr(root);
-}
-
-}  // namespace
 
 extern "C" {
 
 TARN_API uint32_t GetPurchaseMusicListFromPlist(PodDevice *device, const char *path, plist_t items, uint64_t *total,
                                                 PodPlistParser parser) {
-  tarn::PlistPtr root = ParseHostPlist(path, parser);
+  tarn::PlistPtr root = tarn::ParseHostPlist(path, parser);
   if (!root || plist_get_node_type(root.get()) != PLIST_DICT || plist_dict_get_size(root.get()) == 0) return 0;
   plist_t purchases = plist_dict_get_item(root.get(), "contentInfoByXMLFilename");
   if (plist_get_node_type(purchases) != PLIST_DICT || plist_dict_get_size(purchases) == 0) return 0;

@@ -1,10 +1,79 @@
-// Placeholder: replaced by the real implementation.
+// The camera roll: the photo library database lists the files, the device
+// says how big and how old each one is. Without a database, or when it
+// lists nothing, the camera folder is walked instead.
+#include <cstdio>
+
+#include "catalogue/media_item.h"
+#include "catalogue/pictures.h"
+#include "common/connection.h"
+#include "common/db_entry.h"
+#include "common/raii.h"
+#include "devicefs/walk.h"
 #include "tarn/tarn_device.h"
+
+namespace {
+
+constexpr const char *kCameraDir = "/DCIM/100APPLE";
+constexpr const char *kCameraQuery = "select ('/' || directory || '/' || filename) as path from Photo";
+
+}  // namespace
 
 extern "C" {
 
-TARN_API plist_t GetCameraPVList(PodDevice *, uint32_t, uint32_t) { return nullptr; }
-TARN_API plist_t ReadCameraDbTypeSQLITE(PodDevice *, const char *) { return nullptr; }
-TARN_API int CameraPictureCallback(void *, int, char **, char **) { return 0; }
-TARN_API plist_t ReadCameraDbTypeFromDevice(PodDevice *) { return nullptr; }
+TARN_API int CameraPictureCallback(void *context, int columns, char **values, char **) {
+  auto *ctx = static_cast<CameraRowContext *>(context);
+  if (ctx == nullptr || columns < 1 || values == nullptr || values[0] == nullptr) return 0;
+  tarn::FileInfo info(GetFileInfo(ctx->client, values[0]));
+  tarn::AppendPictureItem(ctx->items, values[0], info.get(), &ctx->total);
+  return 0;
+}
+
+TARN_API plist_t ReadCameraDbTypeSQLITE(PodDevice *device, const char *path) {
+  sqlite3 *raw = nullptr;
+  // Read only: a missing copy must not turn into a new empty database in
+  // the working directory.
+  const int rc = sqlite3_open_v2(path ? path : "", &raw, SQLITE_OPEN_READONLY, nullptr);
+  tarn::SqliteDb db(raw);
+  if (rc != SQLITE_OK) return nullptr;
+
+  tarn::PlistPtr result(tarn::NewTrackListResult());
+  CameraRowContext ctx{tarn::ListItems(result.get()), 0, nullptr};
+  char *error = nullptr;
+  int exec_rc = SQLITE_OK;
+  {
+    tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
+    // The device's own sync must not remove files while they are sized.
+    tarn::SyncLock lock(conn.afc());
+    ctx.client = conn.afc();
+    exec_rc = sqlite3_exec(db.get(), kCameraQuery, CameraPictureCallback, &ctx, &error);
+  }
+  tarn::SqliteText owned_error(error);
+  // Rows handed over before a failure are kept.
+  if (exec_rc != SQLITE_OK) std::printf("zErrMsg %s\n", tarn::Printable(error));
+  const uint32_t found = plist_array_get_size(ctx.items);
+  if (found == 0) return nullptr;
+  tarn::AddToListCounts(result.get(), found, ctx.total);
+  return result.release();
+}
+
+TARN_API plist_t ReadCameraDbTypeFromDevice(PodDevice *device) {
+  const char *folders[] = {kCameraDir};
+  return GetPictureListFromDevice(device, folders, 1);
+}
+
+TARN_API plist_t GetCameraPVList(PodDevice *device, uint32_t, uint32_t) {
+  std::puts("GetCameraPVList");
+  plist_t result = nullptr;
+  const bool listed = tarn::WalkDbFiles(device, "CameraDb", [&](uint64_t type, const char *device_path) {
+    if (type != 0) return false;
+    result = ReadCameraDbTypeSQLITE(device, tarn::LocalCopyPath(device, device_path).c_str());
+    return true;
+  });
+  if (!listed) return ReadCameraDbTypeFromDevice(device);
+  PrintPlist(result);
+  if (result == nullptr) return ReadCameraDbTypeFromDevice(device);
+  std::puts("GetCameraPVList END");
+  return result;
+}
+
 }  // extern "C"

@@ -1,11 +1,130 @@
-// Placeholder: replaced by the real implementation.
+// Synced and streamed pictures: a walk over fixed device folders keeping
+// the files with a picture or video extension. The camera roll walks its
+// folder with the same code when its database lists nothing.
+#include "catalogue/pictures.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "catalogue/media_item.h"
+#include "common/connection.h"
+#include "common/db_entry.h"
+#include "common/raii.h"
+#include "devicefs/walk.h"
 #include "tarn/tarn_device.h"
+#include "tarn/tarn_tool.h"
+
+namespace {
+
+constexpr const char *kUserPictureDir = "/Photos/Thumbs";
+constexpr const char *kUserPicturePhotoStreamsDataDir = "/PhotoStreamsData";
+constexpr const char *kUserPictureSyncDir = "/PhotoData/Sync/100SYNCD";
+// Matched as a substring, so ".jpe", ".mo" or ".g" count as well: that is
+// what applications have always been shown.
+constexpr const char *kUserPictureVisible = ".jpg;.jpeg;.gif;.png;.mov;";
+constexpr const char *kTimeFormat = "%Y/%m/%d %H:%M:%S";
+constexpr size_t kTimeBufferSize = 32;
+
+enum class Entry { kPicture, kSkipped, kOther };
+
+Entry Classify(const char *name) {
+  tarn::CString extension(GetFilePostfix(name));
+  // A name ending in '.' has no extension worth testing.
+  if (extension && std::strlen(extension.get()) == 1) return Entry::kSkipped;
+  TarnToLower(extension.get());
+  if (extension && IsExistInStr(kUserPictureVisible, extension.get())) return Entry::kPicture;
+  if (name[0] == '.') return Entry::kSkipped;
+  return Entry::kOther;
+}
+
+// Every entry that is neither a picture nor hidden is tried as a folder;
+// the shared walk descends only into what the device calls a directory and
+// bounds the depth and the number of entries, so a device whose links lead
+// back up cannot keep the walk going.
+struct PictureVisitor {
+  plist_t items;
+  uint64_t *total;
+
+  bool Enter(const tarn::WalkEntry &entry) {
+    switch (Classify(entry.name)) {
+      case Entry::kPicture:
+        tarn::AppendPictureItem(items, entry.path.c_str(), entry.info, total);
+        return false;
+      case Entry::kSkipped: return false;
+      case Entry::kOther: return true;
+    }
+    return false;
+  }
+  void Leave(const tarn::WalkEntry &, bool) {}
+};
+
+}  // namespace
+
+namespace tarn {
+
+bool AppendPictureItem(plist_t items, const char *path, char *const *info, uint64_t *total) {
+  if (info == nullptr || info[kInfoSize] == nullptr) return false;
+  const uint64_t size = std::strtoull(info[kInfoSize], nullptr, 10);
+  const int32_t mtime = info[kInfoMtime] ? static_cast<int32_t>(std::strtoll(info[kInfoMtime], nullptr, 10)) : 0;
+  plist_t item = plist_new_dict();
+  plist_array_append_item(items, item);
+  plist_dict_set_item(item, "size", plist_new_uint(size));
+  InsertPlistDictString(item, "path", path);
+  CString time(TarnGetLocalFormatTime(mtime, kTimeFormat, kTimeBufferSize));
+  InsertPlistDictString(item, "time", time.get());
+  *total += size;
+  return true;
+}
+
+}  // namespace tarn
 
 extern "C" {
 
-TARN_API plist_t GetUserPictureListFromDevice(PodDevice *) { return nullptr; }
-TARN_API plist_t GetPictureListFromDevice(PodDevice *, const char **, int32_t) { return nullptr; }
-TARN_API int GetDirAllPicture(afc_client_t, plist_t, const char *, uint64_t *) { return 0; }
-TARN_API plist_t GetUserPictureList(PodDevice *, uint32_t, uint32_t) { return nullptr; }
-TARN_API plist_t ReadUserPictureDbTypeCdb(const char *) { return nullptr; }
+TARN_API int GetDirAllPicture(afc_client_t client, plist_t items, const char *folder, uint64_t *total) {
+  if (client == nullptr || items == nullptr || folder == nullptr || total == nullptr) return 0;
+  PictureVisitor visitor{items, total};
+  tarn::WalkDirectory(client, folder, 0, visitor);
+  return 0;
+}
+
+TARN_API plist_t GetPictureListFromDevice(PodDevice *device, const char **folders, int32_t count) {
+  std::puts("GetUserPictureListFromDevice");
+  tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
+  // One lock for all folders: the device's own sync must not move pictures
+  // while they are listed; without the lock file the walk still runs.
+  tarn::SyncLock lock(conn.afc());
+  tarn::PlistPtr result(tarn::NewTrackListResult());
+  plist_t items = tarn::ListItems(result.get());
+  uint64_t total = 0;
+  for (int32_t i = 0; folders != nullptr && i < count; ++i) GetDirAllPicture(conn.afc(), items, folders[i], &total);
+  const uint32_t found = plist_array_get_size(items);
+  if (found == 0) return nullptr;
+  tarn::AddToListCounts(result.get(), found, total);
+  return result.release();
+}
+
+TARN_API plist_t GetUserPictureListFromDevice(PodDevice *device) {
+  const char *folders[] = {kUserPictureDir, kUserPicturePhotoStreamsDataDir, kUserPictureSyncDir};
+  return GetPictureListFromDevice(device, folders, 3);
+}
+
+TARN_API plist_t ReadUserPictureDbTypeCdb(const char *) {
+  // Deliberately empty: synced pictures are listed by the folder walk
+  // (GetUserPictureListFromDevice); this entry point only keeps its place
+  // for applications that call it.
+  return nullptr;
+}
+
+TARN_API plist_t GetUserPictureList(PodDevice *device, uint32_t, uint32_t) {
+  plist_t result = nullptr;
+  tarn::WalkDbFiles(device, "UserPictureDb", [&](uint64_t type, const char *device_path) {
+    if (type != 0) return false;
+    result = ReadUserPictureDbTypeCdb(tarn::LocalCopyPath(device, device_path).c_str());
+    return true;
+  });
+  return result;
+}
+
 }  // extern "C"

@@ -1,12 +1,150 @@
-// Placeholder: replaced by the real implementation.
+// Voice recordings: from the recordings database (sized on the device) or
+// from the music database, whose recordings are tracks under a
+// "Recordings" path; whichever dbInfo lists first and yields one.
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "catalogue/media_item.h"
+#include "common/connection.h"
+#include "common/db_entry.h"
+#include "common/raii.h"
+#include "devicefs/walk.h"
 #include "tarn/tarn_device.h"
+
+namespace {
+
+enum RecordingDbType : uint64_t { kRecordingCdb = 0, kRecordingSqlite = 3 };
+
+constexpr const char *kRecordingQuery = "select ZDURATION,ZPATH,ZCUSTOMLABEL from ZRECORDING";
+constexpr const char *kRecordingFolder = "/Recordings/";
+// Recording files are named after the time they were taken; the title is
+// that time stamp, without the extension.
+constexpr size_t kTitleLength = 15;
+
+// Seconds as decimal text to whole milliseconds, truncated. A text that is
+// no duration at all (negative, not a number, absurdly large) counts as 0.
+uint64_t DurationMilliseconds(const char *text) {
+  const double ms = text ? std::strtod(text, nullptr) * 1000.0 : 0.0;
+  if (!(ms >= 0.0) || ms >= 18446744073709551616.0) return 0;
+  return static_cast<uint64_t>(ms);
+}
+
+}  // namespace
 
 extern "C" {
 
-TARN_API plist_t GetRecordingList(PodDevice *, uint32_t, uint32_t) { return nullptr; }
-TARN_API plist_t ReadRecordingDbTypeSQLITE(PodDevice *, const char *) { return nullptr; }
-TARN_API int RecordingDbCallback(void *, int, char **, char **) { return 0; }
-TARN_API plist_t ReadRecordingDbTypeCdb(const char *) { return nullptr; }
-TARN_API int IsMatchRecordingPath(const char *) { return 0; }
-TARN_API char *GetFormatedRecordingTime(const char *, char *dest) { return dest; }
+TARN_API int IsMatchRecordingPath(const char *path) {
+  return path != nullptr && std::strstr(path, "Recordings") != nullptr ? 1 : 0;
+}
+
+TARN_API char *GetFormatedRecordingTime(const char *source, char *dest) {
+  // strncpy stops reading at a shorter name's terminator and zero-fills
+  // the rest of the 15 bytes.
+  if (source != nullptr && dest != nullptr) std::strncpy(dest, source, kTitleLength);
+  return dest;
+}
+
+TARN_API int RecordingDbCallback(void *context, int columns, char **values, char **) {
+  auto *ctx = static_cast<RecordingRowContext *>(context);
+  if (ctx == nullptr || columns < 3 || values == nullptr || values[1] == nullptr) return 0;
+  const char *label = values[2];
+  // The database stores the path where the phone keeps the file; only the
+  // part from the recordings folder on exists on the media partition.
+  const char *device_path = std::strstr(values[1], kRecordingFolder);
+  if (device_path == nullptr) return 0;
+  tarn::FileInfo info(GetFileInfo(ctx->client, device_path));
+  if (info.get()[tarn::kInfoSize] == nullptr) return 0;
+  const uint64_t size = std::strtoull(info.get()[tarn::kInfoSize], nullptr, 10);
+
+  plist_t item = plist_new_dict();
+  plist_array_append_item(ctx->items, item);
+  ++ctx->count;
+  char title[kTitleLength + 1] = {};
+  GetFormatedRecordingTime(std::strrchr(values[1], '/') + 1, title);
+  plist_dict_set_item(item, "id", plist_new_uint(ctx->count));
+  InsertPlistDictString(item, "path", device_path);
+  InsertPlistDictString(item, "title", title);
+  plist_dict_set_item(item, "time", plist_new_uint(DurationMilliseconds(values[0])));
+  plist_dict_set_item(item, "size", plist_new_uint(size));
+  InsertPlistDictString(item, "name", label);
+  std::printf("name is %s\n", tarn::Printable(label));
+  ctx->total += size;
+  return 0;
+}
+
+TARN_API plist_t ReadRecordingDbTypeSQLITE(PodDevice *device, const char *path) {
+  sqlite3 *raw = nullptr;
+  // Read only: a missing copy must not turn into a new empty database in
+  // the working directory.
+  const int rc = sqlite3_open_v2(path ? path : "", &raw, SQLITE_OPEN_READONLY, nullptr);
+  tarn::SqliteDb db(raw);
+  if (rc != SQLITE_OK) return nullptr;
+
+  tarn::PlistPtr result(tarn::NewTrackListResult());
+  RecordingRowContext ctx{0, tarn::ListItems(result.get()), 0, nullptr};
+  char *error = nullptr;
+  {
+    tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
+    // The device's own sync must not remove recordings while they are sized.
+    tarn::SyncLock lock(conn.afc());
+    ctx.client = conn.afc();
+    sqlite3_exec(db.get(), kRecordingQuery, RecordingDbCallback, &ctx, &error);
+  }
+  // A failed query keeps the rows handed over before it; its message is
+  // of no use to the application.
+  tarn::SqliteText owned_error(error);
+  if (ctx.count == 0) return nullptr;
+  tarn::AddToListCounts(result.get(), ctx.count, ctx.total);
+  return result.release();
+}
+
+TARN_API plist_t ReadRecordingDbTypeCdb(const char *path) {
+  GError *error = nullptr;
+  tarn::ItdbPtr db(m_itdb_parse_file(path, &error));
+  tarn::GErrorPtr owned_error(error);
+  if (!db || itdb_tracks_number(db.get()) == 0) return nullptr;
+  // Unlike the database route, this result carries no "total".
+  tarn::PlistPtr result(plist_new_dict());
+  plist_t items = plist_new_array();
+  uint64_t count = 0;
+  for (GList *l = db->tracks; l != nullptr; l = l->next) {
+    const auto *track = static_cast<const Itdb_Track *>(l->data);
+    if (track == nullptr || !IsMatchRecordingPath(track->ipod_path)) continue;
+    plist_t item = plist_new_dict();
+    plist_dict_set_item(item, "id", plist_new_uint(track->id));
+    tarn::CString device_path(ReplaceChar(track->ipod_path, '/', ':'));
+    InsertPlistDictString(item, "path", device_path.get());
+    InsertPlistDictString(item, "title", track->title);
+    plist_dict_set_item(item, "time", plist_new_uint(static_cast<uint64_t>(static_cast<int64_t>(track->tracklen))));
+    plist_dict_set_item(item, "size", plist_new_uint(tarn::TrackSize(track)));
+    InsertPlistDictString(item, "name", "");
+    plist_array_append_item(items, item);
+    ++count;
+  }
+  plist_dict_set_item(result.get(), "number", plist_new_uint(count));
+  plist_dict_set_item(result.get(), "item", items);
+  if (count == 0) return nullptr;
+  return result.release();
+}
+
+TARN_API plist_t GetRecordingList(PodDevice *device, uint32_t, uint32_t) {
+  plist_t result = nullptr;
+  const bool listed = tarn::WalkDbFiles(device, "RecordingDb", [&](uint64_t type, const char *device_path) {
+    // Of the music databases only the compressed one is parsed, as for
+    // every track list; the plain and locations forms are passed over.
+    if (type == kRecordingSqlite) {
+      result = ReadRecordingDbTypeSQLITE(device, tarn::LocalCopyPath(device, device_path).c_str());
+    } else if (type == kRecordingCdb) {
+      result = ReadRecordingDbTypeCdb(tarn::LocalCopyPath(device, device_path).c_str());
+    }
+    return result != nullptr;
+  });
+  if (!listed) return nullptr;
+  std::puts("GetRecordingList END!!");
+  PrintPlist(result);
+  return result;
+}
+
 }  // extern "C"

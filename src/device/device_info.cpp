@@ -1,8 +1,85 @@
-// Placeholder: replaced by the real implementation.
+// What a device is and how its storage is used.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "common/connection.h"
+#include "common/raii.h"
 #include "tarn/tarn_device.h"
+
+namespace {
+
+// The byte total of a list result; a list that cannot be built counts as 0.
+uint64_t ListTotal(plist_t list) {
+  tarn::PlistPtr owned(list);
+  uint64_t total = 0;
+  if (list) plist_get_uint_val(plist_dict_get_item(list, "total"), &total);
+  return total;
+}
+
+}  // namespace
 
 extern "C" {
 
-TARN_API plist_t GetDeviceInfo(PodDevice *) { return nullptr; }
-TARN_API void SetDeviceUsage(PodDevice *, afc_client_t, plist_t) {}
+TARN_API void SetDeviceUsage(PodDevice *device, afc_client_t client, plist_t info) {
+  if (info == nullptr) return;
+  int64_t capacity = 0, available = 0;
+  char **attrs = nullptr;
+  if (client) afc_get_device_info(client, &attrs);
+  tarn::StrVec owned(attrs);
+  // The keys come in the order the device sends them, and only when it
+  // sends them.
+  for (char **kv = attrs; kv != nullptr && kv[0] != nullptr && kv[1] != nullptr; kv += 2) {
+    if (std::strcmp(kv[0], "FSTotalBytes") == 0) {
+      capacity = std::atoll(kv[1]);
+      // "Catacity" is the key applications have always read.
+      plist_dict_set_item(info, "Catacity", plist_new_uint(static_cast<uint64_t>(capacity)));
+    } else if (std::strcmp(kv[0], "FSFreeBytes") == 0) {
+      available = std::atoll(kv[1]);
+      plist_dict_set_item(info, "Available", plist_new_uint(static_cast<uint64_t>(available)));
+    }
+  }
+  const uint64_t audio = ListTotal(GetMusicList(device, 0, 0));
+  const uint64_t video = ListTotal(GetMovieList(device, 0, 0));
+  const uint64_t photos = ListTotal(GetCameraPVList(device, 0, 0));
+  plist_dict_set_item(info, "Audio", plist_new_uint(audio));
+  plist_dict_set_item(info, "Video", plist_new_uint(video));
+  plist_dict_set_item(info, "Photos", plist_new_uint(photos));
+  // Not clamped: when the media totals exceed the used space (databases
+  // newer than the device's counters, or no counters at all) the value
+  // wraps around, and applications have always been shown that value.
+  const uint64_t others =
+      static_cast<uint64_t>(capacity) - static_cast<uint64_t>(available) - audio - video - photos;
+  plist_dict_set_item(info, "Others", plist_new_uint(others));
+}
+
+TARN_API plist_t GetDeviceInfo(PodDevice *device) {
+  std::puts("GetDeviceInfo");
+  if (device == nullptr) return nullptr;
+  tarn::LockdownSession session(device->deviceId, "iPod");
+  if (session.status() != tarn::LockdownSession::Status::kOk) return nullptr;
+
+  tarn::PlistPtr info(plist_new_dict());
+  InsertPlistDictString(info.get(), "UniqueDeviceID", device->deviceId);
+  char *name = nullptr;
+  lockdownd_get_device_name(session.lockdown(), &name);
+  tarn::CString owned_name(name);
+  // A value the device does not give leaves its key out rather than
+  // inventing one.
+  if (name) InsertPlistDictString(info.get(), "DeviceName", name);
+  static constexpr struct {
+    const char *lockdown_key;
+    const char *key;
+  } kIdentity[] = {{"ProductType", "Type"}, {"ProductVersion", "Version"}, {"SerialNumber", "SerialNumber"}};
+  for (const auto &value : kIdentity) {
+    plist_t node = nullptr;
+    lockdownd_get_value(session.lockdown(), nullptr, value.lockdown_key, &node);
+    if (node) plist_dict_set_item(info.get(), value.key, node);
+  }
+  SetDeviceUsage(device, session.afc(), info.get());
+  std::puts("GetDeviceInfo end..");
+  PrintPlist(info.get());
+  return info.release();
+}
+
 }  // extern "C"

@@ -1,0 +1,225 @@
+// export: a catalogue's files copied out of the device under names a
+// person recognises, and playlists as .m3u8 files that point at them.
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <deque>
+#include <map>
+#include <set>
+#include <sstream>
+#include <system_error>
+
+#include "catalogue.h"
+#include "console.h"
+#include "naming.h"
+#include "render.h"
+#include "transfer.h"
+
+namespace tarn::cli {
+namespace fs = std::filesystem;
+namespace {
+
+struct ExportItem {
+  std::string device_path;
+  std::string rel;     // host path below the export directory
+  uint64_t size = 0;   // as the catalogue gives it; 0 when it gives none
+  uint64_t millis = 0;
+  std::string artist;
+  std::string title;
+};
+
+// The library writes "(None)" for a missing artist, album or genre.
+std::string Known(const std::string &text) { return text == "(None)" ? "" : text; }
+
+std::string StemOf(const std::string &device_path) {
+  std::string base = BaseName(device_path);
+  const size_t dot = base.find_last_of('.');
+  return dot == std::string::npos || dot == 0 ? base : base.substr(0, dot);
+}
+
+class Exporter {
+ public:
+  Exporter(Session &session, fs::path dir) : session_(session), dir_(std::move(dir)) {}
+
+  // Claims a name for one catalogue item of `kind` and queues it.
+  const ExportItem *Add(Kind kind, plist_t item) {
+    ExportItem e;
+    e.device_path = DictString(item, "path");
+    if (e.device_path.empty()) return nullptr;  // a book without a file, a track without a path
+    if (auto it = by_path_.find(e.device_path); it != by_path_.end()) return &items_[it->second];
+    e.size = DictUint(item, "size");
+    e.millis = DictUint(item, "time");
+    e.artist = Known(DictString(item, "artist"));
+    e.title = DictString(item, "title");
+    const std::string ext = Extension(e.device_path);
+    std::string stem = SafeName(e.title, SafeName(StemOf(e.device_path), "Untitled"));
+    std::vector<std::string> dirs;
+    switch (kind) {
+      case Kind::kMusic:
+      case Kind::kAudiobooks:
+      case Kind::kPlaylists:
+        dirs = {SafeName(e.artist, "Unknown Artist"), SafeName(Known(DictString(item, "album")), "Unknown Album")};
+        break;
+      case Kind::kPodcasts:
+      case Kind::kTvShows:
+        dirs = {SafeName(Known(DictString(item, "album")), "Unknown Show")};
+        break;
+      case Kind::kRecordings: {
+        const std::string label = DictString(item, "name");
+        stem = SafeName(label.empty() ? RecordingTime(e.title, ".") : label, "Recording");
+        break;
+      }
+      case Kind::kCamera:
+      case Kind::kPictures:
+        stem = SafeName(StemOf(e.device_path), "Picture");
+        break;
+      default:
+        break;
+    }
+    e.rel = names_.Claim(dirs, stem, ext);
+    by_path_[e.device_path] = items_.size();
+    items_.push_back(std::move(e));
+    return &items_.back();
+  }
+
+  std::string ClaimPlaylist(const std::string &name) { return names_.Claim({}, SafeName(name, "Playlist"), ".m3u8"); }
+
+  // Copies what is not there yet. Returns false when cancelled.
+  bool Copy() {
+    std::vector<DownloadJob> jobs;
+    for (const auto &item : items_) {
+      const fs::path host = dir_ / item.rel;
+      std::error_code ec;
+      const uint64_t have = fs::is_regular_file(host, ec) ? fs::file_size(host, ec) : UINT64_MAX;
+      // The catalogue's size settles most files without asking the device.
+      if (item.size != 0 && have == item.size) {
+        ++skipped_;
+        continue;
+      }
+      const PathInfo info = session_.Stat(item.device_path);
+      if (!info.exists || info.is_dir) {
+        missing_.insert(item.device_path);
+        PrintWarning(item.device_path + " is listed in the catalogue but missing on the device");
+        continue;
+      }
+      if (have == info.size) {
+        ++skipped_;
+        continue;
+      }
+      jobs.push_back({item.device_path, host.string(), info.size, info.mtime});
+    }
+    uint64_t total = 0;
+    for (const auto &job : jobs) total += job.size;
+    Transfers transfers(session_, total);
+    bool cancelled = false;
+    for (const auto &job : jobs) {
+      const Outcome outcome = transfers.Download(job);
+      if (outcome == Outcome::kCopied) ++copied_;
+      if (outcome == Outcome::kFailed) failed_.push_back(job.device_path);
+      if (outcome == Outcome::kCancelled || Interrupted()) {
+        cancelled = true;
+        break;
+      }
+    }
+    transfers.Finish();
+    bytes_ = transfers.bytes_copied();
+    return !cancelled;
+  }
+
+  // Writes a playlist unless the same text is there already.
+  void WritePlaylist(const std::string &rel, const std::vector<const ExportItem *> &members) {
+    std::ostringstream text;
+    text << "#EXTM3U\n";
+    for (const ExportItem *m : members) {
+      if (missing_.count(m->device_path) != 0) continue;
+      text << "#EXTINF:" << m->millis / 1000 << "," << (m->artist.empty() ? "" : m->artist + " - ") << m->title
+           << "\n"
+           << m->rel << "\n";
+    }
+    const fs::path path = dir_ / rel;
+    std::ifstream old(path, std::ios::binary);
+    std::ostringstream before;
+    before << old.rdbuf();
+    if (old && before.str() == text.str()) return;
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << text.str();
+    if (!out.flush()) Fail(kExitHostPath, "cannot write " + path.string());
+    ++playlists_;
+  }
+
+  int Report(const char *noun) {
+    for (const auto &path : failed_) PrintError("could not copy " + path);
+    std::fprintf(Out(), "%zu %s: %zu copied (%s), %zu already there", items_.size(), noun, copied_,
+                 HumanSize(bytes_).c_str(), skipped_);
+    if (!missing_.empty()) std::fprintf(Out(), ", %zu missing on the device", missing_.size());
+    if (playlists_ > 0) std::fprintf(Out(), ", %zu playlists written", playlists_);
+    std::fprintf(Out(), "\n");
+    if (!failed_.empty()) Fail(kExitFailed, std::to_string(failed_.size()) + " file(s) could not be copied");
+    return kExitOk;
+  }
+
+ private:
+  Session &session_;
+  fs::path dir_;
+  NameRegistry names_;
+  std::deque<ExportItem> items_;  // stable addresses: playlists keep pointers
+  std::map<std::string, size_t> by_path_;
+  std::set<std::string> missing_;
+  std::vector<std::string> failed_;
+  size_t copied_ = 0, skipped_ = 0, playlists_ = 0;
+  uint64_t bytes_ = 0;
+};
+
+}  // namespace
+
+int CmdExport(Session &session, const Args &args) {
+  const KindSpec &spec = FindKind(args.positional[0]);
+  const fs::path dir = args.positional[1];
+  std::error_code ec;
+  fs::create_directories(dir, ec);
+  if (ec || !fs::is_directory(dir) || ::access(dir.c_str(), W_OK) != 0)
+    Fail(kExitHostPath, "cannot write to " + dir.string());
+
+  Exporter exporter(session, dir);
+  if (spec.kind == Kind::kPlaylists) {
+    // Names come from the whole music list first, in its order, so that a
+    // playlist points at the very files that "export music" gives.
+    PlistPtr music = FetchList(session, Kind::kMusic);
+    for (plist_t item : ArrayItems(DictArray(music.get(), "item"))) exporter.Add(Kind::kMusic, item);
+    PlistPtr playlists = FetchList(session, Kind::kPlaylists);
+    const std::vector<plist_t> all = ArrayItems(playlists.get());
+    if (all.size() <= 1) {
+      std::fprintf(Out(), "No playlists on this device.\n");
+      return kExitOk;
+    }
+    std::vector<std::pair<std::string, std::vector<const ExportItem *>>> files;
+    // The first playlist is the master playlist: the library itself, not one
+    // the user made.
+    for (size_t p = 1; p < all.size(); ++p) {
+      std::vector<const ExportItem *> members;
+      for (plist_t item : ArrayItems(DictArray(all[p], "item")))
+        if (const ExportItem *e = exporter.Add(Kind::kPlaylists, item)) members.push_back(e);
+      files.emplace_back(exporter.ClaimPlaylist(DictString(all[p], "name")), std::move(members));
+    }
+    if (!exporter.Copy()) Fail(kExitCancelled, "export cancelled; run it again to go on");
+    for (const auto &[rel, members] : files) exporter.WritePlaylist(rel, members);
+    return exporter.Report("playlist tracks");
+  }
+
+  PlistPtr list = FetchList(session, spec.kind);
+  if (!list) {
+    std::fprintf(Out(), "No %s on this device.\n", spec.noun);
+    return kExitOk;
+  }
+  if (spec.kind == Kind::kBooks) {
+    for (plist_t catalogue : ArrayItems(list.get()))
+      for (plist_t item : ArrayItems(DictArray(catalogue, "item"))) exporter.Add(spec.kind, item);
+  } else {
+    for (plist_t item : ArrayItems(DictArray(list.get(), "item"))) exporter.Add(spec.kind, item);
+  }
+  if (!exporter.Copy()) Fail(kExitCancelled, "export cancelled; run it again to go on");
+  return exporter.Report(spec.noun);
+}
+
+}  // namespace tarn::cli

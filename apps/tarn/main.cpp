@@ -1,0 +1,243 @@
+// tarn: browse and move the content of iPod, iPhone and iPad devices from a
+// shell. Argument parsing and dispatch; the commands live beside this file.
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <string>
+#include <vector>
+
+#include "console.h"
+#include "progress.h"
+#include "session.h"
+#include "tool.h"
+
+namespace tarn::cli {
+
+[[noreturn]] void Fail(int code, std::string message) { throw Failure{code, std::move(message)}; }
+
+namespace {
+
+enum class Needs { kNothing, kDevice, kCatalogue };
+
+struct CommandSpec {
+  const char *name;
+  const char *usage;
+  const char *summary;
+  const char *details;
+  std::vector<std::string> switches;      // flags without a value
+  std::vector<std::string> with_value;    // flags that take one
+  size_t min_args;
+  size_t max_args;
+  Needs needs;
+  int (*run)(Session &, const Args &);
+};
+
+const char *const kKinds =
+    "music, movies, podcasts, tvshows, audiobooks, ringtones, playlists, recordings, books, camera, pictures";
+
+const std::vector<CommandSpec> &Commands() {
+  static const std::vector<CommandSpec> commands = {
+      {"devices", "devices", "list the attached devices: identifier and name",
+       "Prints one line per attached device: its identifier and its name.\n", {}, {}, 0, 0, Needs::kNothing,
+       nullptr},
+      {"info", "info [--json | --xml]", "identity and storage use of the device",
+       "Prints the device's name, type, version, serial number and how its storage is used,\n"
+       "as numbers and as a bar (coloured when standard output is a terminal).\n"
+       "  --json   the device information as JSON\n"
+       "  --xml    the device information as the library returns it (property list XML)\n",
+       {"--json", "--xml"}, {}, 0, 0, Needs::kCatalogue, CmdInfo},
+      {"list", "list KIND [--json | --xml]", "list a catalogue of the device",
+       "KIND is one of: music, movies, podcasts, tvshows, audiobooks, ringtones, playlists,\n"
+       "recordings, books, camera, pictures.\n"
+       "  --json   the list as JSON (keys and order as the library gives them)\n"
+       "  --xml    the list as the library returns it (property list XML)\n",
+       {"--json", "--xml"}, {}, 1, 1, Needs::kCatalogue, CmdList},
+      {"export", "export KIND HOST_DIR", "copy a catalogue's files out under readable names",
+       "KIND is one of: music, movies, podcasts, tvshows, audiobooks, ringtones, playlists,\n"
+       "recordings, books, camera, pictures.\n"
+       "Music goes to Artist/Album/Title.ext, recordings by their label or time, books by title,\n"
+       "the camera roll and pictures under their own names; playlists become .m3u8 files next to\n"
+       "the music they point at. Files keep the device's modification times. A file already\n"
+       "there with the same size is skipped, so an interrupted export can simply be run again.\n",
+       {}, {}, 2, 2, Needs::kCatalogue, CmdExport},
+      {"ls", "ls [PATH] [-l] [-R | --depth N]", "list a device directory",
+       "  -l          type, size and modification time of each entry\n"
+       "  -R          the whole tree below PATH\n"
+       "  --depth N   N levels below PATH\n",
+       {"-l", "-R"}, {"--depth"}, 0, 1, Needs::kDevice, CmdLs},
+      {"stat", "stat PATH", "file information of a device path", "", {}, {}, 1, 1, Needs::kDevice, CmdStat},
+      {"find", "find DIR KEYWORD [--case-sensitive]", "search names below a device directory",
+       "Prints the files and directories below DIR whose names contain KEYWORD, ignoring case.\n"
+       "  --case-sensitive   pass KEYWORD as given (names are compared in lower case, so only a\n"
+       "                     lower-case keyword can match)\n",
+       {"--case-sensitive"}, {}, 2, 2, Needs::kDevice, CmdFind},
+      {"mkdir", "mkdir [-p] PATH", "create a device directory",
+       "  -p   create missing parents; no error when PATH is already a directory\n", {"-p"}, {}, 1, 1,
+       Needs::kDevice, CmdMkdir},
+      {"mv", "mv OLD NEW", "rename or move a device path (into NEW when it is a directory)", "", {}, {}, 2, 2,
+       Needs::kDevice, CmdMv},
+      {"rm", "rm [-r] PATH", "remove a device file or empty directory",
+       "  -r   remove a directory and everything below it\n", {"-r"}, {}, 1, 1, Needs::kDevice, CmdRm},
+      {"pull", "pull DEVICE_PATH HOST_PATH", "copy a device file or directory to the host",
+       "Copies into HOST_PATH/<name> when HOST_PATH is a directory. Ctrl-C cancels; a cancelled\n"
+       "file is not kept.\n",
+       {}, {}, 2, 2, Needs::kDevice, CmdPull},
+      {"push", "push HOST_PATH DEVICE_PATH", "copy a host file or directory to the device",
+       "Copies into DEVICE_PATH/<name> when DEVICE_PATH is a directory. Ctrl-C cancels; a\n"
+       "cancelled file is removed from the device.\n",
+       {}, {}, 2, 2, Needs::kDevice, CmdPush},
+  };
+  return commands;
+}
+
+const char *const kGlobalHelp =
+    "Options:\n"
+    "  -u, --udid UDID   the device to use (default: the only one attached)\n"
+    "  -v, --verbose     show the library's own console lines on standard error\n"
+    "  --workdir DIR     where the device's databases are copied (default:\n"
+    "                    $XDG_CACHE_HOME/tarn/UDID, or ~/.cache/tarn/UDID)\n"
+    "  --refresh         drop the copies first, so that a changed device is read afresh\n"
+    "  --progress, --no-progress\n"
+    "                    show transfer progress or not (default: when stderr is a terminal)\n"
+    "  -h, --help        help, also after a command: tarn ls --help\n"
+    "  --version         the version\n";
+
+const char *const kExitHelp =
+    "Exit codes: 0 success, 1 operation failed, 2 usage, 3 no device attached, 4 device not\n"
+    "found, 5 several devices (use -u), 6 device cannot be reached, 7 path not found on the\n"
+    "device, 8 host path cannot be read or written, 9 target exists, 130 cancelled.\n";
+
+void PrintUsage(std::FILE *out) {
+  std::fprintf(out, "Usage: tarn [OPTIONS] COMMAND [ARGS]\n\nBrowse and move the content of iPod, iPhone and iPad "
+                    "devices.\n\nCommands:\n");
+  for (const auto &c : Commands()) std::fprintf(out, "  %-38s %s\n", c.usage, c.summary);
+  std::fprintf(out, "\nKIND: %s\n\n%s\n%s", kKinds, kGlobalHelp, kExitHelp);
+}
+
+void PrintCommandUsage(std::FILE *out, const CommandSpec &c) {
+  std::fprintf(out, "Usage: tarn [OPTIONS] %s\n\n%c%s.\n", c.usage, c.summary[0] - 32, c.summary + 1);
+  if (c.details[0] != '\0') std::fprintf(out, "\n%s", c.details);
+  std::fprintf(out, "\n%s", kGlobalHelp);
+}
+
+const CommandSpec *FindCommand(const std::string &name) {
+  for (const auto &c : Commands())
+    if (name == c.name) return &c;
+  return nullptr;
+}
+
+bool Contains(const std::vector<std::string> &list, const std::string &item) {
+  for (const auto &x : list)
+    if (x == item) return true;
+  return false;
+}
+
+struct CommandLine {
+  GlobalOptions options;
+  const CommandSpec *command = nullptr;
+  Args args;
+  bool help = false;
+  bool version = false;
+};
+
+[[noreturn]] void UsageError(const CommandSpec *command, const std::string &message) {
+  const std::string hint = command != nullptr ? std::string("tarn ") + command->name + " --help" : "tarn --help";
+  Fail(kExitUsage, message + " (see " + hint + ")");
+}
+
+CommandLine Parse(int argc, char **argv) {
+  CommandLine line;
+  std::vector<std::string> words(argv + 1, argv + argc);
+  bool options_done = false;
+  for (size_t i = 0; i < words.size(); ++i) {
+    std::string word = words[i];
+    std::string inline_value;
+    bool has_inline = false;
+    if (!options_done && word.rfind("--", 0) == 0 && word.find('=') != std::string::npos) {
+      inline_value = word.substr(word.find('=') + 1);
+      word = word.substr(0, word.find('='));
+      has_inline = true;
+    }
+    auto value = [&](const std::string &flag) {
+      if (has_inline) return inline_value;
+      if (i + 1 >= words.size()) UsageError(line.command, flag + " needs a value");
+      return words[++i];
+    };
+    if (options_done || word.empty() || word[0] != '-' || word == "-") {
+      if (line.command == nullptr) {
+        line.command = FindCommand(word);
+        if (line.command == nullptr) UsageError(nullptr, "unknown command '" + word + "'");
+      } else {
+        line.args.positional.push_back(words[i]);
+      }
+      continue;
+    }
+    if (word == "--") options_done = true;
+    else if (word == "-u" || word == "--udid") line.options.udid = value(word);
+    else if (word == "-v" || word == "--verbose") line.options.verbose = true;
+    else if (word == "--workdir") line.options.workdir = value(word);
+    else if (word == "--refresh") line.options.refresh = true;
+    else if (word == "--progress") line.options.progress = true;
+    else if (word == "--no-progress") line.options.progress = false;
+    else if (word == "-h" || word == "--help") line.help = true;
+    else if (word == "--version") line.version = true;
+    else if (line.command != nullptr && Contains(line.command->with_value, word)) line.args.flags[word] = value(word);
+    else if (line.command != nullptr && Contains(line.command->switches, word)) line.args.flags[word] = "";
+    else if (line.command != nullptr && word.size() > 2 && word[1] != '-') {
+      // A cluster of short switches: -lR.
+      for (size_t k = 1; k < word.size(); ++k) {
+        const std::string flag = std::string("-") + word[k];
+        if (!Contains(line.command->switches, flag)) UsageError(line.command, "unknown option " + flag);
+        line.args.flags[flag] = "";
+      }
+    } else {
+      UsageError(line.command, "unknown option " + word);
+    }
+  }
+  return line;
+}
+
+int Run(const CommandLine &line) {
+  const CommandSpec &c = *line.command;
+  const size_t n = line.args.positional.size();
+  if (n < c.min_args || n > c.max_args)
+    UsageError(&c, std::string(n < c.min_args ? "missing" : "too many") + " arguments: tarn " + c.usage);
+  if (line.args.has("--json") && line.args.has("--xml")) UsageError(&c, "--json and --xml exclude each other");
+  if (line.args.has("-R") && line.args.has("--depth")) UsageError(&c, "-R and --depth exclude each other");
+  if (c.needs == Needs::kNothing) return CmdDevices(line.options, line.args);
+  Session session(line.options, ChooseDevice(line.options));
+  session.Connect();
+  if (c.needs == Needs::kCatalogue) session.InitCatalogue();
+  return c.run(session, line.args);
+}
+
+}  // namespace
+}  // namespace tarn::cli
+
+int main(int argc, char **argv) {
+  using namespace tarn::cli;
+  int code = kExitOk;
+  try {
+    const CommandLine line = Parse(argc, argv);
+    if (line.version) {
+      std::printf("tarn %s\n", TARN_VERSION);
+      return kExitOk;
+    }
+    if (line.help || line.command == nullptr) {
+      if (line.command != nullptr) PrintCommandUsage(stdout, *line.command);
+      else PrintUsage(line.help ? stdout : stderr);
+      return line.help ? kExitOk : kExitUsage;
+    }
+    SeparateLibraryOutput(line.options.verbose);
+    CatchInterrupt();
+    code = Run(line);
+  } catch (const Failure &failure) {
+    PrintError(failure.message);
+    code = failure.code;
+  } catch (const std::exception &e) {
+    PrintError(e.what());
+    code = kExitFailed;
+  }
+  FlushAll();
+  return code;
+}

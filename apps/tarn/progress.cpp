@@ -1,0 +1,88 @@
+#include "progress.h"
+
+#include <csignal>
+#include <cstdio>
+
+#include <glib.h>
+
+#include "console.h"
+#include "render.h"
+#include "tool.h"
+
+namespace tarn::cli {
+namespace {
+
+volatile std::sig_atomic_t g_interrupted = 0;
+
+void OnInterrupt(int) {
+  g_interrupted = 1;
+  std::signal(SIGINT, SIG_DFL);
+}
+
+constexpr int kBarCells = 24;
+
+}  // namespace
+
+void CatchInterrupt() {
+  struct sigaction action {};
+  action.sa_handler = OnInterrupt;
+  sigemptyset(&action.sa_mask);
+  // Restarted system calls keep a socket read in the library from failing
+  // half-way: the cancel then comes through the progress callback.
+  action.sa_flags = SA_RESTART;
+  sigaction(SIGINT, &action, nullptr);
+}
+
+bool Interrupted() { return g_interrupted != 0; }
+
+bool ProgressWanted(const GlobalOptions &options) {
+  return options.progress.has_value() ? *options.progress : ErrIsTerminal();
+}
+
+ProgressBar::ProgressBar(bool enabled, uint64_t total)
+    : enabled_(enabled), total_(total), start_(std::chrono::steady_clock::now()) {}
+
+ProgressBar::~ProgressBar() {
+  if (drawn_) std::fputc('\n', stderr);
+}
+
+void ProgressBar::SetLabel(const std::string &label) { label_ = label; }
+
+void ProgressBar::Update(uint64_t done) {
+  done_ = done;
+  Draw(false);
+}
+
+void ProgressBar::Finish() {
+  if (!enabled_) return;
+  Draw(true);
+  std::fputc('\n', stderr);
+  std::fflush(stderr);
+  drawn_ = false;
+}
+
+void ProgressBar::Draw(bool force) {
+  if (!enabled_) return;
+  const auto now = std::chrono::steady_clock::now();
+  if (!force && drawn_ && now - last_draw_ < std::chrono::milliseconds(100)) return;
+  last_draw_ = now;
+  drawn_ = true;
+  const double fraction = total_ == 0 ? 1.0 : std::min(1.0, static_cast<double>(done_) / static_cast<double>(total_));
+  const int full = static_cast<int>(fraction * kBarCells);
+  std::string bar(static_cast<size_t>(full), '#');
+  bar.append(static_cast<size_t>(kBarCells - full), '-');
+  const double seconds = std::chrono::duration<double>(now - start_).count();
+  const double rate = seconds > 0.05 ? static_cast<double>(done_) / seconds : 0.0;
+  std::string left = "-:--";
+  if (rate > 0 && done_ <= total_) left = HumanDuration(static_cast<uint64_t>((total_ - done_) / rate * 1000.0));
+  std::string label = label_;
+  const bool text = g_utf8_validate(label.c_str(), static_cast<gssize>(label.size()), nullptr);
+  const glong chars = text ? g_utf8_strlen(label.c_str(), -1) : 0;
+  if (chars > 30) label = "\u2026" + std::string(g_utf8_offset_to_pointer(label.c_str(), chars - 29));
+  std::fprintf(stderr, "\r[%s] %3d%%  %s / %s  %s/s  %s left  %s\033[K", bar.c_str(),
+               static_cast<int>(fraction * 100), HumanSize(done_).c_str(), HumanSize(total_).c_str(),
+               HumanSize(static_cast<uint64_t>(rate)).c_str(), left.c_str(), label.c_str());
+  std::fflush(stderr);
+}
+
+}  // namespace tarn::cli

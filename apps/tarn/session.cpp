@@ -1,0 +1,118 @@
+#include "session.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <system_error>
+
+#include "common/raii.h"
+#include "naming.h"
+
+namespace tarn::cli {
+namespace fs = std::filesystem;
+
+std::vector<std::string> AttachedDevices() {
+  std::vector<std::string> ids;
+  PlistPtr list(GetDevicesId());
+  if (!list || plist_get_node_type(list.get()) != PLIST_ARRAY) return ids;
+  for (uint32_t i = 0; i < plist_array_get_size(list.get()); ++i) {
+    char *text = nullptr;
+    plist_get_string_val(plist_array_get_item(list.get(), i), &text);
+    CString owned(text);
+    if (text != nullptr) ids.emplace_back(text);
+  }
+  return ids;
+}
+
+std::string ChooseDevice(const GlobalOptions &options) {
+  const std::vector<std::string> ids = AttachedDevices();
+  if (ids.empty()) Fail(kExitNoDevice, "no device attached");
+  if (!options.udid.empty()) {
+    for (const auto &id : ids)
+      if (id == options.udid) return id;
+    Fail(kExitDeviceNotFound, "device " + options.udid + " not found");
+  }
+  if (ids.size() > 1)
+    Fail(kExitSeveralDevices, std::to_string(ids.size()) + " devices attached; choose one with -u UDID");
+  return ids.front();
+}
+
+std::string WorkDirFor(const GlobalOptions &options, const std::string &udid) {
+  fs::path dir;
+  if (!options.workdir.empty()) {
+    dir = options.workdir;
+  } else {
+    const char *cache = std::getenv("XDG_CACHE_HOME");
+    const char *home = std::getenv("HOME");
+    if (cache != nullptr && cache[0] == '/') dir = cache;
+    else if (home != nullptr && home[0] != '\0') dir = fs::path(home) / ".cache";
+    else dir = fs::temp_directory_path();
+    dir = dir / "tarn" / SafeName(udid, "device");
+  }
+  std::error_code ec;
+  fs::path absolute = fs::absolute(dir, ec);
+  if (ec) Fail(kExitHostPath, "cannot use working directory " + dir.string() + ": " + ec.message());
+  // InitDevice takes the directory without a trailing separator.
+  std::string text = absolute.lexically_normal().string();
+  while (text.size() > 1 && text.back() == '/') text.pop_back();
+  return text;
+}
+
+void Session::DeviceDeleter::operator()(PodDevice *d) const { FreePodDevice(d); }
+
+Session::Session(const GlobalOptions &options, std::string udid)
+    : options_(options), udid_(std::move(udid)), device_(CreatePodDevice(udid_.c_str())) {
+  if (!device_) Fail(kExitFailed, "cannot create a handle for " + udid_);
+}
+
+Session::~Session() { CloseIdeviceAndAfC(afc_, idevice_); }
+
+void Session::Connect() {
+  if (afc_ != nullptr) return;
+  idevice_t connection = nullptr;
+  afc_client_t client = OpenIdeviceAndAfC(&connection, udid_.c_str());
+  if (client == nullptr) {
+    CloseIdeviceAndAfC(nullptr, connection);
+    // Without even a device connection the device went away since listing.
+    if (connection == nullptr) Fail(kExitDeviceNotFound, "device " + udid_ + " not found");
+    Fail(kExitUnreachable, "cannot reach device " + udid_ + ": handshake or file service refused");
+  }
+  idevice_ = connection;
+  afc_ = client;
+}
+
+PathInfo Session::Stat(const std::string &device_path) {
+  Connect();
+  FileInfo vector(GetFileInfo(afc_, device_path.c_str()));
+  PathInfo info;
+  char **v = vector.get();
+  if (v == nullptr || v[0] == nullptr) return info;
+  auto number = [](const char *text) { return text != nullptr ? std::strtoll(text, nullptr, 10) : 0; };
+  info.exists = true;
+  info.kind = v[0];
+  info.is_dir = info.kind == "S_IFDIR";
+  info.size = static_cast<uint64_t>(number(v[1]));
+  info.mtime = number(v[2]);
+  info.blocks = static_cast<uint64_t>(number(v[3]));
+  info.birthtime = number(v[4]);
+  return info;
+}
+
+PathInfo Session::Require(const std::string &device_path) {
+  PathInfo info = Stat(device_path);
+  if (!info.exists) Fail(kExitNotOnDevice, device_path + ": no such file or directory on the device");
+  return info;
+}
+
+void Session::InitCatalogue() {
+  const std::string dir = WorkDirFor(options_, udid_);
+  std::error_code ec;
+  // The library never refreshes a copy it already has: a changed device is
+  // only read afresh once the old copies are gone.
+  if (options_.refresh) fs::remove_all(dir, ec);
+  fs::create_directories(dir, ec);
+  if (ec || !fs::is_directory(dir)) Fail(kExitHostPath, "cannot create working directory " + dir);
+  if (InitDevice(device_.get(), dir.c_str()) != 0)
+    Fail(kExitUnreachable, "cannot reach device " + udid_ + ": handshake refused");
+}
+
+}  // namespace tarn::cli

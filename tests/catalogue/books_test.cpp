@@ -1,0 +1,183 @@
+// Books from the two catalogue plists.
+#include <cstring>
+#include <fstream>
+
+#include "catalogue_fixture.h"
+
+namespace tarn_catalogue_test {
+namespace {
+
+const json kUserBooks = json::parse(R"({"Books": [
+  {"Name": "Full", "Artist": "Ar", "Album": "Al", "Genre": "Ge", "Path": "abc.epub"},
+  {"Artist": "", "Album": "Al2", "Path": 5},
+  {"Name": "Third", "Path": "sub/t.pdf"}]})");
+const json kPurchasedBooks = json::parse(R"({"Books": [{"Name": "Bought", "Genre": "", "Path": "abc.epub"}]})");
+
+constexpr const char *kUserCatalogue =
+    "{catalog:\"UserBook\",number:3,item:["
+    "{title:\"Full\",time:\"\",artist:\"Ar\",album:\"Al\",rating:\"\",genre:\"Ge\",path:\"/Books/abc.epub\"},"
+    "{title:\"\",time:\"\",artist:\"(None)\",album:\"Al2\",rating:\"\",genre:\"(None)\",path:\"\"},"
+    "{title:\"Third\",time:\"\",artist:\"(None)\",album:\"(None)\",rating:\"\",genre:\"(None)\","
+    "path:\"/Books/sub/t.pdf\"}]}";
+constexpr const char *kPurchaseCatalogue =
+    "{catalog:\"PurchaseBook\",number:1,item:["
+    "{title:\"Bought\",time:\"\",artist:\"(None)\",album:\"(None)\",rating:\"\",genre:\"(None)\","
+    "path:\"/Books/Purchases/abc.epub\"}]}";
+
+TEST_F(CatalogueTest, BookCataloguesInBothPlistFormsListEveryBook) {
+  for (const char *format : {"xml", "binary"}) {
+    SCOPED_TRACE(format);
+    TearDown();
+    device = nullptr;
+    sim.reset();
+    fs::remove_all(dir.path() + "/image");
+    fs::remove_all(work());
+    // With a music database, "BookDb" names all four types; only the two
+    // plists are catalogues.
+    ASSERT_EQ(Start({{"music", {{"uncompressed", true}, {"tracks", {{{"title", "t"}}}}}},
+                     {"books", {{"format", format}, {"books", kUserBooks}, {"purchases", kPurchasedBooks}}}}),
+              0);
+    ASSERT_EQ(plist_array_get_size(plist_dict_get_item(device->dbInfo, "BookDb")), 4u);
+    Plist result(Quiet([&] { return GetBookList(device, 0, 0); }));
+    EXPECT_EQ(Text(result.get()), std::string("[") + kUserCatalogue + "," + kPurchaseCatalogue + "]");
+    EXPECT_EQ(output.rfind("GetBookList\n..................................\nthe xml_doc:\n", 0), 0u) << output;
+    ExpectIdle("the book list");
+  }
+}
+
+// Handles whose dbInfo the tests write themselves: the book list never
+// contacts the device.
+class BookListTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ::testing::internal::CaptureStdout();
+    device = CreatePodDevice(kUdid);
+    ::testing::internal::GetCapturedStdout();
+    device->hostDir = strdup(dir.path().c_str());
+  }
+  void TearDown() override { FreePodDevice(device); }
+
+  void Write(const std::string &name, const json &content, bool binary = false) {
+    // The fixture's image builder writes catalogues from JSON; the handle
+    // tests only need the file, so it is written through libplist here.
+    plist_t root = nullptr;
+    const std::string xml = ToXml(content);
+    plist_from_xml(xml.c_str(), static_cast<uint32_t>(xml.size()), &root);
+    ASSERT_NE(root, nullptr) << xml;
+    char *bytes = nullptr;
+    uint32_t length = 0;
+    if (binary) plist_to_bin(root, &bytes, &length);
+    else plist_to_xml(root, &bytes, &length);
+    std::ofstream(dir.path() + name, std::ios::binary).write(bytes, length);
+    free(bytes);
+    plist_free(root);
+  }
+  static std::string ToXml(const json &j) {
+    std::string body;
+    std::function<void(const json &)> node = [&](const json &v) {
+      if (v.is_object()) {
+        body += "<dict>";
+        for (auto it = v.begin(); it != v.end(); ++it) {
+          body += "<key>" + it.key() + "</key>";
+          node(it.value());
+        }
+        body += "</dict>";
+      } else if (v.is_array()) {
+        body += "<array>";
+        for (const auto &e : v) node(e);
+        body += "</array>";
+      } else if (v.is_number()) {
+        body += "<integer>" + v.dump() + "</integer>";
+      } else {
+        body += "<string>" + v.get<std::string>() + "</string>";
+      }
+    };
+    node(j);
+    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?><plist version=\"1.0\">" + body + "</plist>";
+  }
+  void SetBookDb(const std::vector<std::pair<uint64_t, const char *>> &entries) {
+    plist_t info = plist_new_dict();
+    plist_t array = plist_new_array();
+    for (const auto &[type, path] : entries) {
+      plist_t pair = plist_new_dict();
+      plist_dict_set_item(pair, "Type", plist_new_uint(type));
+      plist_dict_set_item(pair, "Path", plist_new_string(path));
+      plist_array_append_item(array, pair);
+    }
+    plist_dict_set_item(info, "BookDb", array);
+    device->dbInfo = info;
+  }
+
+  tarn::testing::TempDir dir;
+  PodDevice *device = nullptr;
+};
+
+TEST_F(BookListTest, TheWalkReadsAtMostTwoCataloguesAndKeepsAnEmptyArray) {
+  Write("/Books.plist", kUserBooks);
+  Write("/Purchases.plist", kPurchasedBooks, true);
+  const std::string both = std::string("[") + kUserCatalogue + "," + kPurchaseCatalogue + "]";
+  const struct {
+    const char *what;
+    std::vector<std::pair<uint64_t, const char *>> entries;
+    std::string expected;
+  } cases[] = {
+      {"a third catalogue entry is not read",
+       {{2, "/Books/Books.plist"}, {3, "/Books/Purchases/Purchases.plist"}, {2, "/Books/Books.plist"}},
+       both},
+      {"the music databases and unknown types are passed over",
+       {{0, "/iTunes_Control/iTunes/iTunesCDB"}, {7, "/x/Books.plist"}, {3, "/Books/Purchases/Purchases.plist"}},
+       std::string("[") + kPurchaseCatalogue + "]"},
+      {"a copy is found by its base name; a missing one adds nothing",
+       {{2, "/Books/Other.plist"}, {3, "/Nowhere/Books.plist"}},
+       std::string("[") + kUserCatalogue + "]"},
+      {"no catalogue with books gives an empty array", {{2, "/Books/Other.plist"}}, "[]"},
+      {"an empty entry gives an empty array", {}, "[]"},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.what);
+    plist_free(device->dbInfo);
+    SetBookDb(c.entries);
+    ::testing::internal::CaptureStdout();
+    Plist result(GetBookList(device, 0, 0));
+    const std::string out = ::testing::internal::GetCapturedStdout();
+    EXPECT_EQ(Text(result.get()), c.expected);
+    EXPECT_EQ(out.rfind("GetBookList\n..................................\n", 0), 0u) << out;
+  }
+
+  plist_free(device->dbInfo);
+  device->dbInfo = plist_new_dict();
+  ::testing::internal::CaptureStdout();
+  EXPECT_EQ(GetBookList(device, 0, 0), nullptr);
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(), "GetBookList\n") << "no book database: null";
+}
+
+TEST_F(BookListTest, ReadersGiveNullForWhatIsNoCatalogue) {
+  Write("/Books.plist", kUserBooks);
+  Write("/Purchases.plist", kPurchasedBooks, true);
+  Write("/NoBooks.plist", json::parse(R"({"Other": [1]})"));
+  Write("/Empty.plist", json::parse(R"({"Books": []})"));
+  std::ofstream(dir.path() + "/Broken.plist") << "<plist><dict><key>Books";
+  const std::string d = dir.path();
+  const struct {
+    const char *what;
+    plist_t result;
+    const char *expected;
+  } cases[] = {
+      {"XML user catalogue", ReadBookDbTypePLIST((d + "/Books.plist").c_str(), "/Books.plist"), kUserCatalogue},
+      {"binary purchases", ReadBookDbTypePLIST((d + "/Purchases.plist").c_str(), "/Purchases.plist"),
+       kPurchaseCatalogue},
+      {"binary reader", ReadBookDbTypePLISTBin((d + "/Purchases.plist").c_str()), kPurchaseCatalogue},
+      {"unknown catalogue name", ReadBookDbTypePLIST((d + "/Books.plist").c_str(), "/Other.plist"), "null"},
+      {"no Books array", ReadBookDbTypePLIST((d + "/NoBooks.plist").c_str(), "/Books.plist"), "null"},
+      {"empty Books array", ReadBookDbTypePLIST((d + "/Empty.plist").c_str(), "/Books.plist"), "null"},
+      {"unparsable file", ReadBookDbTypePLIST((d + "/Broken.plist").c_str(), "/Books.plist"), "null"},
+      {"missing file", ReadBookDbTypePLIST((d + "/Missing.plist").c_str(), "/Books.plist"), "null"},
+  };
+  for (const auto &c : cases) {
+    Plist owned(c.result);
+    EXPECT_EQ(Text(c.result), c.expected) << c.what;
+  }
+}
+
+}  // namespace
+}  // namespace tarn_catalogue_test

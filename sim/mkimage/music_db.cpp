@@ -31,8 +31,9 @@ struct ItdbFree {
 };
 
 std::string ReadAll(const fs::path &p) {
-  std::ifstream in(p, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
+  std::string bytes(fs::file_size(p), '\0');
+  std::ifstream(p, std::ios::binary).read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  return bytes;
 }
 
 uint32_t Le32(const std::string &s, size_t at) {
@@ -130,6 +131,16 @@ json Generate(const json &g) {
   return tracks;
 }
 
+// A database identifier that is never 0 (libgpod would replace it) and
+// differs for every index (splitmix64 is a bijection).
+uint64_t TrackDbid(uint64_t index) {
+  uint64_t z = index + 0x9e3779b97f4a7c15ULL;
+  z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ULL;
+  z = (z ^ (z >> 27)) * 0x94d049bb133111ebULL;
+  z ^= z >> 31;
+  return z ? z : 1;
+}
+
 void WriteLocations(const fs::path &file, const std::vector<Itdb_Track *> &tracks) {
   fs::create_directories(file.parent_path());
   sqlite3 *raw = nullptr;
@@ -180,8 +191,9 @@ void WriteMusic(const json &music, const fs::path &media, const fs::path &base) 
   }
   std::map<std::string, Itdb_Track *> by_id;
   std::vector<Itdb_Track *> order;
-  for (const auto &t : tracks) {
-    Itdb_Track *track = itdb_track_new();
+  for (size_t i = 0; i < tracks.size(); ++i) {
+    const json &t = tracks[i];
+    std::unique_ptr<Itdb_Track, decltype(&itdb_track_free)> track(itdb_track_new(), &itdb_track_free);
     track->title = Dup(t, "title");
     track->artist = Dup(t, "artist");
     track->album = Dup(t, "album");
@@ -194,20 +206,27 @@ void WriteMusic(const json &music, const fs::path &media, const fs::path &base) 
     track->bitrate = Num<int32_t>(t, "bitrate");
     track->cds = Num<int32_t>(t, "disc_count");
     if (t.contains("media_type")) track->mediatype = t["media_type"].get<uint32_t>();
-    itdb_track_add(db.get(), track, -1);
-    order.push_back(track);
-    if (t.contains("id")) by_id[t["id"].get<std::string>()] = track;
+    // libgpod draws a random identifier and checks it against every track
+    // already added, which is quadratic for large images; a fixed one per
+    // index also keeps images the same from build to build.
+    track->dbid = track->dbid2 = TrackDbid(i);
     if (t.value("file", false) && track->ipod_path) {
       std::string rel = track->ipod_path;
       for (auto &c : rel) c = c == ':' ? '/' : c;
       WriteFile(media / rel.substr(rel.find_first_not_of('/')), track->size);
     }
+    if (t.contains("id")) by_id[t["id"].get<std::string>()] = track.get();
+    order.push_back(track.get());
+    itdb_track_add(db.get(), track.release(), 0);
   }
+  // Added at the front, then turned round: appending walks the whole list
+  // each time.
+  db->tracks = g_list_reverse(db->tracks);
 
   Itdb_Playlist *mpl = itdb_playlist_new(music.value("master", std::string("iPod")).c_str(), FALSE);
   itdb_playlist_set_mpl(mpl);
   itdb_playlist_add(db.get(), mpl, -1);
-  for (auto *t : order) itdb_playlist_add_track(mpl, t, -1);
+  for (auto t = order.rbegin(); t != order.rend(); ++t) itdb_playlist_add_track(mpl, *t, 0);
 
   json playlists = music.value("playlists", json::array());
   if (music.contains("generate")) {

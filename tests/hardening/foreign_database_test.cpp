@@ -1,0 +1,240 @@
+// Databases that do not match what their readers expect: files that are no
+// database at all, tables and columns of another schema, values of another
+// type, property lists of another shape, truncated and damaged music
+// databases. Every reader must answer null or a list that is consistent in
+// itself ("number" the length of "item", "total" the sum of the sizes), and
+// never crash.
+#include <functional>
+
+#include "catalogue_image.h"
+
+namespace tarn_fs_test {
+namespace {
+
+uint32_t Number(plist_t list) {
+  uint64_t n = 0;
+  if (list) plist_get_uint_val(plist_dict_get_item(list, "number"), &n);
+  return static_cast<uint32_t>(n);
+}
+
+class ForeignDatabaseTest : public DeviceFsTest {
+ protected:
+  void SetUp() override {
+    image.File("/com.apple.itunes.lock_sync", "");
+    image.File("/Recordings/a.m4a", "12345");
+    image.File("/DCIM/100APPLE/IMG_0001.JPG", "123");
+    Start();
+  }
+
+  // A host file holding bytes, or an SQLite database made by script.
+  std::string HostFile(const std::string &name, const std::string &bytes) {
+    WriteAll(image.host(name), bytes);
+    return image.host(name).string();
+  }
+  std::string HostDb(const std::string &name, const std::string &script) {
+    fs::remove(image.host(name));
+    Sql(image.host(name), script);
+    return image.host(name).string();
+  }
+
+  template <class F>
+  plist_t Quiet(F read) {
+    testing::internal::CaptureStdout();
+    plist_t result = read();
+    testing::internal::GetCapturedStdout();
+    return result;
+  }
+};
+
+struct DbCase {
+  const char *what;
+  std::string script;  // SQL, or with raw set, the file's bytes
+  int number;          // items expected; -1 for null
+  bool raw = false;
+};
+
+TEST_F(ForeignDatabaseTest, RecordingDatabasesOfAnotherShape) {
+  const std::string table = "CREATE TABLE ZRECORDING (ZDURATION, ZPATH, ZCUSTOMLABEL);";
+  const DbCase cases[] = {
+      {"no database", "this is not an SQLite file, only text", -1, true},
+      {"an empty file", "", -1, true},
+      {"no such table", "CREATE TABLE OTHER (x);", -1},
+      {"columns missing", "CREATE TABLE ZRECORDING (ZDURATION); INSERT INTO ZRECORDING VALUES (1);", -1},
+      {"no rows", table, -1},
+      {"a row of the expected shape", table + "INSERT INTO ZRECORDING VALUES (1.5, '/x/Recordings/a.m4a', 'l');", 1},
+      // Nulls, blobs and numbers where texts belong; a path outside the
+      // recordings folder; a duration that is no number.
+      {"values of every type",
+       table +
+           "INSERT INTO ZRECORDING VALUES (NULL, NULL, NULL);"
+           "INSERT INTO ZRECORDING VALUES (x'00ff', x'2f5265636f7264696e67732f00', 7);"
+           "INSERT INTO ZRECORDING VALUES ('abc', 42, NULL);"
+           "INSERT INTO ZRECORDING VALUES (1e308, '/etc/passwd', NULL);"
+           "INSERT INTO ZRECORDING VALUES (-5, '/Recordings/', NULL);"
+           "INSERT INTO ZRECORDING VALUES (2, '/x/Recordings/a.m4a', NULL);",
+       -2},
+  };
+  for (const DbCase &c : cases) {
+    SCOPED_TRACE(c.what);
+    const std::string path = c.raw ? HostFile("Recordings.db", c.script) : HostDb("Recordings.db", c.script);
+    plist_t list = Quiet([&] { return ReadRecordingDbTypeSQLITE(device, path.c_str()); });
+    ExpectConsistent(list);
+    if (c.number == -1) {
+      EXPECT_EQ(list, nullptr);
+    }
+    if (c.number >= 0) {
+      EXPECT_EQ(Number(list), static_cast<uint32_t>(c.number));
+    }
+    if (list) plist_free(list);
+    ExpectIdle(c.what);
+  }
+}
+
+TEST_F(ForeignDatabaseTest, CameraDatabasesOfAnotherShapeFallBackToTheCameraFolder) {
+  const DbCase cases[] = {
+      {"no database", std::string(2048, '\x01'), -1, true},
+      {"no such table", "CREATE TABLE Other (x);", -1},
+      {"columns missing", "CREATE TABLE Photo (x); INSERT INTO Photo VALUES (1);", -1},
+      {"values of every type",
+       "CREATE TABLE Photo (directory, filename);"
+       "INSERT INTO Photo VALUES (NULL, NULL);"
+       "INSERT INTO Photo VALUES (x'00', 5);"
+       "INSERT INTO Photo VALUES ('DCIM/100APPLE', 'IMG_0001.JPG');",
+       -2},
+  };
+  for (const DbCase &c : cases) {
+    SCOPED_TRACE(c.what);
+    const std::string path = c.raw ? HostFile("Photos.sqlite", c.script) : HostDb("Photos.sqlite", c.script);
+    plist_t list = Quiet([&] { return ReadCameraDbTypeSQLITE(device, path.c_str()); });
+    ExpectConsistent(list);
+    if (c.number == -1) {
+      EXPECT_EQ(list, nullptr);
+    }
+    if (list) plist_free(list);
+    ExpectIdle(c.what);
+  }
+}
+
+struct PlistCase {
+  const char *what;
+  std::function<plist_t()> root;
+};
+
+plist_t Array(std::initializer_list<plist_t> items) {
+  plist_t a = plist_new_array();
+  for (plist_t i : items) plist_array_append_item(a, i);
+  return a;
+}
+
+TEST_F(ForeignDatabaseTest, PurchasesOfAnotherShape) {
+  const PlistCase cases[] = {
+      {"an array for a root", [] { return Array({plist_new_string("x")}); }},
+      {"purchases in an array", [] { return Dict({{"contentInfoByXMLFilename", Array({plist_new_dict()})}}); }},
+      {"entries of every type",
+       [] {
+         return Dict({{"contentInfoByXMLFilename",
+                       Dict({{"a", plist_new_string("not an entry")},
+                             {"b", Dict({{"itemId", plist_new_bool(1)}})},
+                             {"c", Dict({{"com.apple.iTunesStore.downloadInfo", plist_new_string("x")}})},
+                             {"d", Dict({{"com.apple.iTunesStore.downloadInfo",
+                                          Dict({{"mediaAssetFilename", plist_new_uint(5)}})}})},
+                             {"e", Dict({{"com.apple.iTunesStore.downloadInfo",
+                                          Dict({{"mediaAssetFilename", plist_new_string("../Recordings/a.m4a")}})},
+                                         {"itemName", plist_new_uint(1)},
+                                         {"duration", plist_new_string("long")}})}})}});
+       }},
+  };
+  for (const PlistCase &c : cases) {
+    SCOPED_TRACE(c.what);
+    const std::string path = HostFile("TrackData.plist", BinaryPlist(c.root()));
+    plist_t items = plist_new_array();
+    uint64_t total = 0;
+    testing::internal::CaptureStdout();
+    const uint32_t n = GetPurchaseMusicListFromPlist(device, path.c_str(), items, &total, plist_from_bin);
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(n, plist_array_get_size(items)) << "the count must be the items appended";
+    uint64_t sum = 0;
+    for (uint32_t i = 0; i < plist_array_get_size(items); ++i) {
+      uint64_t size = 0;
+      plist_get_uint_val(plist_dict_get_item(plist_array_get_item(items, i), "size"), &size);
+      sum += size;
+    }
+    EXPECT_EQ(total, sum);
+    plist_free(items);
+    ExpectIdle(c.what);
+  }
+}
+
+TEST_F(ForeignDatabaseTest, BookCataloguesOfAnotherShape) {
+  const PlistCase cases[] = {
+      {"an array for a root", [] { return Array({plist_new_string("Books")}); }},
+      {"books in a dictionary", [] { return Dict({{"Books", Dict({{"a", plist_new_dict()}})}}); }},
+      {"books of every type",
+       [] {
+         return Dict({{"Books", Array({plist_new_string("a book?"), plist_new_uint(3),
+                                       Dict({{"Name", plist_new_uint(1)}, {"Path", Array({})}}),
+                                       Dict({{"Artist", plist_new_bool(0)}, {"Path", plist_new_string("b.epub")}})})}});
+       }},
+  };
+  for (const PlistCase &c : cases) {
+    SCOPED_TRACE(c.what);
+    for (const bool binary : {true, false}) {
+      plist_t root = c.root();
+      std::string bytes;
+      if (binary) {
+        bytes = BinaryPlist(root);
+      } else {
+        char *xml = nullptr;
+        uint32_t length = 0;
+        plist_to_xml(root, &xml, &length);
+        bytes.assign(xml, length);
+        std::free(xml);
+        plist_free(root);
+      }
+      const std::string path = HostFile("Books.plist", bytes);
+      plist_t catalogue = Quiet([&] { return ReadBookDbTypePLIST(path.c_str(), "/Books.plist"); });
+      if (catalogue) {
+        plist_t items = plist_dict_get_item(catalogue, "item");
+        ASSERT_EQ(plist_get_node_type(items), PLIST_ARRAY);
+        EXPECT_EQ(Number(catalogue), plist_array_get_size(items));
+        plist_free(catalogue);
+      }
+    }
+  }
+}
+
+TEST_F(ForeignDatabaseTest, DamagedMusicDatabasesGiveNull) {
+  const std::string real = RealMusicDatabase();
+  ASSERT_GT(real.size(), 256u);
+  struct Case {
+    const char *what;
+    std::string bytes;
+  } cases[] = {
+      {"an empty file", ""},
+      {"text", "this is no music database"},
+      {"the header alone", real.substr(0, 0xF4)},
+      {"cut in half", real.substr(0, real.size() / 2)},
+      {"one byte short", real.substr(0, real.size() - 1)},
+      {"the compressed part zeroed", real.substr(0, 0xF4) + std::string(real.size() - 0xF4, '\0')},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.what);
+    const std::string path = HostFile("iTunesCDB", c.bytes);
+    GError *error = nullptr;
+    Itdb_iTunesDB *db = m_itdb_parse_file(path.c_str(), &error);
+    EXPECT_EQ(db, nullptr);
+    if (db) itdb_free(db);
+    if (error) g_error_free(error);
+    for (uint32_t kind = 0; kind <= 5; ++kind) {
+      plist_t list = Quiet([&] { return ReadTrackDbTypeCdb(path.c_str(), kind); });
+      EXPECT_EQ(list, nullptr) << "kind " << kind;
+      if (list) plist_free(list);
+    }
+    plist_t playlists = Quiet([&] { return ReadPlaylistDbTypeCdb(path.c_str()); });
+    EXPECT_EQ(playlists, nullptr);
+    if (playlists) plist_free(playlists);
+  }
+}
+
+}  // namespace
+}  // namespace tarn_fs_test

@@ -9,7 +9,7 @@
 #include <functional>
 #include <set>
 
-#include "../devicefs/fs_fixture.h"
+#include "catalogue_image.h"
 
 namespace tarn_fs_test {
 namespace {
@@ -230,6 +230,90 @@ TEST_F(FaultMatrixTest, EveryFileSystemOperationFailsCleanlyAtEveryRequest) {
   for (const Operation &op : ops) runs += RunMatrix(op);
   RecordProperty("fault_runs", runs);
   std::printf("fault matrix: %zu operations, %d runs\n", std::size(ops), runs);
+}
+
+// The catalogue operations that reach the device. The lists read local
+// copies that a healthy InitDevice made; InitDevice itself runs on a handle
+// and a working directory of its own each time, and the lists are run on
+// what it leaves, however little that is.
+TEST_F(FaultMatrixTest, EveryCatalogueOperationFailsCleanlyAtEveryRequest) {
+  AddCatalogue(image);
+  Start();
+  fs::create_directories(image.host("work"));
+  Quietly([&] { ASSERT_EQ(InitDevice(device, image.host("work").c_str()), 0); });
+  const std::string local_dbs[] = {"iTunesCDB", "TrackData.plist", "Books.plist", "Recordings.db", "Photos.sqlite"};
+  for (const auto &name : local_dbs) ASSERT_TRUE(fs::exists(image.host("work/" + name))) << name;
+
+  // The real phone's music database holds a voice recording, so the
+  // recordings list would answer from it without asking the device; a handle
+  // whose working directory lacks that copy takes the SQLite route, which
+  // asks the device for every file's size.
+  fs::create_directories(image.host("work-rec"));
+  PodDevice *recordings = CreatePodDevice(kUdid);
+  Quietly([&] { ASSERT_EQ(InitDevice(recordings, image.host("work-rec").c_str()), 0); });
+  fs::remove(image.host("work-rec/iTunesCDB"));
+
+  auto list = [&](plist_t (*fn)(PodDevice *, uint32_t, uint32_t), PodDevice *handle) {
+    return [&, fn, handle](const Fault &) {
+      plist_t result = fn(handle, 0, 0);
+      ExpectConsistent(result);
+      if (result) plist_free(result);
+    };
+  };
+  const Operation ops[] = {
+      {"InitDevice", [&] { fs::remove_all(image.host("init")); },
+       [&](const Fault &f) {
+         fs::create_directories(image.host("init"));
+         PodDevice *fresh = CreatePodDevice(kUdid);
+         // Only the connection and the handshake are fatal.
+         EXPECT_EQ(InitDevice(fresh, image.host("init").c_str()), f.option == "refuse_handshake" ? 1 : 0);
+         if (f.option == "refuse_afc") {
+           ASSERT_NE(fresh->dbInfo, nullptr);
+           EXPECT_EQ(plist_dict_get_size(fresh->dbInfo), 0u);
+         }
+         // A copy cut short holds the start of its database; whatever the
+         // lists make of it, they answer consistently.
+         for (auto &e : fs::directory_iterator(image.host("init"))) {
+           const std::string name = e.path().filename().string();
+           bool known = false;
+           for (const auto &db : local_dbs) known |= db == name;
+           EXPECT_TRUE(known) << name;
+         }
+         if (fresh->dbInfo) {
+           for (auto fn : {GetMusicList, GetMovieList, GetRecordingList, GetCameraPVList}) {
+             plist_t result = fn(fresh, 0, 0);
+             // Recordings read from the music database carry no total.
+             ExpectConsistent(result, fn != GetRecordingList || (result && plist_dict_get_item(result, "total")));
+             if (result) plist_free(result);
+           }
+           if (plist_t playlists = GetPlayList(fresh, 0, 0)) plist_free(playlists);
+           if (plist_t books = GetBookList(fresh, 0, 0)) plist_free(books);
+         }
+         FreePodDevice(fresh);
+       }},
+      {"GetMusicList with purchases", [] {}, list(GetMusicList, device)},
+      {"GetRecordingList from its own database", [] {}, list(GetRecordingList, recordings)},
+      {"GetCameraPVList", [] {}, list(GetCameraPVList, device)},
+      {"GetUserPictureListFromDevice", [] {},
+       [&](const Fault &f) {
+         plist_t result = GetUserPictureListFromDevice(device);
+         ExpectConsistent(result);
+         if (f.refused()) {
+           EXPECT_EQ(result, nullptr);
+         }
+         if (result) plist_free(result);
+       }},
+      {"GetDeviceInfo", [] {},
+       [&](const Fault &f) {
+         plist_t info = GetDeviceInfo(device);
+         EXPECT_EQ(info == nullptr, f.option == "refuse_handshake");
+         if (info) plist_free(info);
+       }},
+  };
+  int runs = 0;
+  for (const Operation &op : ops) runs += RunMatrix(op);
+  FreePodDevice(recordings);
+  std::printf("catalogue fault matrix: %zu operations, %d runs\n", std::size(ops), runs);
 }
 
 }  // namespace

@@ -321,19 +321,34 @@ TARN_API int InitDevice(PodDevice *device, const char *host_dir);
 TARN_API int IsPodFileValid(afc_client_t client, const char *path);
 
 /**
- * Database entry builders: each returns a new array of {"Type", "Path"}
- * dictionaries for the files of its path table present on the device (size
- * not 0), in table order, or NULL when none is present.
+ * @name Database entry builders
+ * Each asks the device, over an open file-conduit client (still the
+ * caller's), which files of its path table are present with a size other
+ * than 0, and returns a new array of {"Type", "Path"} dictionaries for them
+ * in table order ("Type" is the path's index in the table), or NULL when
+ * none is present. The caller releases the array with plist_free().
+ * Nothing is printed.
+ * @{
  */
+/** The music databases and the purchases plist (four paths). */
 TARN_API plist_t GetMusicDBFileInfo(afc_client_t client);
+/** Podcasts live in the music databases: the result of GetMusicDBFileInfo(). */
 TARN_API plist_t GetPodcastDBFileInfo(afc_client_t client);
+/** TV shows live in the music databases: the result of GetMusicDBFileInfo(). */
 TARN_API plist_t GetTvshowDBFileInfo(afc_client_t client);
+/** Audiobooks live in the music databases: the result of GetMusicDBFileInfo(). */
 TARN_API plist_t GetAudioBookDBFileInfo(afc_client_t client);
+/** Movies live in the music databases: the result of GetMusicDBFileInfo(). */
 TARN_API plist_t GetMovieDBFileInfo(afc_client_t client);
+/** The two music databases and the two book catalogues (four paths). */
 TARN_API plist_t GetBookDBFileInfo(afc_client_t client);
+/** The camera-roll database "/PhotoData/Photos.sqlite" (one path). */
 TARN_API plist_t GetCameraDBFileInfo(afc_client_t client);
+/** The three music databases and "/Recordings/Recordings.db" (four paths). */
 TARN_API plist_t GetRecordingDBFileInfo(afc_client_t client);
+/** The photo database "/Photos/Photo Database" (one path). */
 TARN_API plist_t GetUserPictureDBFileInfo(afc_client_t client);
+/** @} */
 
 /**
  * Copies the files of a database entry into the handle's hostDir, skipping

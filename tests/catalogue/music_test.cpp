@@ -98,6 +98,37 @@ TEST_F(CatalogueTest, InitDeviceFailuresAndDevicesWithFewDatabases) {
   FreePodDevice(absent);
 }
 
+TEST_F(CatalogueTest, InitDeviceDropsACopyCutShortAndCopiesItWholeNextTime) {
+  ASSERT_EQ(Start({{"music", {{"generate", {{"tracks", 3000}, {"seed", 5}}}}}}), 0);
+  const uint64_t whole = fs::file_size(work() + "/iTunesCDB");
+  ASSERT_GT(whole, 2u * 65536) << "the database must take several blocks";
+
+  // Where a healthy initialisation reads the database's second block.
+  const std::string again = dir.path() + "/again";
+  fs::create_directories(again);
+  sim->enable_log(kUdid, true);
+  ASSERT_EQ(Quiet([&] { return InitDevice(device, again.c_str()); }), 0);
+  const auto log = sim->request_log(kUdid);
+  size_t reads = 0, second_read = 0;
+  for (size_t i = 0; i < log.size() && second_read == 0; ++i) {
+    if (log[i].op == "FileRead" && log[i].path == "/iTunes_Control/iTunes/iTunesCDB" && ++reads == 2) second_read = i;
+  }
+  ASSERT_GT(second_read, 0u);
+
+  const std::string cut = dir.path() + "/cut";
+  fs::create_directories(cut);
+  sim->set_option(kUdid, "drop_after_requests", std::to_string(second_read));
+  EXPECT_EQ(Quiet([&] { return InitDevice(device, cut.c_str()); }), 0);
+  EXPECT_FALSE(fs::exists(cut + "/iTunesCDB")) << "a partial copy was kept";
+  ExpectIdle("an initialisation cut short");
+
+  sim->clear_faults(kUdid);
+  EXPECT_EQ(Quiet([&] { return InitDevice(device, cut.c_str()); }), 0);
+  EXPECT_NE(output.find("......begin CopyDeviceFile"), std::string::npos);
+  ASSERT_TRUE(fs::exists(cut + "/iTunesCDB"));
+  EXPECT_EQ(fs::file_size(cut + "/iTunesCDB"), whole);
+}
+
 TEST_F(CatalogueTest, EachListKeepsTheTracksWhoseWholeMediaTypeBelongsToIt) {
   ASSERT_EQ(Start({{"music",
                     {{"tracks", {Track("a", "audio", 0x1), Track("b", "music video", 0x20), Track("c", "movie", 0x2),

@@ -208,7 +208,11 @@ TEST_F(CatalogueTest, PurchasesFollowTheDatabaseTracksInBothPlistForms) {
                 {"plist", PurchasesPlist()},
                 {"files", {{{"name", "1.m4a"}, {"size", 300}}, {{"name", "2.m4a"}, {"size", 400}}}}}}};
     ASSERT_EQ(Start(d), 0);
+    sim->enable_log(kUdid, true);
     Plist result(Quiet([&] { return GetMusicList(device, 0, 0); }));
+    const InfoRequests info = LoggedInfoRequests();
+    EXPECT_EQ(info.all.size(), 3u) << "one request per purchase that names a file";
+    EXPECT_EQ(info.locked, info.all) << "purchases sized without the sync lock";
     EXPECT_EQ(Column(result.get(), "title"), (std::vector<std::string>{"db", "Bought One", ""}));
     EXPECT_EQ(Uint(result.get(), "number"), 3u);
     EXPECT_EQ(Uint(result.get(), "total"), 800u);

@@ -141,14 +141,6 @@ TEST_F(CatalogueTest, PictureWalkKeepsPictureExtensionsAnyCaseAndTriesOtherNames
   ExpectIdle("the picture walk");
 }
 
-TEST_F(CatalogueTest, PictureWalkFindingNothingGivesNull) {
-  ASSERT_EQ(Start({{"files", {File("/Photos/Thumbs/readme.txt", 3), Folder("/PhotoStreamsData")}}}), 0);
-  Plist result(Quiet([&] { return GetUserPictureListFromDevice(device); }));
-  EXPECT_EQ(result.get(), nullptr);
-  EXPECT_EQ(output, "GetUserPictureListFromDevice\n");
-  ExpectIdle("an empty picture walk");
-}
-
 TEST_F(CatalogueTest, UserPictureListIsNullEvenWithAPhotoDatabase) {
   for (const bool with_database : {false, true}) {
     SCOPED_TRACE(with_database ? "photo database" : "no photo database");

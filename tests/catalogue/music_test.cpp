@@ -197,11 +197,7 @@ TEST_F(CatalogueTest, PurchasesFollowTheDatabaseTracksInBothPlistForms) {
   std::string first;
   for (const char *format : {"xml", "binary"}) {
     SCOPED_TRACE(format);
-    TearDown();
-    device = nullptr;
-    sim.reset();
-    fs::remove_all(dir.path() + "/image");
-    fs::remove_all(work());
+    Reset();
     json d = {{"music", {{"tracks", {{{"title", "db"}, {"size", 100}, {"media_type", 1}}}}}},
               {"purchases",
                {{"format", format},
@@ -262,11 +258,7 @@ TEST_F(CatalogueTest, RealDatabasesListWhatLibgpodReads) {
   for (const char *file : {"iphone-a.itunescdb", "iphone-b.itunescdb", "ipod-c.itunescdb",
                            "iphone-d-empty.itunescdb", "iphone-e.itunescdb", "iphone-f.itunescdb"}) {
     SCOPED_TRACE(file);
-    TearDown();
-    device = nullptr;
-    sim.reset();
-    fs::remove_all(dir.path() + "/image");
-    fs::remove_all(work());
+    Reset();
     ASSERT_EQ(Start({{"music", {{"source", tarn::testing::realdata(file)}}}}), 0);
     ASSERT_TRUE(fs::exists(work() + "/iTunesCDB"));
     std::unique_ptr<Itdb_iTunesDB, decltype(&itdb_free)> db(itdb_parse(media("").c_str(), nullptr), &itdb_free);

@@ -71,11 +71,7 @@ TEST_F(CatalogueTest, RecordingsComeFromTheFirstDatabaseThatListsOne) {
   };
   for (const auto &c : cases) {
     SCOPED_TRACE(c.what);
-    TearDown();
-    device = nullptr;
-    sim.reset();
-    fs::remove_all(dir.path() + "/image");
-    fs::remove_all(work());
+    Reset();
     ASSERT_EQ(Start(c.description), 0);
     ASSERT_NE(plist_dict_get_item(device->dbInfo, "RecordingDb"), nullptr);
     Plist result(Quiet([&] { return GetRecordingList(device, 0, 0); }));

@@ -301,7 +301,8 @@ TARN_API void SetDeviceUsage(PodDevice *device, afc_client_t client, plist_t inf
  * Initialises a handle: stores a copy of host_dir in hostDir (first, so it
  * is set also on failure), connects (label "iPod"), finds the media
  * databases, stores them in dbInfo and copies each into host_dir under its
- * base name unless a file of that name is already there.
+ * base name unless a file of that name is already there (a copy cut short
+ * is not left there).
  *
  * dbInfo maps "TrackDb", "BookDb", "UserPictureDb", "CameraDb",
  * "RecordingDb" (in this order, each only when a file was found) to an array
@@ -352,7 +353,8 @@ TARN_API plist_t GetUserPictureDBFileInfo(afc_client_t client);
 
 /**
  * Copies the files of a database entry into the handle's hostDir, skipping
- * every file already there.
+ * every file already there. A copy that ends short of the device file's
+ * size is removed again, so that the next InitDevice copies it anew.
  * @param entry An entry as built above, or NULL.
  * @return 1 when entry is NULL, else 0 (whatever the copies gave).
  */
@@ -472,8 +474,10 @@ TARN_API plist_t ReadBookFromPLIST(const char *path, const char *catalog, const 
  * Camera roll: {"number", "total", "item"} with items "size", "path", "time"
  * (local time "%Y/%m/%d %H:%M:%S") from Photos.sqlite, or from the walk of
  * "/DCIM/100APPLE" when the database gives nothing. Prints
- * "GetCameraPVList"; on the database route the result (PrintPlist()) and
- * "GetCameraPVList END".
+ * "GetCameraPVList"; when the device has the database, the database's result
+ * (PrintPlist(): only its separator line when the database gives nothing),
+ * and "GetCameraPVList END" when it gave a list. The walk prints
+ * "GetUserPictureListFromDevice".
  */
 TARN_API plist_t GetCameraPVList(PodDevice *device, uint32_t reserved1, uint32_t reserved2);
 /** Reads a host copy of Photos.sqlite; sizes and times come from the device. */

@@ -6,10 +6,12 @@
 #include <iterator>
 
 #include <glib.h>
+#include <sys/stat.h>
 
 #include "common/connection.h"
 #include "common/db_entry.h"
 #include "common/raii.h"
+#include "devicefs/walk.h"
 #include "tarn/tarn_device.h"
 #include "tarn/tarn_tool.h"
 
@@ -31,6 +33,18 @@ plist_t BuildEntry(afc_client_t client, const char *const (&table)[N]) {
   }
   if (plist_array_get_size(entry.get()) == 0) return nullptr;
   return entry.release();
+}
+
+// Whether the host copy holds as many bytes as the device file. A copy cut
+// short (the device went away in mid-transfer, the host disk filled up)
+// must not stay: existence is all a later InitDevice looks at, so it would
+// stand in for the database for good.
+bool IsWholeCopy(afc_client_t client, const char *device_path, const char *local) {
+  tarn::FileInfo info(GetFileInfo(client, device_path));
+  const char *size = info.get()[tarn::kInfoSize];
+  struct stat st {};
+  return size != nullptr && ::stat(local, &st) == 0 &&
+         static_cast<uint64_t>(st.st_size) == std::strtoull(size, nullptr, 10);
 }
 
 }  // namespace
@@ -78,6 +92,7 @@ TARN_API int CopyDbFileToNativeDir(PodDevice *device, afc_client_t client, plist
       std::puts("......begin CopyDeviceFile");
       std::fflush(stdout);
       _CopyFileFromDeviceToNative(device, client, device_path, local.get(), nullptr);
+      if (!IsWholeCopy(client, device_path, local.get())) std::remove(local.get());
       std::puts("......end CopyDeviceFile");
       std::fflush(stdout);
     }

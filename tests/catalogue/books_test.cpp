@@ -27,11 +27,7 @@ constexpr const char *kPurchaseCatalogue =
 TEST_F(CatalogueTest, BookCataloguesInBothPlistFormsListEveryBook) {
   for (const char *format : {"xml", "binary"}) {
     SCOPED_TRACE(format);
-    TearDown();
-    device = nullptr;
-    sim.reset();
-    fs::remove_all(dir.path() + "/image");
-    fs::remove_all(work());
+    Reset();
     // With a music database, "BookDb" names all four types; only the two
     // plists are catalogues.
     ASSERT_EQ(Start({{"music", {{"uncompressed", true}, {"tracks", {{{"title", "t"}}}}}},

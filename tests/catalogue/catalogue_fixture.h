@@ -6,6 +6,8 @@
 #include <plist/plist.h>
 
 #include <filesystem>
+#include <cstdlib>
+#include <ctime>
 #include <memory>
 #include <string>
 #include <vector>
@@ -90,6 +92,31 @@ inline std::vector<std::string> Column(plist_t result, const char *key) {
   return out;
 }
 
+// Local time nine hours east of UTC for the life of the object, without
+// depending on the host's zone database.
+class FixedZone {
+ public:
+  FixedZone() {
+    if (const char *old = std::getenv("TZ")) {
+      saved_ = old;
+      had_ = true;
+    }
+    setenv("TZ", "XYZ-9", 1);
+    tzset();
+  }
+  ~FixedZone() {
+    if (had_) setenv("TZ", saved_.c_str(), 1);
+    else unsetenv("TZ");
+    tzset();
+  }
+  FixedZone(const FixedZone &) = delete;
+  FixedZone &operator=(const FixedZone &) = delete;
+
+ private:
+  std::string saved_;
+  bool had_ = false;
+};
+
 class CatalogueTest : public ::testing::Test {
  protected:
   // Builds the image, starts the simulator and initialises a handle.
@@ -112,6 +139,14 @@ class CatalogueTest : public ::testing::Test {
   void TearDown() override {
     if (device) FreePodDevice(device);
   }
+  // Back to before Start, for tests that try several devices in turn.
+  void Reset() {
+    if (device) FreePodDevice(device);
+    device = nullptr;
+    sim.reset();
+    fs::remove_all(dir.path() + "/image");
+    fs::remove_all(work());
+  }
 
   std::string work() const { return dir.path() + "/work"; }
   std::string media(const std::string &p) const { return dir.path() + "/image/media" + p; }
@@ -130,6 +165,24 @@ class CatalogueTest : public ::testing::Test {
     EXPECT_EQ(s.connections_open, 0) << "connection left open after " << after;
     EXPECT_EQ(s.files_open, 0) << "file handle left open after " << after;
     EXPECT_EQ(s.locks_held, 0) << "lock left held after " << after;
+  }
+
+  // The device paths whose file information was asked for: all of them, and
+  // those asked while the device's sync lock was held. Needs the simulator's
+  // request log switched on before the call.
+  struct InfoRequests {
+    std::vector<std::string> all, locked;
+  };
+  InfoRequests LoggedInfoRequests() {
+    InfoRequests r;
+    bool held = false;
+    for (const auto &req : sim->request_log(kUdid)) {
+      if (req.op == "FileLock" && req.path == "/com.apple.itunes.lock_sync") held = !held;
+      if (req.op != "GetFileInfo") continue;
+      r.all.push_back(req.path);
+      if (held) r.locked.push_back(req.path);
+    }
+    return r;
   }
 
   tarn::testing::TempDir dir;

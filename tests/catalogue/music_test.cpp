@@ -64,24 +64,30 @@ TEST_F(CatalogueTest, InitDeviceRecordsEveryDatabaseInTableOrderAndCopiesEachOnc
   EXPECT_EQ(std::string(std::istreambuf_iterator<char>(kept), {}), "kept");
 }
 
-TEST_F(CatalogueTest, InitDeviceFailuresAndAnEmptyDevice) {
+TEST_F(CatalogueTest, InitDeviceFailuresAndDevicesWithFewDatabases) {
+  const json no_database = json::parse(R"({"files": [{"path": "/other.txt", "content": "x"}]})");
   struct Case {
     const char *what;
+    json description;
     std::vector<std::string> options;
     int expected;
     const char *db_info;
   } cases[] = {
-      {"refused handshake", {"refuse_handshake=1"}, 1, "null"},
-      {"refused file conduit", {"refuse_afc=1"}, 0, "{}"},
-      {"no database at all", {}, 0, "{}"},
+      {"refused handshake", no_database, {"refuse_handshake=1"}, 1, "null"},
+      {"refused file conduit", no_database, {"refuse_afc=1"}, 0, "{}"},
+      {"no database at all", no_database, {}, 0, "{}"},
+      // The type is the index in the path table, not renumbered.
+      {"only the plain music database",
+       {{"music", {{"compressed", false}, {"uncompressed", true}, {"tracks", {{{"title", "t"}}}}}}},
+       {},
+       0,
+       "{TrackDb:[{Type:1,Path:\"/iTunes_Control/iTunes/iTunesDB\"}],BookDb:[{Type:1,Path:\"/iTunes_Control/"
+       "iTunes/iTunesDB\"}],RecordingDb:[{Type:1,Path:\"/iTunes_Control/iTunes/iTunesDB\"}]}"},
   };
   for (const auto &c : cases) {
     SCOPED_TRACE(c.what);
-    TearDown();
-    device = nullptr;
-    sim.reset();
-    fs::remove_all(dir.path() + "/image");
-    EXPECT_EQ(Start(json::parse(R"({"files": [{"path": "/other.txt", "content": "x"}]})"), c.options), c.expected);
+    Reset();
+    EXPECT_EQ(Start(c.description, c.options), c.expected);
     EXPECT_EQ(Text(device->dbInfo), c.db_info);
     EXPECT_STREQ(device->hostDir, work().c_str());
     ExpectIdle(c.what);
@@ -90,6 +96,37 @@ TEST_F(CatalogueTest, InitDeviceFailuresAndAnEmptyDevice) {
   EXPECT_EQ(Quiet([&] { return InitDevice(absent, "/tmp/x"); }), 1);
   EXPECT_STREQ(absent->hostDir, "/tmp/x");
   FreePodDevice(absent);
+}
+
+TEST_F(CatalogueTest, InitDeviceDropsACopyCutShortAndCopiesItWholeNextTime) {
+  ASSERT_EQ(Start({{"music", {{"generate", {{"tracks", 3000}, {"seed", 5}}}}}}), 0);
+  const uint64_t whole = fs::file_size(work() + "/iTunesCDB");
+  ASSERT_GT(whole, 2u * 65536) << "the database must take several blocks";
+
+  // Where a healthy initialisation reads the database's second block.
+  const std::string again = dir.path() + "/again";
+  fs::create_directories(again);
+  sim->enable_log(kUdid, true);
+  ASSERT_EQ(Quiet([&] { return InitDevice(device, again.c_str()); }), 0);
+  const auto log = sim->request_log(kUdid);
+  size_t reads = 0, second_read = 0;
+  for (size_t i = 0; i < log.size() && second_read == 0; ++i) {
+    if (log[i].op == "FileRead" && log[i].path == "/iTunes_Control/iTunes/iTunesCDB" && ++reads == 2) second_read = i;
+  }
+  ASSERT_GT(second_read, 0u);
+
+  const std::string cut = dir.path() + "/cut";
+  fs::create_directories(cut);
+  sim->set_option(kUdid, "drop_after_requests", std::to_string(second_read));
+  EXPECT_EQ(Quiet([&] { return InitDevice(device, cut.c_str()); }), 0);
+  EXPECT_FALSE(fs::exists(cut + "/iTunesCDB")) << "a partial copy was kept";
+  ExpectIdle("an initialisation cut short");
+
+  sim->clear_faults(kUdid);
+  EXPECT_EQ(Quiet([&] { return InitDevice(device, cut.c_str()); }), 0);
+  EXPECT_NE(output.find("......begin CopyDeviceFile"), std::string::npos);
+  ASSERT_TRUE(fs::exists(cut + "/iTunesCDB"));
+  EXPECT_EQ(fs::file_size(cut + "/iTunesCDB"), whole);
 }
 
 TEST_F(CatalogueTest, EachListKeepsTheTracksWhoseWholeMediaTypeBelongsToIt) {
@@ -104,17 +141,19 @@ TEST_F(CatalogueTest, EachListKeepsTheTracksWhoseWholeMediaTypeBelongsToIt) {
     const char *name;
     List list;
     std::vector<std::string> titles;
+    const char *console;
   } lists[] = {
-      {"music", GetMusicList, {"audio", "music video", "zero", "combined", "three"}},
-      {"movies", GetMovieList, {"movie"}},
-      {"podcasts", GetPodcastList, {"video podcast", "podcast"}},
-      {"tv", GetTvshowList, {"tv"}},
-      {"audiobooks", GetAudioBookList, {"book"}},
-      {"ringtones", GetRingtonesList, {"ring"}},
+      {"music", GetMusicList, {"audio", "music video", "zero", "combined", "three"}, "GetAudioList\n"},
+      {"movies", GetMovieList, {"movie"}, "GetVideoList\n"},
+      {"podcasts", GetPodcastList, {"video podcast", "podcast"}, ""},
+      {"tv", GetTvshowList, {"tv"}, ""},
+      {"audiobooks", GetAudioBookList, {"book"}, ""},
+      {"ringtones", GetRingtonesList, {"ring"}, ""},
   };
   for (const auto &l : lists) {
     SCOPED_TRACE(l.name);
     Plist result(Quiet([&] { return l.list(device, 0, 0); }));
+    EXPECT_EQ(output, l.console);
     EXPECT_EQ(Column(result.get(), "title"), l.titles);
     EXPECT_EQ(Uint(result.get(), "number"), l.titles.size());
     // The reserved words change nothing.
@@ -158,18 +197,18 @@ TEST_F(CatalogueTest, PurchasesFollowTheDatabaseTracksInBothPlistForms) {
   std::string first;
   for (const char *format : {"xml", "binary"}) {
     SCOPED_TRACE(format);
-    TearDown();
-    device = nullptr;
-    sim.reset();
-    fs::remove_all(dir.path() + "/image");
-    fs::remove_all(work());
+    Reset();
     json d = {{"music", {{"tracks", {{{"title", "db"}, {"size", 100}, {"media_type", 1}}}}}},
               {"purchases",
                {{"format", format},
                 {"plist", PurchasesPlist()},
                 {"files", {{{"name", "1.m4a"}, {"size", 300}}, {{"name", "2.m4a"}, {"size", 400}}}}}}};
     ASSERT_EQ(Start(d), 0);
+    sim->enable_log(kUdid, true);
     Plist result(Quiet([&] { return GetMusicList(device, 0, 0); }));
+    const InfoRequests info = LoggedInfoRequests();
+    EXPECT_EQ(info.all.size(), 3u) << "one request per purchase that names a file";
+    EXPECT_EQ(info.locked, info.all) << "purchases sized without the sync lock";
     EXPECT_EQ(Column(result.get(), "title"), (std::vector<std::string>{"db", "Bought One", ""}));
     EXPECT_EQ(Uint(result.get(), "number"), 3u);
     EXPECT_EQ(Uint(result.get(), "total"), 800u);
@@ -215,14 +254,11 @@ TEST_F(CatalogueTest, PlaylistsListEveryMemberAsAFullItemInOrder) {
 
 // The real databases: what the library lists is what libgpod itself reads.
 TEST_F(CatalogueTest, RealDatabasesListWhatLibgpodReads) {
+  bool saw_non_ascii = false;
   for (const char *file : {"iphone-a.itunescdb", "iphone-b.itunescdb", "ipod-c.itunescdb",
                            "iphone-d-empty.itunescdb", "iphone-e.itunescdb", "iphone-f.itunescdb"}) {
     SCOPED_TRACE(file);
-    TearDown();
-    device = nullptr;
-    sim.reset();
-    fs::remove_all(dir.path() + "/image");
-    fs::remove_all(work());
+    Reset();
     ASSERT_EQ(Start({{"music", {{"source", tarn::testing::realdata(file)}}}}), 0);
     ASSERT_TRUE(fs::exists(work() + "/iTunesCDB"));
     std::unique_ptr<Itdb_iTunesDB, decltype(&itdb_free)> db(itdb_parse(media("").c_str(), nullptr), &itdb_free);
@@ -234,7 +270,9 @@ TEST_F(CatalogueTest, RealDatabasesListWhatLibgpodReads) {
       std::vector<std::string> expected;
       for (GList *l = db->tracks; l; l = l->next) {
         auto *t = static_cast<Itdb_Track *>(l->data);
-        if (IsMatchTrackType(t, kind)) expected.push_back(t->title ? t->title : "");
+        if (!IsMatchTrackType(t, kind)) continue;
+        expected.push_back(t->title ? t->title : "");
+        for (const char c : expected.back()) saw_non_ascii |= (c & 0x80) != 0;
       }
       Plist result(Quiet([&] { return lists[kind](device, 0, 0); }));
       if (db->tracks == nullptr) {
@@ -242,6 +280,10 @@ TEST_F(CatalogueTest, RealDatabasesListWhatLibgpodReads) {
         continue;
       }
       EXPECT_EQ(Column(result.get(), "title"), expected) << "kind " << kind;
+    }
+    // A database without tracks still has its playlists, all empty.
+    if (db->tracks == nullptr) {
+      EXPECT_GT(itdb_playlists_number(db.get()), 0u);
     }
     Plist playlists(Quiet([&] { return GetPlayList(device, 0, 0); }));
     ASSERT_EQ(plist_array_get_size(playlists.get()), itdb_playlists_number(db.get()));
@@ -254,6 +296,7 @@ TEST_F(CatalogueTest, RealDatabasesListWhatLibgpodReads) {
     }
   }
   ExpectIdle("lists of the real databases");
+  EXPECT_TRUE(saw_non_ascii) << "no title beyond ASCII: UTF-8 text went untested";
 }
 
 }  // namespace

@@ -24,7 +24,11 @@ TEST_F(CatalogueTest, RecordingsDatabaseRowsBecomeNumberedItemsSizedOnTheDevice)
                        Row("gone.m4a", "5", "file missing", -1), Row("a.m4a", "0.9999", nullptr, 20),
                        Row("20100102 030405.m4a", "61", "", 3)}}}}}),
             0);
+  sim->enable_log(kUdid, true);
   Plist result(Quiet([&] { return GetRecordingList(device, 0, 0); }));
+  const InfoRequests info = LoggedInfoRequests();
+  EXPECT_EQ(info.all.size(), 4u);
+  EXPECT_EQ(info.locked, info.all) << "recordings sized without the sync lock";
   // Rows outside the recordings folder or without a file on the device are
   // left out, and the numbering does not skip them.
   EXPECT_EQ(Text(result.get()),
@@ -67,11 +71,7 @@ TEST_F(CatalogueTest, RecordingsComeFromTheFirstDatabaseThatListsOne) {
   };
   for (const auto &c : cases) {
     SCOPED_TRACE(c.what);
-    TearDown();
-    device = nullptr;
-    sim.reset();
-    fs::remove_all(dir.path() + "/image");
-    fs::remove_all(work());
+    Reset();
     ASSERT_EQ(Start(c.description), 0);
     ASSERT_NE(plist_dict_get_item(device->dbInfo, "RecordingDb"), nullptr);
     Plist result(Quiet([&] { return GetRecordingList(device, 0, 0); }));

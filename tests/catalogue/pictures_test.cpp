@@ -1,0 +1,159 @@
+// The camera roll (photo database, else the camera folder) and the walk
+// over the synced-picture folders.
+#include <sys/stat.h>
+
+#include "catalogue_fixture.h"
+
+namespace tarn_catalogue_test {
+namespace {
+
+constexpr const char *kSeparator = "..................................\n";
+// 2011-03-13 07:06:40 UTC.
+constexpr int64_t kMarch2011 = 1300000000;
+
+json File(const std::string &path, uint64_t size, int64_t mtime = kMarch2011) {
+  return {{"path", path}, {"size", size}, {"mtime", mtime}};
+}
+
+json Folder(const std::string &path) { return {{"path", path}, {"dir", true}}; }
+
+TEST_F(CatalogueTest, CameraRollListsThePhotoDatabaseRowsSizedAndDatedOnTheDevice) {
+  FixedZone zone;
+  ASSERT_EQ(Start({{"photos",
+                    {{"rows",
+                      {{{"directory", "DCIM/100APPLE"}, {"filename", "IMG_0001.JPG"}},
+                       {{"directory", "DCIM/100APPLE"}, {"filename", "IMG_0002.MOV"}}}}}},
+                   // A file the database does not list is not part of the roll.
+                   {"files",
+                    {File("/DCIM/100APPLE/IMG_0001.JPG", 300), File("/DCIM/100APPLE/IMG_0002.MOV", 4000, 1),
+                     File("/DCIM/100APPLE/IMG_0003.PNG", 50)}}}),
+            0);
+  // The epoch itself is a time like any other.
+  const timespec epoch[2] = {{0, 0}, {0, 0}};
+  ASSERT_EQ(::utimensat(AT_FDCWD, media("/DCIM/100APPLE/IMG_0001.JPG").c_str(), epoch, 0), 0);
+
+  sim->enable_log(kUdid, true);
+  Plist result(Quiet([&] { return GetCameraPVList(device, 0, 0); }));
+  EXPECT_EQ(Text(result.get()),
+            "{number:2,total:4300,item:["
+            "{size:300,path:\"/DCIM/100APPLE/IMG_0001.JPG\",time:\"1970/01/01 09:00:00\"},"
+            "{size:4000,path:\"/DCIM/100APPLE/IMG_0002.MOV\",time:\"1970/01/01 09:00:01\"}]}");
+  EXPECT_EQ(output.rfind(std::string("GetCameraPVList\n") + kSeparator + "the xml_doc:\n", 0), 0u) << output;
+  EXPECT_TRUE(output.ends_with("</plist>\n\nGetCameraPVList END\n")) << output;
+  EXPECT_EQ(output.find("GetUserPictureListFromDevice"), std::string::npos) << output;
+
+  const InfoRequests info = LoggedInfoRequests();
+  const std::vector<std::string> listed = {"/DCIM/100APPLE/IMG_0001.JPG", "/DCIM/100APPLE/IMG_0002.MOV"};
+  EXPECT_EQ(info.all, listed);
+  EXPECT_EQ(info.locked, listed) << "files sized without the sync lock";
+  ExpectIdle("the camera roll from its database");
+}
+
+TEST_F(CatalogueTest, CameraRollWithoutUsableDatabaseWalksTheCameraFolder) {
+  FixedZone zone;
+  const json camera_files = {File("/DCIM/100APPLE/IMG_0001.JPG", 10), File("/DCIM/100APPLE/Sub/b.mov", 20),
+                             File("/DCIM/100APPLE/notes.txt", 5), File("/DCIM/100APPLE/.hidden.png", 7)};
+  const std::string walked =
+      "{number:3,total:37,item:["
+      "{size:7,path:\"/DCIM/100APPLE/.hidden.png\",time:\"2011/03/13 16:06:40\"},"
+      "{size:10,path:\"/DCIM/100APPLE/IMG_0001.JPG\",time:\"2011/03/13 16:06:40\"},"
+      "{size:20,path:\"/DCIM/100APPLE/Sub/b.mov\",time:\"2011/03/13 16:06:40\"}]}";
+  const std::string walk_line = "GetUserPictureListFromDevice\n";
+  const struct {
+    const char *what;
+    json description;
+    std::string expected, console;
+  } cases[] = {
+      // Straight to the folder: no database, so no separator line either.
+      {"no photo database", {{"files", camera_files}}, walked, "GetCameraPVList\n" + walk_line},
+      {"a photo database without rows",
+       {{"photos", {{"rows", json::array()}}}, {"files", camera_files}},
+       walked,
+       "GetCameraPVList\n" + std::string(kSeparator) + walk_line},
+      {"a photo database whose files are gone",
+       {{"photos", {{"rows", {{{"directory", "DCIM/100APPLE"}, {"filename", "IMG_9999.JPG"}}}}}},
+        {"files", camera_files}},
+       walked,
+       "GetCameraPVList\n" + std::string(kSeparator) + walk_line},
+      {"neither a database nor a camera folder", {{"files", {Folder("/DCIM")}}}, "null",
+       "GetCameraPVList\n" + walk_line},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.what);
+    Reset();
+    ASSERT_EQ(Start(c.description), 0);
+    sim->enable_log(kUdid, true);
+    Plist result(Quiet([&] { return GetCameraPVList(device, 0, 0); }));
+    EXPECT_EQ(Text(result.get()), c.expected);
+    EXPECT_EQ(output, c.console);
+    const InfoRequests info = LoggedInfoRequests();
+    EXPECT_EQ(info.locked, info.all) << "the walk ran without the sync lock";
+    ExpectIdle(c.what);
+  }
+}
+
+TEST_F(CatalogueTest, PictureWalkKeepsPictureExtensionsAnyCaseAndTriesOtherNamesAsFolders) {
+  FixedZone zone;
+  ASSERT_EQ(Start({{"files",
+                    {
+                        // Pictures: the extension, lower-cased, occurs in
+                        // ".jpg;.jpeg;.gif;.png;.mov;".
+                        File("/Photos/Thumbs/IMG_0001.JPG", 1),
+                        File("/Photos/Thumbs/clip.MOV", 2),
+                        File("/Photos/Thumbs/a.jpe", 4),
+                        File("/Photos/Thumbs/b.mo", 8),
+                        File("/Photos/Thumbs/c.g", 16),
+                        File("/Photos/Thumbs/.jpg", 32),
+                        File("/Photos/Thumbs/Sub/Deeper/d.Png", 64),
+                        // Not pictures.
+                        File("/Photos/Thumbs/image.tiff", 1000),
+                        File("/Photos/Thumbs/notes.txt", 1000),
+                        File("/Photos/Thumbs/photo.", 1000),
+                        // Skipped with everything in them: a hidden folder
+                        // and one whose name ends in '.'.
+                        File("/Photos/Thumbs/.secret/e.jpg", 1000),
+                        File("/Photos/Thumbs/album./f.jpg", 1000),
+                        // The other two folders add to the same list.
+                        File("/PhotoStreamsData/stream/g.gif", 128),
+                        File("/PhotoData/Sync/100SYNCD/h.jpeg", 256, 1),
+                    }}}),
+            0);
+  sim->enable_log(kUdid, true);
+  Plist result(Quiet([&] { return GetUserPictureListFromDevice(device); }));
+  // In the device's listing order (byte-wise), depth first, folder by folder.
+  EXPECT_EQ(Column(result.get(), "path"),
+            (std::vector<std::string>{"/Photos/Thumbs/.jpg", "/Photos/Thumbs/IMG_0001.JPG",
+                                      "/Photos/Thumbs/Sub/Deeper/d.Png", "/Photos/Thumbs/a.jpe",
+                                      "/Photos/Thumbs/b.mo", "/Photos/Thumbs/c.g", "/Photos/Thumbs/clip.MOV",
+                                      "/PhotoStreamsData/stream/g.gif", "/PhotoData/Sync/100SYNCD/h.jpeg"}));
+  EXPECT_EQ(Uint(result.get(), "number"), 9u);
+  EXPECT_EQ(Uint(result.get(), "total"), 511u);
+  EXPECT_EQ(Text(result.get()).find("{number:9,total:511,item:[{size:32,path:\"/Photos/Thumbs/.jpg\","
+                                    "time:\"2011/03/13 16:06:40\"}"),
+            0u)
+      << Text(result.get());
+  plist_t items = plist_dict_get_item(result.get(), "item");
+  EXPECT_EQ(Text(plist_array_get_item(items, 8)),
+            "{size:256,path:\"/PhotoData/Sync/100SYNCD/h.jpeg\",time:\"1970/01/01 09:00:01\"}");
+  EXPECT_EQ(output, "GetUserPictureListFromDevice\n");
+  const InfoRequests info = LoggedInfoRequests();
+  EXPECT_EQ(info.locked, info.all) << "the walk ran without the sync lock";
+  ExpectIdle("the picture walk");
+}
+
+TEST_F(CatalogueTest, UserPictureListIsNullEvenWithAPhotoDatabase) {
+  for (const bool with_database : {false, true}) {
+    SCOPED_TRACE(with_database ? "photo database" : "no photo database");
+    Reset();
+    json files = {File("/Photos/Thumbs/IMG_0001.JPG", 10)};
+    if (with_database) files.push_back({{"path", "/Photos/Photo Database"}, {"content", "not read"}});
+    ASSERT_EQ(Start({{"files", files}}), 0);
+    ASSERT_EQ(plist_dict_get_item(device->dbInfo, "UserPictureDb") != nullptr, with_database);
+    Plist result(Quiet([&] { return GetUserPictureList(device, 0, 0); }));
+    EXPECT_EQ(result.get(), nullptr);
+    EXPECT_EQ(output, "");
+  }
+}
+
+}  // namespace
+}  // namespace tarn_catalogue_test

@@ -13,10 +13,15 @@ namespace tarn::cli {
 namespace {
 
 volatile std::sig_atomic_t g_interrupted = 0;
+volatile std::sig_atomic_t g_transferring = 0;
 
 void OnInterrupt(int) {
-  g_interrupted = 1;
   std::signal(SIGINT, SIG_DFL);
+  // Outside a transfer nothing would look at the flag for a long time (a
+  // deep listing, a catalogue read): the tool ends at once, as a user
+  // expects; the device releases what the closed connection held.
+  if (g_transferring == 0) std::raise(SIGINT);
+  g_interrupted = 1;
 }
 
 constexpr int kBarCells = 24;
@@ -34,6 +39,9 @@ void CatchInterrupt() {
 }
 
 bool Interrupted() { return g_interrupted != 0; }
+
+TransferScope::TransferScope() { g_transferring = 1; }
+TransferScope::~TransferScope() { g_transferring = 0; }
 
 bool ProgressWanted(const GlobalOptions &options) {
   return options.progress.has_value() ? *options.progress : ErrIsTerminal();

@@ -161,7 +161,7 @@ class Exporter {
     std::fprintf(Out(), "%zu %s: %zu copied (%s), %zu already there", wanted_, noun, copied_,
                  HumanSize(bytes_).c_str(), skipped_);
     if (!missing_.empty()) std::fprintf(Out(), ", %zu missing on the device", missing_.size());
-    if (playlists_ > 0) std::fprintf(Out(), ", %zu playlists written", playlists_);
+    if (playlists_ > 0) std::fprintf(Out(), ", %zu playlist%s written", playlists_, playlists_ == 1 ? "" : "s");
     std::fprintf(Out(), "\n");
     if (!failed_.empty()) Fail(kExitFailed, std::to_string(failed_.size()) + " file(s) could not be copied");
     return kExitOk;

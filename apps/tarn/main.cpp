@@ -101,6 +101,7 @@ const char *const kGlobalHelp =
     "  --workdir DIR     where the device's databases are copied (default:\n"
     "                    $XDG_CACHE_HOME/tarn/UDID, or ~/.cache/tarn/UDID)\n"
     "  --refresh         drop the copies first, so that a changed device is read afresh\n"
+    "                    (only in a working directory that tarn set up itself)\n"
     "  --progress, --no-progress\n"
     "                    show transfer progress or not (default: when stderr is a terminal)\n"
     "  -h, --help        help, also after a command: tarn ls --help\n"

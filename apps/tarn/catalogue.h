@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "common/raii.h"
+#include "owners.h"
 #include "session.h"
 
 namespace tarn::cli {
@@ -25,5 +25,9 @@ bool IsTrackKind(Kind kind);
 
 // The library's list for the kind; null when the device has none.
 PlistPtr FetchList(Session &session, Kind kind);
+
+// The entries of a list of that kind that a person would count: books over
+// both catalogues, playlists without the master playlist. 0 for null.
+size_t CountItems(plist_t list, Kind kind);
 
 }  // namespace tarn::cli

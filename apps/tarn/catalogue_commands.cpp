@@ -103,8 +103,8 @@ void TrackTable(std::FILE *out, plist_t list, const char *noun) {
   size_t n = 0;
   for (plist_t item : ArrayItems(DictArray(list, "item"))) {
     millis += DictUint(item, "time");
-    table.AddRow({std::to_string(++n), DictString(item, "title"), DictString(item, "artist"),
-                  DictString(item, "album"), DictString(item, "genre"), HumanDuration(DictUint(item, "time")),
+    table.AddRow({std::to_string(++n), DictString(item, "title"), Known(DictString(item, "artist")),
+                  Known(DictString(item, "album")), Known(DictString(item, "genre")), HumanDuration(DictUint(item, "time")),
                   HumanSize(DictUint(item, "size"))});
   }
   table.Print(out);
@@ -146,7 +146,7 @@ void BookTable(std::FILE *out, plist_t list) {
     const std::string name = DictString(catalogue, "catalog") == "PurchaseBook" ? "purchased" : "user";
     for (plist_t item : ArrayItems(DictArray(catalogue, "item"))) {
       ++n;
-      table.AddRow({name, DictString(item, "title"), DictString(item, "artist"), DictString(item, "genre"),
+      table.AddRow({name, DictString(item, "title"), Known(DictString(item, "artist")), Known(DictString(item, "genre")),
                     DictString(item, "path")});
     }
   }
@@ -164,6 +164,19 @@ void FileTable(std::FILE *out, plist_t list, const char *noun) {
 }
 
 }  // namespace
+
+size_t CountItems(plist_t list, Kind kind) {
+  size_t n = 0;
+  if (kind == Kind::kBooks) {
+    for (plist_t catalogue : ArrayItems(list)) n += ArrayItems(DictArray(catalogue, "item")).size();
+  } else if (kind == Kind::kPlaylists) {
+    // The master playlist is the library itself, there on every device.
+    n = ArrayItems(list).size() > 1 ? ArrayItems(list).size() - 1 : 0;
+  } else {
+    n = ArrayItems(DictArray(list, "item")).size();
+  }
+  return n;
+}
 
 const KindSpec &FindKind(const std::string &name) {
   for (const auto &spec : kKindSpecs)
@@ -238,7 +251,7 @@ int CmdList(Session &session, const Args &args) {
     Render(out, args, list.get());
     return kExitOk;
   }
-  if (!list) {
+  if (CountItems(list.get(), spec.kind) == 0) {
     std::fprintf(out, "No %s on this device.\n", spec.noun);
     return kExitOk;
   }

@@ -1,11 +1,13 @@
 // export: a catalogue's files copied out of the device under names a
 // person recognises, and playlists as .m3u8 files that point at them.
+#include <glib.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
 #include <deque>
 #include <map>
+#include <memory>
 #include <set>
 #include <sstream>
 #include <system_error>
@@ -27,10 +29,8 @@ struct ExportItem {
   uint64_t millis = 0;
   std::string artist;
   std::string title;
+  bool wanted = false;  // copied by this export, not only named
 };
-
-// The library writes "(None)" for a missing artist, album or genre.
-std::string Known(const std::string &text) { return text == "(None)" ? "" : text; }
 
 std::string StemOf(const std::string &device_path) {
   std::string base = BaseName(device_path);
@@ -42,12 +42,17 @@ class Exporter {
  public:
   Exporter(Session &session, fs::path dir) : session_(session), dir_(std::move(dir)) {}
 
-  // Claims a name for one catalogue item of `kind` and queues it.
-  const ExportItem *Add(Kind kind, plist_t item) {
+  // Claims a name for one catalogue item of `kind`; `wanted` also queues
+  // it for copying.
+  const ExportItem *Add(Kind kind, plist_t item, bool wanted = true) {
     ExportItem e;
     e.device_path = DictString(item, "path");
     if (e.device_path.empty()) return nullptr;  // a book without a file, a track without a path
-    if (auto it = by_path_.find(e.device_path); it != by_path_.end()) return &items_[it->second];
+    if (auto it = by_path_.find(e.device_path); it != by_path_.end()) {
+      items_[it->second].wanted |= wanted;
+      return &items_[it->second];
+    }
+    e.wanted = wanted;
     e.size = DictUint(item, "size");
     e.millis = DictUint(item, "time");
     e.artist = Known(DictString(item, "artist"));
@@ -89,6 +94,8 @@ class Exporter {
   bool Copy() {
     std::vector<DownloadJob> jobs;
     for (const auto &item : items_) {
+      if (!item.wanted) continue;
+      ++wanted_;
       const fs::path host = dir_ / item.rel;
       std::error_code ec;
       const uint64_t have = fs::is_regular_file(host, ec) ? fs::file_size(host, ec) : UINT64_MAX;
@@ -135,7 +142,8 @@ class Exporter {
       if (missing_.count(m->device_path) != 0) continue;
       text << "#EXTINF:" << m->millis / 1000 << "," << (m->artist.empty() ? "" : m->artist + " - ") << m->title
            << "\n"
-           << m->rel << "\n";
+           // A line starting with '#' would be read as a comment.
+           << (m->rel[0] == '#' ? "./" : "") << m->rel << "\n";
     }
     const fs::path path = dir_ / rel;
     std::ifstream old(path, std::ios::binary);
@@ -150,10 +158,10 @@ class Exporter {
 
   int Report(const char *noun) {
     for (const auto &path : failed_) PrintError("could not copy " + path);
-    std::fprintf(Out(), "%zu %s: %zu copied (%s), %zu already there", items_.size(), noun, copied_,
+    std::fprintf(Out(), "%zu %s: %zu copied (%s), %zu already there", wanted_, noun, copied_,
                  HumanSize(bytes_).c_str(), skipped_);
     if (!missing_.empty()) std::fprintf(Out(), ", %zu missing on the device", missing_.size());
-    if (playlists_ > 0) std::fprintf(Out(), ", %zu playlists written", playlists_);
+    if (playlists_ > 0) std::fprintf(Out(), ", %zu playlist%s written", playlists_, playlists_ == 1 ? "" : "s");
     std::fprintf(Out(), "\n");
     if (!failed_.empty()) Fail(kExitFailed, std::to_string(failed_.size()) + " file(s) could not be copied");
     return kExitOk;
@@ -167,8 +175,29 @@ class Exporter {
   std::map<std::string, size_t> by_path_;
   std::set<std::string> missing_;
   std::vector<std::string> failed_;
-  size_t copied_ = 0, skipped_ = 0, playlists_ = 0;
+  size_t wanted_ = 0, copied_ = 0, skipped_ = 0, playlists_ = 0;
   uint64_t bytes_ = 0;
+};
+
+std::string Folded(const std::string &text) {
+  std::unique_ptr<gchar, decltype(&g_free)> folded(g_utf8_casefold(text.c_str(), -1), g_free);
+  return folded ? std::string(folded.get()) : text;
+}
+
+// --match: whether any of the names a person would search for contains the
+// text, ignoring case. Everything matches without the option.
+class Filter {
+ public:
+  explicit Filter(const Args &args) : text_(args.has("--match") ? Folded(args.flags.at("--match")) : "") {}
+  bool Matches(plist_t item) const {
+    if (text_.empty()) return true;
+    for (const char *key : {"title", "artist", "album", "name"})
+      if (Folded(DictString(item, key)).find(text_) != std::string::npos) return true;
+    return Folded(BaseName(DictString(item, "path"))).find(text_) != std::string::npos;
+  }
+
+ private:
+  std::string text_;
 };
 
 }  // namespace
@@ -182,11 +211,13 @@ int CmdExport(Session &session, const Args &args) {
     Fail(kExitHostPath, "cannot write to " + dir.string());
 
   Exporter exporter(session, dir);
+  const Filter filter(args);
   if (spec.kind == Kind::kPlaylists) {
     // Names come from the whole music list first, in its order, so that a
-    // playlist points at the very files that "export music" gives.
+    // playlist points at the very files that "export music" gives; only the
+    // members are copied.
     PlistPtr music = FetchList(session, Kind::kMusic);
-    for (plist_t item : ArrayItems(DictArray(music.get(), "item"))) exporter.Add(Kind::kMusic, item);
+    for (plist_t item : ArrayItems(DictArray(music.get(), "item"))) exporter.Add(Kind::kMusic, item, false);
     PlistPtr playlists = FetchList(session, Kind::kPlaylists);
     const std::vector<plist_t> all = ArrayItems(playlists.get());
     if (all.size() <= 1) {
@@ -197,6 +228,7 @@ int CmdExport(Session &session, const Args &args) {
     // The first playlist is the master playlist: the library itself, not one
     // the user made.
     for (size_t p = 1; p < all.size(); ++p) {
+      if (!filter.Matches(all[p])) continue;
       std::vector<const ExportItem *> members;
       for (plist_t item : ArrayItems(DictArray(all[p], "item")))
         if (const ExportItem *e = exporter.Add(Kind::kPlaylists, item)) members.push_back(e);
@@ -214,9 +246,11 @@ int CmdExport(Session &session, const Args &args) {
   }
   if (spec.kind == Kind::kBooks) {
     for (plist_t catalogue : ArrayItems(list.get()))
-      for (plist_t item : ArrayItems(DictArray(catalogue, "item"))) exporter.Add(spec.kind, item);
+      for (plist_t item : ArrayItems(DictArray(catalogue, "item"))) exporter.Add(spec.kind, item, filter.Matches(item));
   } else {
-    for (plist_t item : ArrayItems(DictArray(list.get(), "item"))) exporter.Add(spec.kind, item);
+    // Every item is named, also those --match leaves out, so that a file
+    // gets the same name in a partial export as in a whole one.
+    for (plist_t item : ArrayItems(DictArray(list.get(), "item"))) exporter.Add(spec.kind, item, filter.Matches(item));
   }
   if (!exporter.Copy()) Fail(kExitCancelled, "export cancelled; run it again to go on");
   return exporter.Report(spec.noun);

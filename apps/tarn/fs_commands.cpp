@@ -1,13 +1,14 @@
 // Commands on the device's file system: ls, stat, find, mkdir, mv, rm,
 // pull and push. The library's status results say little (a rename always
 // reports success), so each command checks the device before and after.
-#include <glib.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <system_error>
+
+#include <tarn/tarn_tool.h>
 
 #include "console.h"
 #include "naming.h"
@@ -170,22 +171,20 @@ int CmdFind(Session &session, const Args &args) {
   const std::string &dir = args.positional[0];
   std::string keyword = args.positional[1];
   if (!session.Require(dir).is_dir) Fail(kExitNotOnDevice, dir + ": not a directory on the device");
-  // The library compares against lower-cased names; an upper-case letter in
-  // the keyword would never match unless the user asks for exactly that.
-  if (!args.has("--case-sensitive")) {
-    std::unique_ptr<gchar, decltype(&g_free)> lower(g_ascii_strdown(keyword.c_str(), -1), g_free);
-    keyword = lower.get();
-  }
+  // The library compares against names lowered by TarnToLower; the keyword
+  // is lowered the same way, or an upper-case letter would never match.
+  if (!args.has("--case-sensitive")) TarnToLower(keyword.data());
   std::unique_ptr<PodSearchItem, decltype(&FreeSearchResult)> results(
       SearchFile(session.device(), dir.c_str(), keyword.c_str()), FreeSearchResult);
   for (const PodSearchItem *item = results.get(); item != nullptr; item = item->next) {
-    if (item->kind == 1) {
-      const auto *d = static_cast<const PodDir *>(item->record);
-      std::fprintf(Out(), "%s/\n", d->path != nullptr ? d->path : "");
-    } else {
-      const auto *f = static_cast<const PodFile *>(item->record);
-      std::fprintf(Out(), "%s\n", f->path != nullptr ? f->path : "");
-    }
+    const bool is_dir = item->kind == 1;
+    const char *found = is_dir ? static_cast<const PodDir *>(item->record)->path
+                               : static_cast<const PodFile *>(item->record)->path;
+    // The library joins DIR and a name with a separator, so a search from
+    // "/" reports "//name"; the path is shown as a person would type it.
+    std::string shown = found != nullptr ? found : "";
+    for (size_t at; (at = shown.find("//")) != std::string::npos;) shown.erase(at, 1);
+    std::fprintf(Out(), "%s%s\n", shown.c_str(), is_dir ? "/" : "");
   }
   return kExitOk;
 }

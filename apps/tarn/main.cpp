@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "catalogue.h"
 #include "console.h"
 #include "progress.h"
 #include "session.h"
@@ -52,14 +53,17 @@ const std::vector<CommandSpec> &Commands() {
        "  --json   the list as JSON (keys and order as the library gives them)\n"
        "  --xml    the list as the library returns it (property list XML)\n",
        {"--json", "--xml"}, {}, 1, 1, Needs::kCatalogue, CmdList},
-      {"export", "export KIND HOST_DIR", "copy a catalogue's files out under readable names",
+      {"export", "export KIND HOST_DIR [--match TEXT]", "copy a catalogue's files out under readable names",
        "KIND is one of: music, movies, podcasts, tvshows, audiobooks, ringtones, playlists,\n"
        "recordings, books, camera, pictures.\n"
        "Music goes to Artist/Album/Title.ext, recordings by their label or time, books by title,\n"
        "the camera roll and pictures under their own names; playlists become .m3u8 files next to\n"
-       "the music they point at. Files keep the device's modification times. A file already\n"
-       "there with the same size is skipped, so an interrupted export can simply be run again.\n",
-       {}, {}, 2, 2, Needs::kCatalogue, CmdExport},
+       "the music they point at, which is copied with them. Files keep the device's modification\n"
+       "times. A file already there with the same size is skipped, so an interrupted export can\n"
+       "simply be run again.\n"
+       "  --match TEXT   only items whose title, artist, album or file name (for playlists: the\n"
+       "                 playlist's name) contains TEXT, ignoring case\n",
+       {}, {"--match"}, 2, 2, Needs::kCatalogue, CmdExport},
       {"ls", "ls [PATH] [-l] [-R | --depth N]", "list a device directory",
        "  -l          type, size and modification time of each entry\n"
        "  -R          the whole tree below PATH\n"
@@ -97,6 +101,7 @@ const char *const kGlobalHelp =
     "  --workdir DIR     where the device's databases are copied (default:\n"
     "                    $XDG_CACHE_HOME/tarn/UDID, or ~/.cache/tarn/UDID)\n"
     "  --refresh         drop the copies first, so that a changed device is read afresh\n"
+    "                    (only in a working directory that tarn set up itself)\n"
     "  --progress, --no-progress\n"
     "                    show transfer progress or not (default: when stderr is a terminal)\n"
     "  -h, --help        help, also after a command: tarn ls --help\n"
@@ -204,6 +209,8 @@ int Run(const CommandLine &line) {
     UsageError(&c, std::string(n < c.min_args ? "missing" : "too many") + " arguments: tarn " + c.usage);
   if (line.args.has("--json") && line.args.has("--xml")) UsageError(&c, "--json and --xml exclude each other");
   if (line.args.has("-R") && line.args.has("--depth")) UsageError(&c, "-R and --depth exclude each other");
+  // A mistyped kind is a usage error whether or not a device is attached.
+  if (c.run == CmdList || c.run == CmdExport) FindKind(line.args.positional[0]);
   if (c.needs == Needs::kNothing) return CmdDevices(line.options, line.args);
   Session session(line.options, ChooseDevice(line.options));
   session.Connect();

@@ -13,10 +13,15 @@ namespace tarn::cli {
 namespace {
 
 volatile std::sig_atomic_t g_interrupted = 0;
+volatile std::sig_atomic_t g_transferring = 0;
 
 void OnInterrupt(int) {
-  g_interrupted = 1;
   std::signal(SIGINT, SIG_DFL);
+  // Outside a transfer nothing would look at the flag for a long time (a
+  // deep listing, a catalogue read): the tool ends at once, as a user
+  // expects; the device releases what the closed connection held.
+  if (g_transferring == 0) std::raise(SIGINT);
+  g_interrupted = 1;
 }
 
 constexpr int kBarCells = 24;
@@ -34,6 +39,9 @@ void CatchInterrupt() {
 }
 
 bool Interrupted() { return g_interrupted != 0; }
+
+TransferScope::TransferScope() { g_transferring = 1; }
+TransferScope::~TransferScope() { g_transferring = 0; }
 
 bool ProgressWanted(const GlobalOptions &options) {
   return options.progress.has_value() ? *options.progress : ErrIsTerminal();
@@ -72,9 +80,12 @@ void ProgressBar::Draw(bool force) {
   std::string bar(static_cast<size_t>(full), '#');
   bar.append(static_cast<size_t>(kBarCells - full), '-');
   const double seconds = std::chrono::duration<double>(now - start_).count();
-  const double rate = seconds > 0.05 ? static_cast<double>(done_) / seconds : 0.0;
-  std::string left = "-:--";
-  if (rate > 0 && done_ <= total_) left = HumanDuration(static_cast<uint64_t>((total_ - done_) / rate * 1000.0));
+  const bool complete = done_ >= total_;
+  // The first moments of a transfer give no useful rate; a finished one
+  // always has its average.
+  const double rate = seconds > 0.05 || (complete && seconds > 0) ? static_cast<double>(done_) / seconds : 0.0;
+  std::string left = complete ? HumanDuration(0) : "-:--";
+  if (rate > 0 && !complete) left = HumanDuration(static_cast<uint64_t>((total_ - done_) / rate * 1000.0));
   std::string label = label_;
   const bool text = g_utf8_validate(label.c_str(), static_cast<gssize>(label.size()), nullptr);
   const glong chars = text ? g_utf8_strlen(label.c_str(), -1) : 0;

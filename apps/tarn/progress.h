@@ -9,11 +9,21 @@
 
 namespace tarn::cli {
 
-// SIGINT only sets a flag: the transfer's progress callback reads it and
-// asks the library to stop, so that the device connection and its sync
-// lock are released on the way out. A second Ctrl-C ends the tool at once.
+// During transfers SIGINT only sets a flag: the progress callback reads it
+// and asks the library to stop, so that the device connection and its sync
+// lock are released on the way out and no partial file is kept. A second
+// Ctrl-C, or one outside a transfer, ends the tool at once.
 void CatchInterrupt();
 bool Interrupted();
+
+// Marks the span in which a Ctrl-C becomes a cancel.
+class TransferScope {
+ public:
+  TransferScope();
+  ~TransferScope();
+  TransferScope(const TransferScope &) = delete;
+  TransferScope &operator=(const TransferScope &) = delete;
+};
 
 // One bar on standard error, redrawn at most ten times a second:
 //   [#########-----------]  45%  12.3 MiB / 27.0 MiB  5.1 MiB/s  0:03 left  name

@@ -151,6 +151,8 @@ uint64_t DictUint(plist_t dict, const char *key) {
   return value;
 }
 
+std::string Known(const std::string &text) { return text == "(None)" ? "" : text; }
+
 std::vector<plist_t> ArrayItems(plist_t array) {
   std::vector<plist_t> items;
   for (uint32_t i = 0; array != nullptr && i < plist_array_get_size(array); ++i)

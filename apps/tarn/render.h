@@ -26,6 +26,10 @@ std::string PlistToXml(plist_t node);
 std::string DictString(plist_t dict, const char *key);
 uint64_t DictUint(plist_t dict, const char *key);
 plist_t DictArray(plist_t dict, const char *key);
+// The library writes "(None)" for a missing artist, album or genre; this
+// gives "" for it.
+std::string Known(const std::string &text);
+
 // The elements of an array node; none for null.
 std::vector<plist_t> ArrayItems(plist_t array);
 

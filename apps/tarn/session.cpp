@@ -1,10 +1,13 @@
 #include "session.h"
 
+#include <unistd.h>
+
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <system_error>
 
-#include "common/raii.h"
+#include "owners.h"
 #include "naming.h"
 
 namespace tarn::cli {
@@ -103,16 +106,55 @@ PathInfo Session::Require(const std::string &device_path) {
   return info;
 }
 
-void Session::InitCatalogue() {
-  const std::string dir = WorkDirFor(options_, udid_);
+namespace {
+
+// Marks a working directory as the tool's own. It reads "incomplete" while
+// InitDevice copies the databases and "complete" afterwards: the library
+// keeps any copy it finds, so a copy cut short by Ctrl-C or a crash would
+// otherwise be read as the device's database from then on.
+constexpr const char *kMarker = ".tarn-workdir";
+
+std::string ReadMarker(const fs::path &dir) {
+  std::ifstream in(dir / kMarker);
+  std::string state;
+  std::getline(in, state);
+  return in || in.eof() ? state : "";
+}
+
+void WriteMarker(const fs::path &dir, const char *state) {
+  std::ofstream out(dir / kMarker, std::ios::trunc);
+  out << state << "\n";
+  if (!out.flush()) Fail(kExitHostPath, "cannot write to working directory " + dir.string());
+}
+
+bool IsEmptyDir(const fs::path &dir) {
   std::error_code ec;
-  // The library never refreshes a copy it already has: a changed device is
-  // only read afresh once the old copies are gone.
-  if (options_.refresh) fs::remove_all(dir, ec);
+  return fs::is_directory(dir, ec) && fs::directory_iterator(dir, ec) == fs::directory_iterator();
+}
+
+}  // namespace
+
+void Session::InitCatalogue() {
+  const fs::path dir = WorkDirFor(options_, udid_);
+  std::error_code ec;
   fs::create_directories(dir, ec);
-  if (ec || !fs::is_directory(dir)) Fail(kExitHostPath, "cannot create working directory " + dir);
+  if (ec || !fs::is_directory(dir)) Fail(kExitHostPath, "cannot create working directory " + dir.string());
+  const bool owned = fs::exists(dir / kMarker, ec);
+  // The library never refreshes a copy it already has: a changed device is
+  // only read afresh once the old copies are gone. Only a directory the tool
+  // set up itself is emptied; --workdir may name one that holds other files.
+  const bool clear = owned ? options_.refresh || ReadMarker(dir) != "complete" : false;
+  if (!owned && options_.refresh && !IsEmptyDir(dir))
+    Fail(kExitHostPath, "refusing to empty " + dir.string() + ": it is not a tarn working directory");
+  if (clear) {
+    for (const auto &entry : fs::directory_iterator(dir, ec)) fs::remove_all(entry.path(), ec);
+    if (ec) Fail(kExitHostPath, "cannot empty working directory " + dir.string() + ": " + ec.message());
+  }
+  if (owned || IsEmptyDir(dir)) WriteMarker(dir, "incomplete");
+  if (::access(dir.c_str(), W_OK) != 0) Fail(kExitHostPath, "cannot write to working directory " + dir.string());
   if (InitDevice(device_.get(), dir.c_str()) != 0)
     Fail(kExitUnreachable, "cannot reach device " + udid_ + ": handshake refused");
+  if (fs::exists(dir / kMarker, ec)) WriteMarker(dir, "complete");
 }
 
 }  // namespace tarn::cli

@@ -36,6 +36,7 @@ class Transfers {
 
  private:
   Session &session_;
+  TransferScope scope_;
   ProgressBar bar_;
   uint64_t base_ = 0;  // bytes of the files finished before the current one
 };

@@ -1,0 +1,35 @@
+// Owners for what the library's C functions hand to the tool. The tool is a
+// client like any other application: it sees only the public header, so it
+// keeps its own small owners rather than borrowing the library's internals.
+#pragma once
+
+#include <cstdlib>
+#include <memory>
+
+#include <glib.h>
+#include <plist/plist.h>
+
+namespace tarn::cli {
+
+struct PlistFree {
+  void operator()(void *node) const { plist_free(static_cast<plist_t>(node)); }
+};
+using PlistPtr = std::unique_ptr<void, PlistFree>;
+
+struct MallocFree {
+  void operator()(void *p) const { std::free(p); }
+};
+using CString = std::unique_ptr<char, MallocFree>;
+
+// A file-information vector: five value slots, any of which may be NULL
+// when the device left a key out, so g_strfreev (which stops at the first
+// NULL) would leak the slots after a hole.
+struct FileInfoFree {
+  void operator()(char **v) const {
+    for (int i = 0; i < 5; ++i) g_free(v[i]);
+    g_free(v);
+  }
+};
+using FileInfo = std::unique_ptr<char *, FileInfoFree>;
+
+}  // namespace tarn::cli

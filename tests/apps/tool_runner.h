@@ -1,0 +1,121 @@
+// Runs the tarn tool as a child process, the way a shell user or a script
+// would: its arguments, an environment of its own, and what it printed.
+#pragma once
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern char **environ;
+
+namespace tarn_apps_test {
+
+struct Result {
+  int code = -1;  // exit status, or 128 + signal when a signal ended it
+  std::string out;
+  std::string err;
+};
+
+// A running tool. Collects both streams until it exits.
+class ToolProcess {
+ public:
+  ToolProcess(const std::vector<std::string> &args, const std::map<std::string, std::string> &env) {
+    std::vector<std::string> words = {TARN_TOOL_PATH};
+    words.insert(words.end(), args.begin(), args.end());
+    std::vector<std::string> vars;
+    for (char **e = environ; *e != nullptr; ++e) {
+      const std::string var = *e;
+      if (env.count(var.substr(0, var.find('='))) == 0) vars.push_back(var);
+    }
+    for (const auto &[key, value] : env) vars.push_back(key + "=" + value);
+    std::vector<char *> argv, envp;
+    for (auto &w : words) argv.push_back(w.data());
+    argv.push_back(nullptr);
+    for (auto &v : vars) envp.push_back(v.data());
+    envp.push_back(nullptr);
+
+    int out[2], err[2];
+    if (::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, err[1], STDERR_FILENO);
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    const int rc = posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), envp.data());
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(out[1]);
+    ::close(err[1]);
+    out_fd_ = out[0];
+    err_fd_ = err[0];
+    if (rc != 0) throw std::runtime_error("cannot start " + words[0]);
+  }
+  ~ToolProcess() {
+    if (pid_ > 0) {
+      ::kill(pid_, SIGKILL);
+      Wait();
+    }
+  }
+  ToolProcess(const ToolProcess &) = delete;
+  ToolProcess &operator=(const ToolProcess &) = delete;
+
+  void Signal(int sig) { ::kill(pid_, sig); }
+
+  // Reads what is there now without waiting for more.
+  const Result &Poll() {
+    Drain(0);
+    return result_;
+  }
+
+  // Waits until the tool exits (or kills it after a minute).
+  Result Wait() {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (out_fd_ >= 0 || err_fd_ >= 0) {
+      if (std::chrono::steady_clock::now() > deadline) ::kill(pid_, SIGKILL);
+      Drain(200);
+    }
+    int status = 0;
+    if (pid_ > 0 && ::waitpid(pid_, &status, 0) == pid_)
+      result_.code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    pid_ = -1;
+    return result_;
+  }
+
+ private:
+  void Drain(int timeout_ms) {
+    pollfd fds[2] = {{out_fd_, POLLIN, 0}, {err_fd_, POLLIN, 0}};
+    if (::poll(fds, 2, timeout_ms) <= 0) return;
+    ReadFrom(fds[0], out_fd_, result_.out);
+    ReadFrom(fds[1], err_fd_, result_.err);
+  }
+  static void ReadFrom(const pollfd &p, int &fd, std::string &into) {
+    if (fd < 0 || (p.revents & (POLLIN | POLLHUP | POLLERR)) == 0) return;
+    char buffer[65536];
+    const ssize_t n = ::read(fd, buffer, sizeof buffer);
+    if (n > 0) {
+      into.append(buffer, static_cast<size_t>(n));
+    } else {
+      ::close(fd);
+      fd = -1;
+    }
+  }
+
+  pid_t pid_ = -1;
+  int out_fd_ = -1, err_fd_ = -1;
+  Result result_;
+};
+
+inline Result RunTool(const std::vector<std::string> &args, const std::map<std::string, std::string> &env) {
+  return ToolProcess(args, env).Wait();
+}
+
+}  // namespace tarn_apps_test

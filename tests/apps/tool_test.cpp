@@ -1,0 +1,335 @@
+// The tarn tool driven as a user drives it, against the simulator.
+#include <algorithm>
+#include <chrono>
+#include <thread>
+
+#include "tool_fixture.h"
+
+namespace tarn_apps_test {
+namespace {
+
+// One line on standard error, in the tool's own voice.
+void ExpectOneErrorLine(const Result &r, const std::string &fragment) {
+  EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+  EXPECT_EQ(r.err.rfind("tarn: ", 0), 0u) << r.err;
+  EXPECT_NE(r.err.find(fragment), std::string::npos) << r.err;
+}
+
+std::vector<std::string> Lines(const std::string &text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
+}
+
+TEST(ToolCommandLine, HelpAndVersionAnswerOnEveryLevelAndMistakesAreUsageErrors) {
+  const std::map<std::string, std::string> env = {{"USBMUXD_SOCKET_ADDRESS", "UNIX:/nonexistent/socket"}};
+  for (const std::vector<std::string> &args :
+       {std::vector<std::string>{"--help"}, {"-h"}, {"ls", "--help"}, {"export", "-h"}, {"pull", "a", "--help"}}) {
+    const Result r = RunTool(args, env);
+    EXPECT_EQ(r.code, 0) << args[0];
+    EXPECT_EQ(r.out.rfind("Usage: tarn", 0), 0u) << r.out;
+  }
+  EXPECT_NE(RunTool({"ls", "--help"}, env).out.find("--depth N"), std::string::npos);
+  for (const auto &args : {std::vector<std::string>{"--version"}, {"list", "--version"}}) {
+    const Result r = RunTool(args, env);
+    EXPECT_EQ(r.code, 0);
+    EXPECT_EQ(r.out.rfind("tarn ", 0), 0u) << r.out;
+  }
+  struct Case {
+    std::vector<std::string> args;
+    const char *fragment;
+  };
+  for (const Case &c : std::vector<Case>{{{"frobnicate"}, "unknown command"},
+                                         {{"ls", "--bogus"}, "unknown option --bogus"},
+                                         {{"pull", "/a"}, "missing arguments"},
+                                         {{"list", "music", "--json", "--xml"}, "exclude"},
+                                         {{"list", "videos"}, "unknown kind"},
+                                         {{"-u"}, "needs a value"}}) {
+    const Result r = RunTool(c.args, env);
+    EXPECT_EQ(r.code, 2) << c.args[0];
+    ExpectOneErrorLine(r, c.fragment);
+    EXPECT_EQ(r.out, "");
+  }
+}
+
+TEST_F(ToolTest, EachWayOfNotReachingADeviceHasItsOwnExitCode) {
+  {
+    tarn::testing::Simulator none({}, false);
+    const Result r = RunTool({"info"}, {{"USBMUXD_SOCKET_ADDRESS", none.env_value()}, {"XDG_CACHE_HOME", cache()}});
+    EXPECT_EQ(r.code, 3);
+    ExpectOneErrorLine(r, "no device attached");
+  }
+  Result r = Tarn({"-u", "0000-NOT-THERE", "ls", "/"});
+  EXPECT_EQ(r.code, 4);
+  ExpectOneErrorLine(r, "0000-NOT-THERE not found");
+
+  tarn::testing::TempDir second;
+  tarn::testing::make_sim_image(second.path(), {});
+  sim->attach({second.path(), "00008030-00A11CE000000002", {}});
+  r = Tarn({"ls", "/"});
+  EXPECT_EQ(r.code, 5);
+  ExpectOneErrorLine(r, "-u");
+  r = Tarn({"devices"});
+  EXPECT_EQ(r.code, 0) << r.err;
+  EXPECT_NE(r.out.find(std::string(kUdid) + "  Test Phone\n"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("00008030-00A11CE000000002"), std::string::npos) << r.out;
+  sim->detach("00008030-00A11CE000000002");
+
+  sim->set_option(kUdid, "refuse_handshake", "1");
+  for (const auto &args : {std::vector<std::string>{"ls", "/"}, {"list", "music"}}) {
+    r = Tarn(args);
+    EXPECT_EQ(r.code, 6) << args[0];
+    ExpectOneErrorLine(r, "cannot reach device");
+  }
+  sim->clear_faults(kUdid);
+  sim->set_option(kUdid, "refuse_afc", "1");
+  r = Tarn({"info"});
+  EXPECT_EQ(r.code, 6);
+  ExpectOneErrorLine(r, "cannot reach device");
+}
+
+TEST_F(ToolTest, ListingsReadForPeopleAndForScriptsWithoutTheLibrarysConsoleLines) {
+  Result r = Tarn({"list", "music", "--json"});
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(r.err, "");
+  const json music = json::parse(r.out);  // nothing but JSON on standard output
+  ASSERT_EQ(music["item"].size(), Tracks().size());
+  EXPECT_EQ(music["number"], Tracks().size());
+  for (const Track &t : Tracks()) {
+    const auto it = std::find_if(music["item"].begin(), music["item"].end(),
+                                 [&](const json &item) { return item["path"] == t.file; });
+    ASSERT_NE(it, music["item"].end()) << t.file;
+    EXPECT_EQ((*it)["title"], t.title);
+    EXPECT_EQ((*it)["time"], t.length_ms);
+    EXPECT_EQ((*it)["size"], TrackContent(t).size());
+  }
+
+  r = Tarn({"list", "music"});
+  ASSERT_EQ(r.code, 0);
+  EXPECT_NE(r.out.find("Harbour Nights"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("1:02:03"), std::string::npos) << r.out;  // 3,723,000 ms
+  EXPECT_NE(r.out.find("\n5 tracks, 22.0 KiB, 1:07:24\n"), std::string::npos) << r.out;
+  EXPECT_EQ(r.out.find("(None)"), std::string::npos) << "a missing artist is shown as nothing";
+  EXPECT_EQ(r.out.find("GetMusicList"), std::string::npos) << r.out;
+  EXPECT_EQ(r.err, "");
+
+  r = Tarn({"-v", "list", "playlists", "--xml"});
+  ASSERT_EQ(r.code, 0);
+  EXPECT_EQ(r.out.rfind("<?xml", 0), 0u) << r.out;
+  EXPECT_NE(r.out.find("<string>Road/Trip</string>"), std::string::npos);
+  EXPECT_EQ(r.out.find("GetPlayList"), std::string::npos);
+  EXPECT_NE(r.err.find("GetPlayList"), std::string::npos) << "the library's lines go to stderr with -v";
+
+  r = Tarn({"list", "playlists"});
+  EXPECT_NE(r.out.find("Road/Trip"), std::string::npos) << r.out;
+  r = Tarn({"list", "books"});
+  EXPECT_EQ(r.code, 0);
+  EXPECT_EQ(r.out, "No books on this device.\n");
+
+  r = Tarn({"info"});
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(r.out.rfind("Test Phone\n", 0), 0u) << r.out;
+  EXPECT_NE(r.out.find("Storage         59.6 GiB, 20.0 GiB free"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("  ["), std::string::npos) << "the storage bar";
+  EXPECT_EQ(r.out.find("\033["), std::string::npos) << "no colours off a terminal";
+  const json info = json::parse(Tarn({"info", "--json"}).out);
+  EXPECT_EQ(info["Catacity"], 64000000000u);
+  EXPECT_EQ(info["DeviceName"], "Test Phone");
+}
+
+TEST_F(ToolTest, FilesMoveBothWaysByteForByteAndFailuresSayWhy) {
+  fs::create_directories(host(""));
+  std::string data(300000, '\0');
+  for (size_t i = 0; i < data.size(); ++i) data[i] = tarn::testing::sim_pattern(i);
+  std::ofstream(host("up.bin"), std::ios::binary) << data;
+
+  Result r = Tarn({"mkdir", "-p", "/Transfer/In"});
+  ASSERT_EQ(r.code, 0) << r.err;
+  r = Tarn({"push", host("up.bin"), "/Transfer/In"});
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(r.err, "") << "no progress bar off a terminal";
+  EXPECT_EQ(ReadFile(media("/Transfer/In/up.bin")), data);
+
+  r = Tarn({"pull", "/Transfer", host("")});
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(ReadFile(host("Transfer/In/up.bin")), data);
+  r = Tarn({"pull", "/iTunes_Control/Music/F01/BBBB.m4a", host("one.m4a")});
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(ReadFile(host("one.m4a")), TrackContent(Tracks()[1]));
+  EXPECT_EQ(fs::last_write_time(host("one.m4a")), fs::last_write_time(media("/iTunes_Control/Music/F01/BBBB.m4a")));
+
+  r = Tarn({"ls", "-R", "/Transfer"});
+  EXPECT_EQ(r.out, "In/\nIn/up.bin\n");
+  r = Tarn({"stat", "/Transfer/In/up.bin"});
+  EXPECT_NE(r.out.find("300000 bytes"), std::string::npos) << r.out;
+  r = Tarn({"find", "/", "UP.BIN"});
+  EXPECT_EQ(r.out, "/Transfer/In/up.bin\n") << r.err;
+  r = Tarn({"find", "/", "UP.BIN", "--case-sensitive"});
+  EXPECT_EQ(r.code, 0);
+  EXPECT_EQ(r.out, "");
+  ASSERT_EQ(Tarn({"mv", "/Transfer/In/up.bin", "/Transfer/moved.bin"}).code, 0);
+  EXPECT_TRUE(fs::exists(media("/Transfer/moved.bin")));
+
+  struct Case {
+    std::vector<std::string> args;
+    int code;
+    const char *fragment;
+  };
+  for (const Case &c : std::vector<Case>{
+           {{"pull", "/no/such/file", host("x")}, 7, "/no/such/file: no such file"},
+           {{"ls", "/nowhere"}, 7, "no such file or directory on the device"},
+           {{"push", host("missing.bin"), "/Transfer"}, 8, "no such file"},
+           {{"pull", "/Transfer/moved.bin", host("nodir/x.bin")}, 8, "no such directory"},
+           // A directory that nobody, not even root, can create files in.
+           {{"pull", "/Transfer/moved.bin", "/proc"}, 8, "cannot write /proc/moved.bin"},
+           {{"mkdir", "/Transfer"}, 9, "already exists"},
+           {{"mv", "/Transfer/moved.bin", "/Transfer/In"}, 0, ""},
+           {{"rm", "/Transfer"}, 1, "not empty (use rm -r)"},
+       }) {
+    r = Tarn(c.args);
+    EXPECT_EQ(r.code, c.code) << c.args[0] << " " << c.args[1] << ": " << r.err;
+    if (c.code != 0) ExpectOneErrorLine(r, c.fragment);
+  }
+  EXPECT_TRUE(fs::exists(media("/Transfer/In/moved.bin")));
+  ASSERT_EQ(Tarn({"rm", "-r", "/Transfer"}).code, 0);
+  EXPECT_FALSE(fs::exists(media("/Transfer")));
+}
+
+TEST_F(ToolTest, CtrlCCancelsAPullKeepingNothingAndReleasingTheDevice) {
+  tarn::testing::make_sim_image(image(), {tarn::testing::ImageEntry::patterned("Big/big.bin", 4 << 20)});
+  fs::create_directories(host(""));
+  // 64 blocks at 40 ms each: seconds of transfer to interrupt.
+  sim->set_option(kUdid, "latency_us", "40000");
+  ToolProcess tool({"pull", "/Big/big.bin", host("big.bin")}, Env());
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  std::error_code ec;
+  auto partial = [&] {
+    const uintmax_t size = fs::file_size(host("big.bin.tarn-part"), ec);
+    return ec ? 0 : size;
+  };
+  while (partial() < (256u << 10) && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  ASSERT_GE(partial(), 256u << 10) << "the pull never started: " << tool.Poll().err;
+  tool.Signal(SIGINT);
+  const Result r = tool.Wait();
+  EXPECT_EQ(r.code, 130);
+  ExpectOneErrorLine(r, "cancelled");
+  EXPECT_FALSE(fs::exists(host("big.bin")));
+  EXPECT_FALSE(fs::exists(host("big.bin.tarn-part")));
+  sim->set_option(kUdid, "latency_us", "0");
+  const tarn::testing::SimStats stats = sim->idle_stats(kUdid);
+  EXPECT_EQ(stats.files_open, 0);
+  EXPECT_EQ(stats.locks_held, 0);
+  EXPECT_LT(stats.total("FileRead"), 60u) << "the transfer stopped early";
+}
+
+TEST_F(ToolTest, ExportGivesTheLibraryBackUnderReadableNamesWithPlaylistsAndResumes) {
+  const fs::path out = host("export");
+  Result r = Tarn({"export", "music", out.string()});
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(r.out, "5 tracks: 5 copied (22.0 KiB), 0 already there\n");
+
+  // Every file under the name a person gave it, with its own bytes and time.
+  std::map<std::string, std::string> content_to_name;
+  for (const auto &entry : fs::recursive_directory_iterator(out))
+    if (entry.is_regular_file()) content_to_name[ReadFile(entry.path())] = fs::relative(entry.path(), out).string();
+  ASSERT_EQ(content_to_name.size(), Tracks().size());
+  std::map<std::string, std::string> name_of;  // track id -> exported name
+  for (const Track &t : Tracks()) name_of[t.id] = content_to_name[TrackContent(t)];
+  EXPECT_EQ(name_of["t2"], "Mira Okafor/Paper Moons/Harbour Nights.m4a");
+  EXPECT_EQ(name_of["t4"], "Orquesta del Sur/Lanterns/AC_DC_ Live_.mp3");
+  EXPECT_EQ(name_of["t5"], "Unknown Artist/Unknown Album/Field Notes.mp3");
+  const std::set<std::string> intros = {name_of["t1"], name_of["t3"]};
+  EXPECT_EQ(intros, (std::set<std::string>{"Mira Okafor/Paper Moons/Intro.mp3",
+                                           "Mira Okafor/Paper Moons/Intro (2).mp3"}));
+  for (const Track &t : Tracks())
+    EXPECT_EQ(fs::last_write_time(out / name_of[t.id]), fs::last_write_time(media(t.file))) << t.id;
+
+  // A partial export names each file as the whole one does.
+  r = Tarn({"export", "music", host("intros"), "--match", "INTRO"});
+  ASSERT_EQ(r.code, 0) << r.err;
+  for (const char *id : {"t1", "t3"})
+    EXPECT_EQ(ReadFile(fs::path(host("intros")) / name_of[id]), TrackContent(Tracks()[id[1] - '1'])) << id;
+  EXPECT_EQ(std::distance(fs::recursive_directory_iterator(host("intros")), fs::recursive_directory_iterator()), 4);
+
+  r = Tarn({"export", "playlists", out.string()});
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(r.out, "5 playlist tracks: 0 copied (0 B), 5 already there, 2 playlists written\n");
+  auto members = [&](const std::string &file) {
+    std::vector<std::string> paths;
+    const std::vector<std::string> lines = Lines(ReadFile(out / file));
+    EXPECT_FALSE(lines.empty()) << file;
+    if (!lines.empty()) {
+      EXPECT_EQ(lines[0], "#EXTM3U");
+    }
+    for (const auto &line : lines)
+      if (!line.empty() && line[0] != '#') paths.push_back(line);
+    return paths;
+  };
+  EXPECT_EQ(members("Road_Trip.m3u8"),
+            (std::vector<std::string>{name_of["t4"], name_of["t1"], name_of["t3"], name_of["t2"]}));
+  EXPECT_EQ(members("Quiet.m3u8"), (std::vector<std::string>{name_of["t5"], name_of["t3"]}));
+  EXPECT_NE(ReadFile(out / "Road_Trip.m3u8").find("#EXTINF:3723,Orquesta del Sur - AC/DC: Live?\n"),
+            std::string::npos);
+
+  // An interrupted export is finished by running it again: what is there
+  // with its size stays, what is missing or cut short is copied.
+  fs::remove(out / name_of["t2"]);
+  fs::resize_file(out / name_of["t4"], 10);
+  r = Tarn({"export", "music", out.string()});
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(r.out.substr(0, r.out.find('(')), "5 tracks: 2 copied ");
+  EXPECT_EQ(ReadFile(out / name_of["t4"]), TrackContent(Tracks()[3]));
+  EXPECT_EQ(ReadFile(out / name_of["t2"]), TrackContent(Tracks()[1]));
+  r = Tarn({"export", "music", out.string()});
+  EXPECT_EQ(r.out, "5 tracks: 0 copied (0 B), 5 already there\n");
+
+  // A file the catalogue lists but the device lost is named, not fatal.
+  fs::remove(media(Tracks()[4].file));
+  fs::remove(out / name_of["t5"]);
+  r = Tarn({"export", "music", out.string()});
+  EXPECT_EQ(r.code, 0);
+  EXPECT_NE(r.err.find("EEEE.mp3 is listed in the catalogue but missing"), std::string::npos) << r.err;
+
+  std::ofstream(host("a-file")) << "x";
+  r = Tarn({"export", "music", host("a-file/x")});
+  EXPECT_EQ(r.code, 8);
+  ExpectOneErrorLine(r, "cannot write to");
+}
+
+TEST_F(ToolTest, TheWorkingDirectoryIsPerDeviceAndNeverTrustsAnInterruptedCopy) {
+  const fs::path work = fs::path(cache()) / "tarn" / kUdid;
+  ASSERT_EQ(Tarn({"list", "music"}).code, 0);
+  ASSERT_TRUE(fs::exists(work / "iTunesCDB"));
+  const std::string good = ReadFile(work / "iTunesCDB");
+
+  // --refresh reads the device afresh, as does a run after an
+  // initialisation that never finished.
+  fs::resize_file(work / "iTunesCDB", 100);
+  Result r = Tarn({"--refresh", "list", "music", "--json"});
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(json::parse(r.out)["item"].size(), Tracks().size());
+  EXPECT_EQ(ReadFile(work / "iTunesCDB"), good);
+
+  fs::resize_file(work / "iTunesCDB", 100);
+  std::ofstream(work / ".tarn-workdir", std::ios::trunc) << "incomplete\n";
+  r = Tarn({"list", "music", "--json"});
+  EXPECT_EQ(json::parse(r.out)["item"].size(), Tracks().size());
+
+  // --workdir takes the user's directory as it is and never empties one
+  // the tool did not set up.
+  const fs::path mine = host("mine");
+  fs::create_directories(mine);
+  std::ofstream(mine / "notes.txt") << "keep me";
+  r = Tarn({"--workdir", mine.string(), "list", "music", "--json"});
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_TRUE(fs::exists(mine / "iTunesCDB"));
+  r = Tarn({"--workdir", mine.string(), "--refresh", "list", "music"});
+  EXPECT_EQ(r.code, 8);
+  ExpectOneErrorLine(r, "not a tarn working directory");
+  EXPECT_EQ(ReadFile(mine / "notes.txt"), "keep me");
+}
+
+}  // namespace
+}  // namespace tarn_apps_test

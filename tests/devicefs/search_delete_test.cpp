@@ -8,27 +8,17 @@
 namespace tarn_fs_test {
 namespace {
 
-struct Found {
-  int kind;
-  std::string path;
-  bool operator==(const Found &o) const { return kind == o.kind && path == o.path; }
-};
-
-std::string Show(const std::vector<Found> &v) {
-  std::string s;
-  for (auto &f : v) s += (f.kind ? "dir " : "file ") + f.path + "; ";
-  return s;
-}
-
 class SearchDeleteTest : public DeviceFsTest {
  protected:
-  std::vector<Found> Search(const char *dir, const char *keyword) {
+  // "dir PATH" or "file PATH" for each result, in order.
+  std::vector<std::string> Search(const char *dir, const char *keyword) {
     testing::internal::CaptureStdout();
     PodSearchItem *first = SearchFile(device, dir, keyword);
     testing::internal::GetCapturedStdout();
-    std::vector<Found> out;
+    std::vector<std::string> out;
     for (PodSearchItem *i = first; i; i = i->next) {
-      out.push_back({i->kind, i->kind ? static_cast<PodDir *>(i->record)->path : static_cast<PodFile *>(i->record)->path});
+      out.push_back(i->kind ? std::string("dir ") + static_cast<PodDir *>(i->record)->path
+                            : std::string("file ") + static_cast<PodFile *>(i->record)->path);
     }
     FreeSearchResult(first);
     ExpectIdle("SearchFile");
@@ -44,20 +34,17 @@ TEST_F(SearchDeleteTest, SearchMatchesLowerCasedNamesInPreOrder) {
   Start();
   struct Case {
     const char *keyword;
-    std::vector<Found> expected;  // pre-order, siblings in the device's (byte-wise) listing order
+    std::vector<std::string> expected;  // pre-order, siblings in the device's (byte-wise) listing order
   } cases[] = {
       // Capitals in names do not hinder a lower-case keyword.
-      {"mp3", {{1, "/m/Mp3s"}, {0, "/m/Mp3s/a.mp3"}, {0, "/m/Song.MP3"}, {0, "/m/other/deeper/x.mp3"}}},
+      {"mp3", {"dir /m/Mp3s", "file /m/Mp3s/a.mp3", "file /m/Song.MP3", "file /m/other/deeper/x.mp3"}},
       // The keyword itself is not lower-cased.
       {"MP3", {}},
       // A directory whose name does not match is still searched.
-      {"x.mp", {{0, "/m/other/deeper/x.mp3"}}},
-      {"deep", {{1, "/m/other/deeper"}}},
+      {"x.mp", {"file /m/other/deeper/x.mp3"}},
+      {"deep", {"dir /m/other/deeper"}},
   };
-  for (auto &c : cases) {
-    const std::vector<Found> got = Search("/m", c.keyword);
-    EXPECT_EQ(got, c.expected) << c.keyword << ": got " << Show(got);
-  }
+  for (auto &c : cases) EXPECT_EQ(Search("/m", c.keyword), c.expected) << c.keyword;
 }
 
 TEST_F(SearchDeleteTest, SearchResultsDescribeFilesAndDirectories) {

@@ -53,43 +53,17 @@ class BookListTest : public ::testing::Test {
   }
   void TearDown() override { FreePodDevice(device); }
 
-  void Write(const std::string &name, const json &content, bool binary = false) {
-    // The fixture's image builder writes catalogues from JSON; the handle
-    // tests only need the file, so it is written through libplist here.
-    plist_t root = nullptr;
-    const std::string xml = ToXml(content);
-    plist_from_xml(xml.c_str(), static_cast<uint32_t>(xml.size()), &root);
-    ASSERT_NE(root, nullptr) << xml;
-    char *bytes = nullptr;
-    uint32_t length = 0;
-    if (binary) plist_to_bin(root, &bytes, &length);
-    else plist_to_xml(root, &bytes, &length);
-    std::ofstream(dir.path() + name, std::ios::binary).write(bytes, length);
-    free(bytes);
-    plist_free(root);
-  }
-  static std::string ToXml(const json &j) {
-    std::string body;
-    std::function<void(const json &)> node = [&](const json &v) {
-      if (v.is_object()) {
-        body += "<dict>";
-        for (auto it = v.begin(); it != v.end(); ++it) {
-          body += "<key>" + it.key() + "</key>";
-          node(it.value());
-        }
-        body += "</dict>";
-      } else if (v.is_array()) {
-        body += "<array>";
-        for (const auto &e : v) node(e);
-        body += "</array>";
-      } else if (v.is_number()) {
-        body += "<integer>" + v.dump() + "</integer>";
-      } else {
-        body += "<string>" + v.get<std::string>() + "</string>";
-      }
-    };
-    node(j);
-    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?><plist version=\"1.0\">" + body + "</plist>";
+  // The user catalogue as XML and the purchased one as binary, written by
+  // the image builder and placed where InitDevice would copy them.
+  void WriteCatalogues() {
+    for (const char *format : {"xml", "binary"}) {
+      const std::string image = dir.path() + "/" + format;
+      tarn::testing::build_image(
+          {{"books", {{"format", format}, {"books", kUserBooks}, {"purchases", kPurchasedBooks}}}}, image);
+      const std::string from = std::string(format) == "xml" ? "/media/Books/Books.plist"
+                                                              : "/media/Books/Purchases/Purchases.plist";
+      fs::copy_file(image + from, dir.path() + "/" + fs::path(from).filename().string());
+    }
   }
   void SetBookDb(const std::vector<std::pair<uint64_t, const char *>> &entries) {
     plist_t info = plist_new_dict();
@@ -109,8 +83,7 @@ class BookListTest : public ::testing::Test {
 };
 
 TEST_F(BookListTest, TheWalkReadsAtMostTwoCataloguesAndKeepsAnEmptyArray) {
-  Write("/Books.plist", kUserBooks);
-  Write("/Purchases.plist", kPurchasedBooks, true);
+  WriteCatalogues();
   const std::string both = std::string("[") + kUserCatalogue + "," + kPurchaseCatalogue + "]";
   const struct {
     const char *what;
@@ -148,30 +121,23 @@ TEST_F(BookListTest, TheWalkReadsAtMostTwoCataloguesAndKeepsAnEmptyArray) {
 }
 
 TEST_F(BookListTest, ReadersGiveNullForWhatIsNoCatalogue) {
-  Write("/Books.plist", kUserBooks);
-  Write("/Purchases.plist", kPurchasedBooks, true);
-  Write("/NoBooks.plist", json::parse(R"({"Other": [1]})"));
-  Write("/Empty.plist", json::parse(R"({"Books": []})"));
+  WriteCatalogues();
+  const std::string head = "<?xml version=\"1.0\" encoding=\"UTF-8\"?><plist version=\"1.0\">";
+  std::ofstream(dir.path() + "/NoBooks.plist") << head << "<dict><key>Other</key><array/></dict></plist>";
+  std::ofstream(dir.path() + "/Empty.plist") << head << "<dict><key>Books</key><array/></dict></plist>";
   std::ofstream(dir.path() + "/Broken.plist") << "<plist><dict><key>Books";
-  const std::string d = dir.path();
   const struct {
-    const char *what;
-    plist_t result;
-    const char *expected;
+    const char *what, *file, *name;
   } cases[] = {
-      {"XML user catalogue", ReadBookDbTypePLIST((d + "/Books.plist").c_str(), "/Books.plist"), kUserCatalogue},
-      {"binary purchases", ReadBookDbTypePLIST((d + "/Purchases.plist").c_str(), "/Purchases.plist"),
-       kPurchaseCatalogue},
-      {"binary reader", ReadBookDbTypePLISTBin((d + "/Purchases.plist").c_str()), kPurchaseCatalogue},
-      {"unknown catalogue name", ReadBookDbTypePLIST((d + "/Books.plist").c_str(), "/Other.plist"), "null"},
-      {"no Books array", ReadBookDbTypePLIST((d + "/NoBooks.plist").c_str(), "/Books.plist"), "null"},
-      {"empty Books array", ReadBookDbTypePLIST((d + "/Empty.plist").c_str(), "/Books.plist"), "null"},
-      {"unparsable file", ReadBookDbTypePLIST((d + "/Broken.plist").c_str(), "/Books.plist"), "null"},
-      {"missing file", ReadBookDbTypePLIST((d + "/Missing.plist").c_str(), "/Books.plist"), "null"},
+      {"unknown catalogue name", "/Books.plist", "/Other.plist"},
+      {"no Books array", "/NoBooks.plist", "/Books.plist"},
+      {"empty Books array", "/Empty.plist", "/Books.plist"},
+      {"unparsable file", "/Broken.plist", "/Books.plist"},
+      {"missing file", "/Missing.plist", "/Books.plist"},
   };
   for (const auto &c : cases) {
-    Plist owned(c.result);
-    EXPECT_EQ(Text(c.result), c.expected) << c.what;
+    Plist result(ReadBookDbTypePLIST((dir.path() + c.file).c_str(), c.name));
+    EXPECT_EQ(Text(result.get()), "null") << c.what;
   }
 }
 

@@ -37,76 +37,45 @@ struct TempFile {
   ~TempFile() { fs::remove(path); }
 };
 
-TEST(StringInsertion, MissingAndEmptyTextsBecomeTheirFallbacks) {
-  struct Case {
-    const char *text;
-    const char *plain;  // InsertPlistDictString
-    const char *none;   // AddNoneValuePlistDictString
-  } cases[] = {
-      {nullptr, "", "(None)"},
-      {"", "", "(None)"},
-      {"Abbey Road", "Abbey Road", "Abbey Road"},
-      {"\xe4\xb8\xad\xe6\x96\x87", "\xe4\xb8\xad\xe6\x96\x87", "\xe4\xb8\xad\xe6\x96\x87"},
-  };
-  for (const auto &c : cases) {
-    PlistPtr dict(plist_new_dict());
-    EXPECT_EQ(InsertPlistDictString(dict.get(), "plain", c.text), 0);
-    EXPECT_EQ(AddNoneValuePlistDictString(dict.get(), "none", c.text), 0);
-    EXPECT_EQ(DictString(dict.get(), "plain"), c.plain) << (c.text ? c.text : "NULL");
-    EXPECT_EQ(DictString(dict.get(), "none"), c.none) << (c.text ? c.text : "NULL");
-  }
-}
-
-TEST(StringInsertion, NodeCopiesFallBackForNullNonStringAndEmptyNodes) {
+TEST(StringInsertion, MissingEmptyAndNonStringValuesBecomeTheirFallbacks) {
   PlistPtr text(plist_new_string("Jazz"));
   PlistPtr empty(plist_new_string(""));
   PlistPtr number(plist_new_uint(7));
+  // A value as a C text, as a node, or both (null in both columns: the
+  // missing value), and what the plain and the "(None)" forms store for it.
   struct Case {
+    const char *text;
     plist_t node;
-    const char *plain;
-    const char *none;
+    const char *plain, *none;
   } cases[] = {
-      {nullptr, "", "(None)"},
-      {text.get(), "Jazz", "Jazz"},
-      {empty.get(), "", "(None)"},
-      {number.get(), "", "(None)"},
+      {nullptr, nullptr, "", "(None)"},
+      {"", empty.get(), "", "(None)"},
+      {"Jazz", text.get(), "Jazz", "Jazz"},
+      {"\xe4\xb8\xad\xe6\x96\x87", nullptr, "\xe4\xb8\xad\xe6\x96\x87", "\xe4\xb8\xad\xe6\x96\x87"},
+      {nullptr, number.get(), "", "(None)"},
   };
   for (const auto &c : cases) {
+    SCOPED_TRACE(c.text ? c.text : "NULL");
     PlistPtr dict(plist_new_dict());
-    AddPlistStrToDict(dict.get(), "plain", c.node);
-    AddPlistNoneStrToDict(dict.get(), "none", c.node);
-    EXPECT_EQ(DictString(dict.get(), "plain"), c.plain);
-    EXPECT_EQ(DictString(dict.get(), "none"), c.none);
+    EXPECT_EQ(InsertPlistDictString(dict.get(), "plain", c.text), 0);
+    EXPECT_EQ(AddNoneValuePlistDictString(dict.get(), "none", c.text), 0);
+    AddPlistStrToDict(dict.get(), "node plain", c.node);
+    AddPlistNoneStrToDict(dict.get(), "node none", c.node);
+    if (c.text || !c.node) {
+      EXPECT_EQ(DictString(dict.get(), "plain"), c.plain);
+      EXPECT_EQ(DictString(dict.get(), "none"), c.none);
+    }
+    if (c.node || !c.text) {
+      EXPECT_EQ(DictString(dict.get(), "node plain"), c.plain);
+      EXPECT_EQ(DictString(dict.get(), "node none"), c.none);
+    }
   }
-}
-
-TEST(StringInsertion, KeysKeepInsertionOrder) {
-  PlistPtr dict(plist_new_dict());
-  for (const char *key : {"id", "size", "path", "title"}) InsertPlistDictString(dict.get(), key, key);
-  plist_dict_iter it = nullptr;
-  plist_dict_new_iter(dict.get(), &it);
-  std::string order;
-  for (;;) {
-    char *key = nullptr;
-    plist_t value = nullptr;
-    plist_dict_next_item(dict.get(), it, &key, &value);
-    if (key == nullptr) break;
-    order += std::string(key) + ",";
-    std::free(key);
-  }
-  std::free(it);
-  EXPECT_EQ(order, "id,size,path,title,");
-}
-
-TEST(StringInsertion, ArrayAppendTurnsNullIntoEmptyString) {
   PlistPtr array(plist_new_array());
-  AppendPlistArrayString(array.get(), "a");
   AppendPlistArrayString(array.get(), nullptr);
-  ASSERT_EQ(plist_array_get_size(array.get()), 2u);
-  char *second = nullptr;
-  plist_get_string_val(plist_array_get_item(array.get(), 1), &second);
-  CString owned(second);
-  EXPECT_STREQ(second, "");
+  char *appended = nullptr;
+  plist_get_string_val(plist_array_get_item(array.get(), 0), &appended);
+  CString owned(appended);
+  EXPECT_STREQ(appended, "") << "an appended null text";
 }
 
 TEST(NodeCopies, NullGivesTheFallbackAndOthersAreDeepCopies) {
@@ -127,7 +96,7 @@ TEST(NodeCopies, NullGivesTheFallbackAndOthersAreDeepCopies) {
   EXPECT_EQ(plist_get_node_type(copy.get()), PLIST_STRING);
 }
 
-TEST(Paths, ConcatFilePathDecidesTheSeparatorFromTheLastSlash) {
+TEST(Paths, JoinsDecideTheSeparatorFromTheLastSlash) {
   struct Case {
     const char *dir, *name, *joined;
   } cases[] = {
@@ -142,13 +111,8 @@ TEST(Paths, ConcatFilePathDecidesTheSeparatorFromTheLastSlash) {
     CString joined(ConcatFilePath(c.dir, c.name));
     EXPECT_STREQ(joined.get(), c.joined) << c.dir << " + " << c.name;
   }
-}
-
-TEST(Paths, ConcatStrJoinsWithoutSeparator) {
-  CString joined(ConcatStr("/tmp/work", "/iTunesCDB"));
-  EXPECT_STREQ(joined.get(), "/tmp/work/iTunesCDB");
-  CString empty(ConcatStr("", ""));
-  EXPECT_STREQ(empty.get(), "");
+  CString plain(ConcatStr("/tmp/work", "iTunesCDB"));
+  EXPECT_STREQ(plain.get(), "/tmp/workiTunesCDB") << "ConcatStr adds no separator";
 }
 
 TEST(Paths, FileNameAndPostfix) {

@@ -18,6 +18,7 @@
 #include "images.h"
 #include "sim_image.h"
 #include "simulator.h"
+#include "test_util.h"
 #include "tool_runner.h"
 
 namespace tarn_apps_test {
@@ -65,12 +66,8 @@ inline std::string DeviceColonPath(const std::string &path) {
   return colon;
 }
 
-inline std::string ReadFile(const fs::path &path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
+using tarn::testing::ReadAll;
+using tarn::testing::WriteAll;
 
 class ToolTest : public ::testing::Test {
  protected:

@@ -149,14 +149,14 @@ TEST_F(ToolTest, FilesMoveBothWaysByteForByteAndFailuresSayWhy) {
   r = Tarn({"push", host("up.bin"), "/Transfer/In"});
   ASSERT_EQ(r.code, 0) << r.err;
   EXPECT_EQ(r.err, "") << "no progress bar off a terminal";
-  EXPECT_EQ(ReadFile(media("/Transfer/In/up.bin")), data);
+  EXPECT_EQ(ReadAll(media("/Transfer/In/up.bin")), data);
 
   r = Tarn({"pull", "/Transfer", host("")});
   ASSERT_EQ(r.code, 0) << r.err;
-  EXPECT_EQ(ReadFile(host("Transfer/In/up.bin")), data);
+  EXPECT_EQ(ReadAll(host("Transfer/In/up.bin")), data);
   r = Tarn({"pull", "/iTunes_Control/Music/F01/BBBB.m4a", host("one.m4a")});
   ASSERT_EQ(r.code, 0) << r.err;
-  EXPECT_EQ(ReadFile(host("one.m4a")), TrackContent(Tracks()[1]));
+  EXPECT_EQ(ReadAll(host("one.m4a")), TrackContent(Tracks()[1]));
   EXPECT_EQ(fs::last_write_time(host("one.m4a")), fs::last_write_time(media("/iTunes_Control/Music/F01/BBBB.m4a")));
 
   r = Tarn({"ls", "-R", "/Transfer"});
@@ -233,7 +233,7 @@ TEST_F(ToolTest, ExportGivesTheLibraryBackUnderReadableNamesWithPlaylistsAndResu
   // Every file under the name a person gave it, with its own bytes and time.
   std::map<std::string, std::string> content_to_name;
   for (const auto &entry : fs::recursive_directory_iterator(out))
-    if (entry.is_regular_file()) content_to_name[ReadFile(entry.path())] = fs::relative(entry.path(), out).string();
+    if (entry.is_regular_file()) content_to_name[ReadAll(entry.path())] = fs::relative(entry.path(), out).string();
   ASSERT_EQ(content_to_name.size(), Tracks().size());
   std::map<std::string, std::string> name_of;  // track id -> exported name
   for (const Track &t : Tracks()) name_of[t.id] = content_to_name[TrackContent(t)];
@@ -250,7 +250,7 @@ TEST_F(ToolTest, ExportGivesTheLibraryBackUnderReadableNamesWithPlaylistsAndResu
   r = Tarn({"export", "music", host("intros"), "--match", "INTRO"});
   ASSERT_EQ(r.code, 0) << r.err;
   for (const char *id : {"t1", "t3"})
-    EXPECT_EQ(ReadFile(fs::path(host("intros")) / name_of[id]), TrackContent(Tracks()[id[1] - '1'])) << id;
+    EXPECT_EQ(ReadAll(fs::path(host("intros")) / name_of[id]), TrackContent(Tracks()[id[1] - '1'])) << id;
   EXPECT_EQ(std::distance(fs::recursive_directory_iterator(host("intros")), fs::recursive_directory_iterator()), 4);
 
   r = Tarn({"export", "playlists", out.string()});
@@ -258,7 +258,7 @@ TEST_F(ToolTest, ExportGivesTheLibraryBackUnderReadableNamesWithPlaylistsAndResu
   EXPECT_EQ(r.out, "5 playlist tracks: 0 copied (0 B), 5 already there, 2 playlists written\n");
   auto members = [&](const std::string &file) {
     std::vector<std::string> paths;
-    const std::vector<std::string> lines = Lines(ReadFile(out / file));
+    const std::vector<std::string> lines = Lines(ReadAll(out / file));
     EXPECT_FALSE(lines.empty()) << file;
     if (!lines.empty()) {
       EXPECT_EQ(lines[0], "#EXTM3U");
@@ -270,7 +270,7 @@ TEST_F(ToolTest, ExportGivesTheLibraryBackUnderReadableNamesWithPlaylistsAndResu
   EXPECT_EQ(members("Road_Trip.m3u8"),
             (std::vector<std::string>{name_of["t4"], name_of["t1"], name_of["t3"], name_of["t2"]}));
   EXPECT_EQ(members("Quiet.m3u8"), (std::vector<std::string>{name_of["t5"], name_of["t3"]}));
-  EXPECT_NE(ReadFile(out / "Road_Trip.m3u8").find("#EXTINF:3723,Orquesta del Sur - AC/DC: Live?\n"),
+  EXPECT_NE(ReadAll(out / "Road_Trip.m3u8").find("#EXTINF:3723,Orquesta del Sur - AC/DC: Live?\n"),
             std::string::npos);
 
   // An interrupted export is finished by running it again: what is there
@@ -280,8 +280,8 @@ TEST_F(ToolTest, ExportGivesTheLibraryBackUnderReadableNamesWithPlaylistsAndResu
   r = Tarn({"export", "music", out.string()});
   ASSERT_EQ(r.code, 0) << r.err;
   EXPECT_EQ(r.out.substr(0, r.out.find('(')), "5 tracks: 2 copied ");
-  EXPECT_EQ(ReadFile(out / name_of["t4"]), TrackContent(Tracks()[3]));
-  EXPECT_EQ(ReadFile(out / name_of["t2"]), TrackContent(Tracks()[1]));
+  EXPECT_EQ(ReadAll(out / name_of["t4"]), TrackContent(Tracks()[3]));
+  EXPECT_EQ(ReadAll(out / name_of["t2"]), TrackContent(Tracks()[1]));
   r = Tarn({"export", "music", out.string()});
   EXPECT_EQ(r.out, "5 tracks: 0 copied (0 B), 5 already there\n");
 
@@ -302,7 +302,7 @@ TEST_F(ToolTest, TheWorkingDirectoryIsPerDeviceAndNeverTrustsAnInterruptedCopy) 
   const fs::path work = fs::path(cache()) / "tarn" / kUdid;
   ASSERT_EQ(Tarn({"list", "music"}).code, 0);
   ASSERT_TRUE(fs::exists(work / "iTunesCDB"));
-  const std::string good = ReadFile(work / "iTunesCDB");
+  const std::string good = ReadAll(work / "iTunesCDB");
 
   // --refresh reads the device afresh, as does a run after an
   // initialisation that never finished.
@@ -310,7 +310,7 @@ TEST_F(ToolTest, TheWorkingDirectoryIsPerDeviceAndNeverTrustsAnInterruptedCopy) 
   Result r = Tarn({"--refresh", "list", "music", "--json"});
   ASSERT_EQ(r.code, 0) << r.err;
   EXPECT_EQ(json::parse(r.out)["item"].size(), Tracks().size());
-  EXPECT_EQ(ReadFile(work / "iTunesCDB"), good);
+  EXPECT_EQ(ReadAll(work / "iTunesCDB"), good);
 
   fs::resize_file(work / "iTunesCDB", 100);
   std::ofstream(work / ".tarn-workdir", std::ios::trunc) << "incomplete\n";
@@ -328,7 +328,7 @@ TEST_F(ToolTest, TheWorkingDirectoryIsPerDeviceAndNeverTrustsAnInterruptedCopy) 
   r = Tarn({"--workdir", mine.string(), "--refresh", "list", "music"});
   EXPECT_EQ(r.code, 8);
   ExpectOneErrorLine(r, "not a tarn working directory");
-  EXPECT_EQ(ReadFile(mine / "notes.txt"), "keep me");
+  EXPECT_EQ(ReadAll(mine / "notes.txt"), "keep me");
 }
 
 }  // namespace

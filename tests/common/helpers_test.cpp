@@ -10,12 +10,14 @@
 
 #include "common/raii.h"
 #include "tarn/tarn_device.h"
+#include "test_util.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using tarn::CString;
 using tarn::PlistPtr;
+using tarn::testing::Console;
 
 std::string DictString(plist_t dict, const char *key) {
   plist_t node = plist_dict_get_item(dict, key);
@@ -177,15 +179,11 @@ TEST(HostFiles, SizesAre64BitAndZeroForMissingFiles) {
 }
 
 TEST(Console, PrintPlistPrintsTheSeparatorAndTheXml) {
-  testing::internal::CaptureStdout();
-  PrintPlist(nullptr);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "..................................\n");
+  EXPECT_EQ(Console([&] { PrintPlist(nullptr); }), "..................................\n");
 
   PlistPtr array(plist_new_array());
   AppendPlistArrayString(array.get(), "abc");
-  testing::internal::CaptureStdout();
-  PrintPlist(array.get());
-  const std::string out = testing::internal::GetCapturedStdout();
+  const std::string out = Console([&] { PrintPlist(array.get()); });
   EXPECT_EQ(out.rfind("..................................\nthe xml_doc:\n <?xml", 0), 0u) << out;
   EXPECT_NE(out.find("<string>abc</string>"), std::string::npos);
 }

@@ -15,9 +15,11 @@
 #include "sim_image.h"
 #include "simulator.h"
 #include "tarn/tarn_device.h"
+#include "test_util.h"
 
 namespace {
 
+using tarn::testing::Console;
 using tarn::testing::ImageEntry;
 using tarn::testing::SimDevice;
 using tarn::testing::Simulator;
@@ -46,9 +48,7 @@ std::vector<std::string> Strings(plist_t array) {
 TEST(DeviceList, ListsAttachedDevicesInOrderAndNullWithoutAny) {
   {
     Simulator none;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(GetDevicesId(), nullptr);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "GetDevicesId\n");
+    EXPECT_EQ(Console([&] { EXPECT_EQ(GetDevicesId(), nullptr); }), "GetDevicesId\n");
   }
   TempDir dir;
   Simulator sim({{MakeImage(dir, "a"), kFirst, {}}, {MakeImage(dir, "b"), kSecond, {}}});

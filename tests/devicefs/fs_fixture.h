@@ -18,6 +18,7 @@
 
 #include "sim_image.h"
 #include "simulator.h"
+#include "test_util.h"
 #include "tarn/tarn_device.h"
 
 namespace tarn_fs_test {
@@ -34,15 +35,9 @@ inline std::string Bytes(size_t n, unsigned seed = 7) {
   return s;
 }
 
-inline std::string ReadAll(const fs::path &p) {
-  std::ifstream in(p, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-inline void WriteAll(const fs::path &p, const std::string &bytes) {
-  fs::create_directories(p.parent_path());
-  std::ofstream(p, std::ios::binary) << bytes;
-}
+using tarn::testing::Console;
+using tarn::testing::ReadAll;
+using tarn::testing::WriteAll;
 
 // <root>/media is the device's file-conduit root; <root>/host is scratch
 // space on the host side.
@@ -84,13 +79,7 @@ class DeviceFsTest : public ::testing::Test {
     device = CreatePodDevice(kUdid);
   }
 
-  // Nothing of a call may outlive it on the device.
-  void ExpectIdle(const std::string &after) {
-    const tarn::testing::SimStats s = sim->idle_stats(kUdid);
-    EXPECT_EQ(s.connections_open, 0) << "connection left open after " << after;
-    EXPECT_EQ(s.files_open, 0) << "file handle left open after " << after;
-    EXPECT_EQ(s.locks_held, 0) << "lock left held after " << after;
-  }
+  void ExpectIdle(const std::string &after) { tarn::testing::ExpectIdle(*sim, kUdid, after); }
 
   // The requests of the simulator's log whose op is one of ops.
   std::vector<tarn::testing::SimRequest> Log(const std::vector<std::string> &ops) {

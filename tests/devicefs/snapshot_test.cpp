@@ -42,9 +42,7 @@ class SnapshotTest : public DeviceFsTest {
     return root;
   }
   void Free(PodDir *root) {
-    testing::internal::CaptureStdout();
-    FreePodDir(root, 1, root);
-    testing::internal::GetCapturedStdout();
+    Console([&] { FreePodDir(root, 1, root); });
   }
 };
 
@@ -119,9 +117,7 @@ TEST_F(SnapshotTest, FreeWithAndWithoutTheDirectoryItself) {
   BuildTree();
   Start();
   PodDir *root = Snap("/s", 0);
-  testing::internal::CaptureStdout();
-  FreePodDir(root, 0, root);
-  const std::string out = testing::internal::GetCapturedStdout();
+  const std::string out = Console([&] { FreePodDir(root, 0, root); });
   // Subdirectories first, then the files of each directory; the root's
   // two files come in the device's order.
   const std::string deep =
@@ -137,9 +133,7 @@ TEST_F(SnapshotTest, FreeWithAndWithoutTheDirectoryItself) {
   EXPECT_EQ(root->first_file, nullptr);
   EXPECT_STREQ(root->path, "/s");
   // Freeing it with flag 1 releases the rest (LeakSanitizer checks).
-  testing::internal::CaptureStdout();
-  FreePodDir(root, 1, root);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+  EXPECT_EQ(Console([&] { FreePodDir(root, 1, root); }), "");
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -59,11 +60,9 @@ inline std::string TrackContent(const Track &t) {
   return text;
 }
 
-inline std::string DeviceColonPath(const std::string &path) {
-  std::string colon = path;
-  for (auto &c : colon)
-    if (c == '/') c = ':';
-  return colon;
+inline std::string DeviceColonPath(std::string path) {
+  std::replace(path.begin(), path.end(), '/', ':');
+  return path;
 }
 
 using tarn::testing::ReadAll;
@@ -94,9 +93,10 @@ class ToolTest : public ::testing::Test {
     return d;
   }
 
-  // Builds the image and starts the simulator with it.
+  // Builds the image, starts the simulator with it and makes the host side.
   void SetUp() override {
     tarn::testing::build_image(Description(), image());
+    fs::create_directories(host(""));
     sim = std::make_unique<tarn::testing::Simulator>(
         std::vector<tarn::testing::SimDevice>{{image(), kUdid, {}}});
   }

@@ -45,14 +45,6 @@ class ProtocolTest : public ::testing::Test {
   std::unique_ptr<Simulator> sim;
 };
 
-std::string string_value(plist_t node) {
-  char* s = nullptr;
-  if (node && plist_get_node_type(node) == PLIST_STRING) plist_get_string_val(node, &s);
-  std::string out = s ? s : "";
-  free(s);
-  return out;
-}
-
 TEST_F(ProtocolTest, ToolsListAndDescribeDevices) {
   int status = -1;
   std::string ids = run_command("idevice_id -l", &status);
@@ -93,13 +85,13 @@ TEST_F(ProtocolTest, GetValueAnswersWhatTheDescriptionHolds) {
     plist_t v = nullptr;
     EXPECT_EQ(lockdownd_get_value(ld, c.domain, c.key, &v), c.want) << (c.key ? c.key : c.domain);
     if (c.value) {
-      EXPECT_EQ(string_value(v), c.value);
+      EXPECT_EQ(PlistJson(v), c.value);
     }
     plist_free(v);
   }
   plist_t all = nullptr;
   ASSERT_EQ(lockdownd_get_value(ld, nullptr, nullptr, &all), LOCKDOWN_E_SUCCESS);
-  EXPECT_EQ(string_value(plist_dict_get_item(all, "ProductVersion")), "12.4");
+  EXPECT_EQ(PlistJson(plist_dict_get_item(all, "ProductVersion")), "12.4");
   EXPECT_EQ(plist_dict_get_size(all), 3u);  // name, version and the identifier only
   plist_free(all);
 

@@ -4,8 +4,10 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <plist/plist.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
@@ -104,6 +106,19 @@ class ScopedTimeZone {
   std::string saved_;
   bool had_ = false;
 };
+
+// Runs a shell command, killed after `seconds`; gives its standard output
+// and error, and its exit status through `status` (-1 when it did not exit).
+inline std::string run_command(const std::string &cmd, int *status = nullptr, int seconds = 30) {
+  std::string out;
+  FILE *f = ::popen(("timeout " + std::to_string(seconds) + " " + cmd + " 2>&1").c_str(), "r");
+  if (!f) return out;
+  char buf[4096];
+  while (size_t n = fread(buf, 1, sizeof buf, f)) out.append(buf, n);
+  const int st = ::pclose(f);
+  if (status) *status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+  return out;
+}
 
 // Nothing of a call may outlive it on the device.
 inline void ExpectIdle(Simulator &sim, const std::string &udid, const std::string &after) {

@@ -1,14 +1,17 @@
 // The simulator as libimobiledevice and its tools see it: device list,
-// lockdown values, services and attach/detach events.
+// lockdown values, services, attach/detach events, clients served side by side.
 #include <gtest/gtest.h>
 #include <libimobiledevice/libimobiledevice.h>
 #include <libimobiledevice/lockdown.h>
 #include <plist/plist.h>
 
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <cstring>
 #include <mutex>
 #include <thread>
 
@@ -135,6 +138,42 @@ TEST_F(ProtocolTest, ListenReportsAttachAndDetach) {
   EXPECT_EQ(events[2], std::make_pair(static_cast<int>(IDEVICE_DEVICE_REMOVE), std::string("second-device")));
   EXPECT_EQ(events[3], std::make_pair(static_cast<int>(IDEVICE_DEVICE_ADD), std::string("third")));
 
+}
+
+// Many clients at once: nobody waits for anybody else.
+TEST_F(ProtocolTest, StalledAndSlowClientsDelayNobodyElse) {
+  // A client that sends half a message and then goes quiet.
+  int raw = ::socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  std::strncpy(addr.sun_path, sim->socket_path().c_str(), sizeof addr.sun_path - 1);
+  ASSERT_EQ(::connect(raw, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+  ASSERT_EQ(::send(raw, "\x40\x00\x00", 3, 0), 3);
+
+  // A client of the slow device is busy in a request...
+  AfcClient slow_client("second-device");
+  ASSERT_TRUE(slow_client.ok());
+  sim->set_option("second-device", "latency_us", "3000000");
+  std::atomic<bool> slow_done{false};
+  std::thread busy([&] {
+    slow_client.file_info("/");
+    slow_done = true;
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+
+  // ...while the fast device serves a client from start to end.
+  {
+    AfcClient c(kUdid);
+    ASSERT_TRUE(c.ok()) << c.error;
+    std::string back;
+    EXPECT_EQ(c.put("/w", std::string(256 * 1024, 'w')), AFC_E_SUCCESS);
+    EXPECT_EQ(c.get("/w", back), AFC_E_SUCCESS);
+    EXPECT_EQ(back.size(), 256u * 1024);
+  }
+  EXPECT_FALSE(slow_done.load()) << "the fast client waited for the slow one";
+  busy.join();
+  ::close(raw);
+  EXPECT_EQ(sim->stats(kUdid).connections_open, 0);
 }
 
 TEST(DevsimProcess, StopsCleanlyOnSignals) {

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -38,6 +39,13 @@ inline std::string Bytes(size_t n, unsigned seed = 7) {
 using tarn::testing::Console;
 using tarn::testing::ReadAll;
 using tarn::testing::WriteAll;
+
+// The level of the deepest directory a snapshot recorded.
+inline int Depth(const PodDir *d) {
+  int deepest = d->level;
+  for (const PodDir *s = d->first_dir; s; s = s->next_dir) deepest = std::max(deepest, Depth(s));
+  return deepest;
+}
 
 // <root>/media is the device's file-conduit root; <root>/host is scratch
 // space on the host side.

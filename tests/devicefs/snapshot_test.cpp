@@ -19,12 +19,6 @@ std::vector<std::string> FileNames(const PodDir *d) {
   return out;
 }
 
-int Depth(const PodDir *d) {
-  int deepest = d->level;
-  for (const PodDir *s = d->first_dir; s; s = s->next_dir) deepest = std::max(deepest, Depth(s));
-  return deepest;
-}
-
 class SnapshotTest : public DeviceFsTest {
  protected:
   // /s: f1 f2 d1/{g1 d2/{g2 d3/{g3}}}
@@ -36,9 +30,8 @@ class SnapshotTest : public DeviceFsTest {
     image.File("/s/d1/d2/d3/g3", "55555");
   }
   PodDir *Snap(const char *path, uint32_t max_level) {
-    testing::internal::CaptureStdout();
-    PodDir *root = GetPodDir(device, path, max_level);
-    testing::internal::GetCapturedStdout();
+    PodDir *root = nullptr;
+    Console([&] { root = GetPodDir(device, path, max_level); });
     return root;
   }
   void Free(PodDir *root) {

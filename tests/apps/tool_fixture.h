@@ -19,13 +19,24 @@
 #include "images.h"
 #include "sim_image.h"
 #include "simulator.h"
+#include "child_process.h"
 #include "test_util.h"
-#include "tool_runner.h"
 
 namespace tarn_apps_test {
 
 namespace fs = std::filesystem;
 using json = nlohmann::ordered_json;
+
+// The tarn tool run with `args`.
+class ToolProcess : public tarn::testing::ChildProcess {
+ public:
+  ToolProcess(std::vector<std::string> args, const std::map<std::string, std::string> &env)
+      : ChildProcess((args.insert(args.begin(), TARN_TOOL_PATH), args), env) {}
+};
+
+inline tarn::testing::Result RunTool(const std::vector<std::string> &args, const std::map<std::string, std::string> &env) {
+  return ToolProcess(args, env).Wait();
+}
 
 inline constexpr const char *kUdid = "00008030-00A11CE000000001";
 inline constexpr int64_t kTrackTime = 1650000000;  // the device's modification time of every track file
@@ -66,6 +77,7 @@ inline std::string DeviceColonPath(std::string path) {
 }
 
 using tarn::testing::ReadAll;
+using tarn::testing::Result;
 using tarn::testing::WriteAll;
 
 class ToolTest : public ::testing::Test {

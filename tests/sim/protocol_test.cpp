@@ -184,7 +184,7 @@ TEST(DevsimProcess, StopsCleanlyOnSignals) {
     // Started in the background and signalled once it says it is ready; its
     // exit status, its first line and any socket it left behind.
     const std::string script = std::string(TARN_DEVSIM_PATH) + " --socket " + sock + " --device " + img.path() +
-                               ",udid=x >" + out + " & pid=$!; until grep -q ready " + out + "; do sleep 0.01; done; " +
+                               ",udid=x >" + out + " & pid=$!; until grep -qs ready " + out + "; do sleep 0.01; done; " +
                                "test -e " + sock + " && test -e " + sock + ".ctl || echo sockets missing; kill -" +
                                sig + " $pid; wait $pid; echo exit $?; cat " + out + "; for f in " + sock + " " + sock +
                                ".ctl; do test -e $f && echo left $f; done; true";

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -18,12 +19,24 @@
 #include "images.h"
 #include "sim_image.h"
 #include "simulator.h"
-#include "tool_runner.h"
+#include "child_process.h"
+#include "test_util.h"
 
 namespace tarn_apps_test {
 
 namespace fs = std::filesystem;
 using json = nlohmann::ordered_json;
+
+// The tarn tool run with `args`.
+class ToolProcess : public tarn::testing::ChildProcess {
+ public:
+  ToolProcess(std::vector<std::string> args, const std::map<std::string, std::string> &env)
+      : ChildProcess((args.insert(args.begin(), TARN_TOOL_PATH), args), env) {}
+};
+
+inline tarn::testing::Result RunTool(const std::vector<std::string> &args, const std::map<std::string, std::string> &env) {
+  return ToolProcess(args, env).Wait();
+}
 
 inline constexpr const char *kUdid = "00008030-00A11CE000000001";
 inline constexpr int64_t kTrackTime = 1650000000;  // the device's modification time of every track file
@@ -58,19 +71,14 @@ inline std::string TrackContent(const Track &t) {
   return text;
 }
 
-inline std::string DeviceColonPath(const std::string &path) {
-  std::string colon = path;
-  for (auto &c : colon)
-    if (c == '/') c = ':';
-  return colon;
+inline std::string DeviceColonPath(std::string path) {
+  std::replace(path.begin(), path.end(), '/', ':');
+  return path;
 }
 
-inline std::string ReadFile(const fs::path &path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
+using tarn::testing::ReadAll;
+using tarn::testing::Result;
+using tarn::testing::WriteAll;
 
 class ToolTest : public ::testing::Test {
  protected:
@@ -97,9 +105,10 @@ class ToolTest : public ::testing::Test {
     return d;
   }
 
-  // Builds the image and starts the simulator with it.
+  // Builds the image, starts the simulator with it and makes the host side.
   void SetUp() override {
     tarn::testing::build_image(Description(), image());
+    fs::create_directories(host(""));
     sim = std::make_unique<tarn::testing::Simulator>(
         std::vector<tarn::testing::SimDevice>{{image(), kUdid, {}}});
   }

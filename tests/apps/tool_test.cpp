@@ -15,12 +15,16 @@ void ExpectOneErrorLine(const Result &r, const std::string &fragment) {
   EXPECT_NE(r.err.find(fragment), std::string::npos) << r.err;
 }
 
-std::vector<std::string> Lines(const std::string &text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) lines.push_back(line);
-  return lines;
+void ExpectFailure(const Result &r, int code, const std::string &fragment) {
+  EXPECT_EQ(r.code, code) << r.err;
+  ExpectOneErrorLine(r, fragment);
 }
+
+struct Failure {
+  std::vector<std::string> args;
+  int code;
+  const char *fragment;
+};
 
 TEST(ToolCommandLine, HelpAndVersionAnswerOnEveryLevelAndMistakesAreUsageErrors) {
   const std::map<std::string, std::string> env = {{"USBMUXD_SOCKET_ADDRESS", "UNIX:/nonexistent/socket"}};
@@ -36,57 +40,42 @@ TEST(ToolCommandLine, HelpAndVersionAnswerOnEveryLevelAndMistakesAreUsageErrors)
     EXPECT_EQ(r.code, 0);
     EXPECT_EQ(r.out.rfind("tarn ", 0), 0u) << r.out;
   }
-  struct Case {
-    std::vector<std::string> args;
-    const char *fragment;
-  };
-  for (const Case &c : std::vector<Case>{{{"frobnicate"}, "unknown command"},
-                                         {{"ls", "--bogus"}, "unknown option --bogus"},
-                                         {{"pull", "/a"}, "missing arguments"},
-                                         {{"list", "music", "--json", "--xml"}, "exclude"},
-                                         {{"list", "videos"}, "unknown kind"},
-                                         {{"-u"}, "needs a value"}}) {
+  for (const Failure &c : std::vector<Failure>{{{"frobnicate"}, 2, "unknown command"},
+                                               {{"ls", "--bogus"}, 2, "unknown option --bogus"},
+                                               {{"pull", "/a"}, 2, "missing arguments"},
+                                               {{"list", "music", "--json", "--xml"}, 2, "exclude"},
+                                               {{"list", "videos"}, 2, "unknown kind"},
+                                               {{"-u"}, 2, "needs a value"}}) {
     const Result r = RunTool(c.args, env);
-    EXPECT_EQ(r.code, 2) << c.args[0];
-    ExpectOneErrorLine(r, c.fragment);
-    EXPECT_EQ(r.out, "");
+    ExpectFailure(r, c.code, c.fragment);
+    EXPECT_EQ(r.out, "") << c.args[0];
   }
 }
 
 TEST_F(ToolTest, EachWayOfNotReachingADeviceHasItsOwnExitCode) {
   {
     tarn::testing::Simulator none({}, false);
-    const Result r = RunTool({"info"}, {{"USBMUXD_SOCKET_ADDRESS", none.env_value()}, {"XDG_CACHE_HOME", cache()}});
-    EXPECT_EQ(r.code, 3);
-    ExpectOneErrorLine(r, "no device attached");
+    ExpectFailure(RunTool({"info"}, {{"USBMUXD_SOCKET_ADDRESS", none.env_value()}, {"XDG_CACHE_HOME", cache()}}), 3,
+                  "no device attached");
   }
-  Result r = Tarn({"-u", "0000-NOT-THERE", "ls", "/"});
-  EXPECT_EQ(r.code, 4);
-  ExpectOneErrorLine(r, "0000-NOT-THERE not found");
+  ExpectFailure(Tarn({"-u", "0000-NOT-THERE", "ls", "/"}), 4, "0000-NOT-THERE not found");
 
   tarn::testing::TempDir second;
   tarn::testing::make_sim_image(second.path(), {});
   sim->attach({second.path(), "00008030-00A11CE000000002", {}});
-  r = Tarn({"ls", "/"});
-  EXPECT_EQ(r.code, 5);
-  ExpectOneErrorLine(r, "-u");
-  r = Tarn({"devices"});
+  ExpectFailure(Tarn({"ls", "/"}), 5, "-u");
+  Result r = Tarn({"devices"});
   EXPECT_EQ(r.code, 0) << r.err;
   EXPECT_NE(r.out.find(std::string(kUdid) + "  Test Phone\n"), std::string::npos) << r.out;
   EXPECT_NE(r.out.find("00008030-00A11CE000000002"), std::string::npos) << r.out;
   sim->detach("00008030-00A11CE000000002");
 
   sim->set_option(kUdid, "refuse_handshake", "1");
-  for (const auto &args : {std::vector<std::string>{"ls", "/"}, {"list", "music"}}) {
-    r = Tarn(args);
-    EXPECT_EQ(r.code, 6) << args[0];
-    ExpectOneErrorLine(r, "cannot reach device");
-  }
+  for (const auto &args : {std::vector<std::string>{"ls", "/"}, {"list", "music"}})
+    ExpectFailure(Tarn(args), 6, "cannot reach device");
   sim->clear_faults(kUdid);
   sim->set_option(kUdid, "refuse_afc", "1");
-  r = Tarn({"info"});
-  EXPECT_EQ(r.code, 6);
-  ExpectOneErrorLine(r, "cannot reach device");
+  ExpectFailure(Tarn({"info"}), 6, "cannot reach device");
 }
 
 TEST_F(ToolTest, ListingsReadForPeopleAndForScriptsWithoutTheLibrarysConsoleLines) {
@@ -139,24 +128,23 @@ TEST_F(ToolTest, ListingsReadForPeopleAndForScriptsWithoutTheLibrarysConsoleLine
 }
 
 TEST_F(ToolTest, FilesMoveBothWaysByteForByteAndFailuresSayWhy) {
-  fs::create_directories(host(""));
   std::string data(300000, '\0');
   for (size_t i = 0; i < data.size(); ++i) data[i] = tarn::testing::sim_pattern(i);
-  std::ofstream(host("up.bin"), std::ios::binary) << data;
+  WriteAll(host("up.bin"), data);
 
   Result r = Tarn({"mkdir", "-p", "/Transfer/In"});
   ASSERT_EQ(r.code, 0) << r.err;
   r = Tarn({"push", host("up.bin"), "/Transfer/In"});
   ASSERT_EQ(r.code, 0) << r.err;
   EXPECT_EQ(r.err, "") << "no progress bar off a terminal";
-  EXPECT_EQ(ReadFile(media("/Transfer/In/up.bin")), data);
+  EXPECT_EQ(ReadAll(media("/Transfer/In/up.bin")), data);
 
   r = Tarn({"pull", "/Transfer", host("")});
   ASSERT_EQ(r.code, 0) << r.err;
-  EXPECT_EQ(ReadFile(host("Transfer/In/up.bin")), data);
+  EXPECT_EQ(ReadAll(host("Transfer/In/up.bin")), data);
   r = Tarn({"pull", "/iTunes_Control/Music/F01/BBBB.m4a", host("one.m4a")});
   ASSERT_EQ(r.code, 0) << r.err;
-  EXPECT_EQ(ReadFile(host("one.m4a")), TrackContent(Tracks()[1]));
+  EXPECT_EQ(ReadAll(host("one.m4a")), TrackContent(Tracks()[1]));
   EXPECT_EQ(fs::last_write_time(host("one.m4a")), fs::last_write_time(media("/iTunes_Control/Music/F01/BBBB.m4a")));
 
   r = Tarn({"ls", "-R", "/Transfer"});
@@ -171,12 +159,7 @@ TEST_F(ToolTest, FilesMoveBothWaysByteForByteAndFailuresSayWhy) {
   ASSERT_EQ(Tarn({"mv", "/Transfer/In/up.bin", "/Transfer/moved.bin"}).code, 0);
   EXPECT_TRUE(fs::exists(media("/Transfer/moved.bin")));
 
-  struct Case {
-    std::vector<std::string> args;
-    int code;
-    const char *fragment;
-  };
-  for (const Case &c : std::vector<Case>{
+  for (const Failure &c : std::vector<Failure>{
            {{"pull", "/no/such/file", host("x")}, 7, "/no/such/file: no such file"},
            {{"ls", "/nowhere"}, 7, "no such file or directory on the device"},
            {{"push", host("missing.bin"), "/Transfer"}, 8, "no such file"},
@@ -187,9 +170,10 @@ TEST_F(ToolTest, FilesMoveBothWaysByteForByteAndFailuresSayWhy) {
            {{"mv", "/Transfer/moved.bin", "/Transfer/In"}, 0, ""},
            {{"rm", "/Transfer"}, 1, "not empty (use rm -r)"},
        }) {
+    SCOPED_TRACE(c.args[0] + " " + c.args[1]);
     r = Tarn(c.args);
-    EXPECT_EQ(r.code, c.code) << c.args[0] << " " << c.args[1] << ": " << r.err;
-    if (c.code != 0) ExpectOneErrorLine(r, c.fragment);
+    if (c.code != 0) ExpectFailure(r, c.code, c.fragment);
+    else EXPECT_EQ(r.code, 0) << r.err;
   }
   EXPECT_TRUE(fs::exists(media("/Transfer/In/moved.bin")));
   ASSERT_EQ(Tarn({"rm", "-r", "/Transfer"}).code, 0);
@@ -198,7 +182,6 @@ TEST_F(ToolTest, FilesMoveBothWaysByteForByteAndFailuresSayWhy) {
 
 TEST_F(ToolTest, CtrlCCancelsAPullKeepingNothingAndReleasingTheDevice) {
   tarn::testing::make_sim_image(image(), {tarn::testing::ImageEntry::patterned("Big/big.bin", 4 << 20)});
-  fs::create_directories(host(""));
   // 64 blocks at 40 ms each: seconds of transfer to interrupt.
   sim->set_option(kUdid, "latency_us", "40000");
   ToolProcess tool({"pull", "/Big/big.bin", host("big.bin")}, Env());
@@ -212,16 +195,12 @@ TEST_F(ToolTest, CtrlCCancelsAPullKeepingNothingAndReleasingTheDevice) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   ASSERT_GE(partial(), 256u << 10) << "the pull never started: " << tool.Poll().err;
   tool.Signal(SIGINT);
-  const Result r = tool.Wait();
-  EXPECT_EQ(r.code, 130);
-  ExpectOneErrorLine(r, "cancelled");
+  ExpectFailure(tool.Wait(), 130, "cancelled");
   EXPECT_FALSE(fs::exists(host("big.bin")));
   EXPECT_FALSE(fs::exists(host("big.bin.tarn-part")));
   sim->set_option(kUdid, "latency_us", "0");
-  const tarn::testing::SimStats stats = sim->idle_stats(kUdid);
-  EXPECT_EQ(stats.files_open, 0);
-  EXPECT_EQ(stats.locks_held, 0);
-  EXPECT_LT(stats.total("FileRead"), 60u) << "the transfer stopped early";
+  tarn::testing::ExpectIdle(*sim, kUdid, "a cancelled pull");
+  EXPECT_LT(sim->stats(kUdid).total("FileRead"), 60u) << "the transfer stopped early";
 }
 
 TEST_F(ToolTest, ExportGivesTheLibraryBackUnderReadableNamesWithPlaylistsAndResumes) {
@@ -233,7 +212,7 @@ TEST_F(ToolTest, ExportGivesTheLibraryBackUnderReadableNamesWithPlaylistsAndResu
   // Every file under the name a person gave it, with its own bytes and time.
   std::map<std::string, std::string> content_to_name;
   for (const auto &entry : fs::recursive_directory_iterator(out))
-    if (entry.is_regular_file()) content_to_name[ReadFile(entry.path())] = fs::relative(entry.path(), out).string();
+    if (entry.is_regular_file()) content_to_name[ReadAll(entry.path())] = fs::relative(entry.path(), out).string();
   ASSERT_EQ(content_to_name.size(), Tracks().size());
   std::map<std::string, std::string> name_of;  // track id -> exported name
   for (const Track &t : Tracks()) name_of[t.id] = content_to_name[TrackContent(t)];
@@ -250,7 +229,7 @@ TEST_F(ToolTest, ExportGivesTheLibraryBackUnderReadableNamesWithPlaylistsAndResu
   r = Tarn({"export", "music", host("intros"), "--match", "INTRO"});
   ASSERT_EQ(r.code, 0) << r.err;
   for (const char *id : {"t1", "t3"})
-    EXPECT_EQ(ReadFile(fs::path(host("intros")) / name_of[id]), TrackContent(Tracks()[id[1] - '1'])) << id;
+    EXPECT_EQ(ReadAll(fs::path(host("intros")) / name_of[id]), TrackContent(Tracks()[id[1] - '1'])) << id;
   EXPECT_EQ(std::distance(fs::recursive_directory_iterator(host("intros")), fs::recursive_directory_iterator()), 4);
 
   r = Tarn({"export", "playlists", out.string()});
@@ -258,19 +237,17 @@ TEST_F(ToolTest, ExportGivesTheLibraryBackUnderReadableNamesWithPlaylistsAndResu
   EXPECT_EQ(r.out, "5 playlist tracks: 0 copied (0 B), 5 already there, 2 playlists written\n");
   auto members = [&](const std::string &file) {
     std::vector<std::string> paths;
-    const std::vector<std::string> lines = Lines(ReadFile(out / file));
-    EXPECT_FALSE(lines.empty()) << file;
-    if (!lines.empty()) {
-      EXPECT_EQ(lines[0], "#EXTM3U");
-    }
-    for (const auto &line : lines)
+    std::istringstream in(ReadAll(out / file));
+    std::string line;
+    EXPECT_TRUE(std::getline(in, line) && line == "#EXTM3U") << file;
+    while (std::getline(in, line))
       if (!line.empty() && line[0] != '#') paths.push_back(line);
     return paths;
   };
   EXPECT_EQ(members("Road_Trip.m3u8"),
             (std::vector<std::string>{name_of["t4"], name_of["t1"], name_of["t3"], name_of["t2"]}));
   EXPECT_EQ(members("Quiet.m3u8"), (std::vector<std::string>{name_of["t5"], name_of["t3"]}));
-  EXPECT_NE(ReadFile(out / "Road_Trip.m3u8").find("#EXTINF:3723,Orquesta del Sur - AC/DC: Live?\n"),
+  EXPECT_NE(ReadAll(out / "Road_Trip.m3u8").find("#EXTINF:3723,Orquesta del Sur - AC/DC: Live?\n"),
             std::string::npos);
 
   // An interrupted export is finished by running it again: what is there
@@ -280,8 +257,8 @@ TEST_F(ToolTest, ExportGivesTheLibraryBackUnderReadableNamesWithPlaylistsAndResu
   r = Tarn({"export", "music", out.string()});
   ASSERT_EQ(r.code, 0) << r.err;
   EXPECT_EQ(r.out.substr(0, r.out.find('(')), "5 tracks: 2 copied ");
-  EXPECT_EQ(ReadFile(out / name_of["t4"]), TrackContent(Tracks()[3]));
-  EXPECT_EQ(ReadFile(out / name_of["t2"]), TrackContent(Tracks()[1]));
+  EXPECT_EQ(ReadAll(out / name_of["t4"]), TrackContent(Tracks()[3]));
+  EXPECT_EQ(ReadAll(out / name_of["t2"]), TrackContent(Tracks()[1]));
   r = Tarn({"export", "music", out.string()});
   EXPECT_EQ(r.out, "5 tracks: 0 copied (0 B), 5 already there\n");
 
@@ -292,17 +269,15 @@ TEST_F(ToolTest, ExportGivesTheLibraryBackUnderReadableNamesWithPlaylistsAndResu
   EXPECT_EQ(r.code, 0);
   EXPECT_NE(r.err.find("EEEE.mp3 is listed in the catalogue but missing"), std::string::npos) << r.err;
 
-  std::ofstream(host("a-file")) << "x";
-  r = Tarn({"export", "music", host("a-file/x")});
-  EXPECT_EQ(r.code, 8);
-  ExpectOneErrorLine(r, "cannot write to");
+  WriteAll(host("a-file"), "x");
+  ExpectFailure(Tarn({"export", "music", host("a-file/x")}), 8, "cannot write to");
 }
 
 TEST_F(ToolTest, TheWorkingDirectoryIsPerDeviceAndNeverTrustsAnInterruptedCopy) {
   const fs::path work = fs::path(cache()) / "tarn" / kUdid;
   ASSERT_EQ(Tarn({"list", "music"}).code, 0);
   ASSERT_TRUE(fs::exists(work / "iTunesCDB"));
-  const std::string good = ReadFile(work / "iTunesCDB");
+  const std::string good = ReadAll(work / "iTunesCDB");
 
   // --refresh reads the device afresh, as does a run after an
   // initialisation that never finished.
@@ -310,7 +285,7 @@ TEST_F(ToolTest, TheWorkingDirectoryIsPerDeviceAndNeverTrustsAnInterruptedCopy) 
   Result r = Tarn({"--refresh", "list", "music", "--json"});
   ASSERT_EQ(r.code, 0) << r.err;
   EXPECT_EQ(json::parse(r.out)["item"].size(), Tracks().size());
-  EXPECT_EQ(ReadFile(work / "iTunesCDB"), good);
+  EXPECT_EQ(ReadAll(work / "iTunesCDB"), good);
 
   fs::resize_file(work / "iTunesCDB", 100);
   std::ofstream(work / ".tarn-workdir", std::ios::trunc) << "incomplete\n";
@@ -320,15 +295,12 @@ TEST_F(ToolTest, TheWorkingDirectoryIsPerDeviceAndNeverTrustsAnInterruptedCopy) 
   // --workdir takes the user's directory as it is and never empties one
   // the tool did not set up.
   const fs::path mine = host("mine");
-  fs::create_directories(mine);
-  std::ofstream(mine / "notes.txt") << "keep me";
+  WriteAll(mine / "notes.txt", "keep me");
   r = Tarn({"--workdir", mine.string(), "list", "music", "--json"});
   ASSERT_EQ(r.code, 0) << r.err;
   EXPECT_TRUE(fs::exists(mine / "iTunesCDB"));
-  r = Tarn({"--workdir", mine.string(), "--refresh", "list", "music"});
-  EXPECT_EQ(r.code, 8);
-  ExpectOneErrorLine(r, "not a tarn working directory");
-  EXPECT_EQ(ReadFile(mine / "notes.txt"), "keep me");
+  ExpectFailure(Tarn({"--workdir", mine.string(), "--refresh", "list", "music"}), 8, "not a tarn working directory");
+  EXPECT_EQ(ReadAll(mine / "notes.txt"), "keep me");
 }
 
 }  // namespace

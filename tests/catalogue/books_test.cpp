@@ -46,9 +46,7 @@ TEST_F(CatalogueTest, BookCataloguesInBothPlistFormsListEveryBook) {
 class BookListTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ::testing::internal::CaptureStdout();
-    device = CreatePodDevice(kUdid);
-    ::testing::internal::GetCapturedStdout();
+    Console([&] { device = CreatePodDevice(kUdid); });
     device->hostDir = strdup(dir.path().c_str());
   }
   void TearDown() override { FreePodDevice(device); }
@@ -115,9 +113,7 @@ TEST_F(BookListTest, TheWalkReadsAtMostTwoCataloguesAndKeepsAnEmptyArray) {
 
   plist_free(device->dbInfo);
   device->dbInfo = plist_new_dict();
-  ::testing::internal::CaptureStdout();
-  EXPECT_EQ(GetBookList(device, 0, 0), nullptr);
-  EXPECT_EQ(::testing::internal::GetCapturedStdout(), "GetBookList\n") << "no book database: null";
+  EXPECT_EQ(Console([&] { EXPECT_EQ(GetBookList(device, 0, 0), nullptr); }), "GetBookList\n") << "no book database: null";
 }
 
 TEST_F(BookListTest, ReadersGiveNullForWhatIsNoCatalogue) {

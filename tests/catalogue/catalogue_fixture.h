@@ -15,12 +15,15 @@
 #include "images.h"
 #include "sim_image.h"
 #include "simulator.h"
+#include "test_util.h"
 #include "tarn/tarn_device.h"
 
 namespace tarn_catalogue_test {
 
 namespace fs = std::filesystem;
 using json = nlohmann::ordered_json;
+using tarn::testing::Console;
+using tarn::testing::ReadAll;
 
 inline constexpr const char *kUdid = "00008030-00CA7A10C0000001";
 
@@ -31,44 +34,21 @@ using Plist = std::unique_ptr<void, PlistFree>;
 
 // A property list as compact JSON-like text, for comparisons that print
 // what differed.
-inline std::string Text(plist_t node) {
-  if (node == nullptr) return "null";
-  switch (plist_get_node_type(node)) {
-    case PLIST_DICT: {
-      std::string s = "{";
-      plist_dict_iter it = nullptr;
-      plist_dict_new_iter(node, &it);
-      for (;;) {
-        char *key = nullptr;
-        plist_t v = nullptr;
-        plist_dict_next_item(node, it, &key, &v);
-        if (!key) break;
-        s += std::string(s.size() > 1 ? "," : "") + key + ":" + Text(v);
-        free(key);
-      }
-      free(it);
-      return s + "}";
-    }
-    case PLIST_ARRAY: {
-      std::string s = "[";
-      for (uint32_t i = 0; i < plist_array_get_size(node); ++i) s += (i ? "," : "") + Text(plist_array_get_item(node, i));
-      return s + "]";
-    }
-    case PLIST_UINT: {
-      uint64_t v = 0;
-      plist_get_uint_val(node, &v);
-      return std::to_string(v);
-    }
-    case PLIST_STRING: {
-      char *v = nullptr;
-      plist_get_string_val(node, &v);
-      std::string s = "\"" + std::string(v ? v : "") + "\"";
-      free(v);
-      return s;
-    }
-    default: return "?";
+inline std::string Text(const json &j) {
+  std::string s;
+  if (j.is_object()) {
+    for (const auto &[key, value] : j.items()) s += (s.empty() ? "{" : ",") + key + ":" + Text(value);
+    return s.empty() ? "{}" : s + "}";
   }
+  if (j.is_array()) {
+    for (const auto &value : j) s += (s.empty() ? "[" : ",") + Text(value);
+    return s.empty() ? "[]" : s + "]";
+  }
+  if (j.is_number_unsigned()) return std::to_string(j.get<uint64_t>());
+  if (j.is_string()) return "\"" + j.get<std::string>() + "\"";
+  return "?";
 }
+inline std::string Text(plist_t node) { return node ? Text(tarn::testing::PlistJson(node)) : "null"; }
 
 inline uint64_t Uint(plist_t dict, const char *key) {
   uint64_t v = 0;
@@ -94,27 +74,8 @@ inline std::vector<std::string> Column(plist_t result, const char *key) {
 
 // Local time nine hours east of UTC for the life of the object, without
 // depending on the host's zone database.
-class FixedZone {
- public:
-  FixedZone() {
-    if (const char *old = std::getenv("TZ")) {
-      saved_ = old;
-      had_ = true;
-    }
-    setenv("TZ", "XYZ-9", 1);
-    tzset();
-  }
-  ~FixedZone() {
-    if (had_) setenv("TZ", saved_.c_str(), 1);
-    else unsetenv("TZ");
-    tzset();
-  }
-  FixedZone(const FixedZone &) = delete;
-  FixedZone &operator=(const FixedZone &) = delete;
-
- private:
-  std::string saved_;
-  bool had_ = false;
+struct FixedZone : tarn::testing::ScopedTimeZone {
+  FixedZone() : ScopedTimeZone("XYZ-9") {}
 };
 
 class CatalogueTest : public ::testing::Test {
@@ -128,12 +89,9 @@ class CatalogueTest : public ::testing::Test {
     fs::create_directories(work());
     sim = std::make_unique<tarn::testing::Simulator>(
         std::vector<tarn::testing::SimDevice>{{dir.path() + "/image", kUdid, options}});
-    ::testing::internal::CaptureStdout();
-    device = CreatePodDevice(kUdid);
-    ::testing::internal::GetCapturedStdout();
-    ::testing::internal::CaptureStdout();
-    const int rc = InitDevice(device, work().c_str());
-    init_output = ::testing::internal::GetCapturedStdout();
+    Console([&] { device = CreatePodDevice(kUdid); });
+    int rc = -1;
+    init_output = Console([&] { rc = InitDevice(device, work().c_str()); });
     return rc;
   }
   void TearDown() override {
@@ -160,12 +118,7 @@ class CatalogueTest : public ::testing::Test {
     return r;
   }
 
-  void ExpectIdle(const std::string &after) {
-    const auto s = sim->idle_stats(kUdid);
-    EXPECT_EQ(s.connections_open, 0) << "connection left open after " << after;
-    EXPECT_EQ(s.files_open, 0) << "file handle left open after " << after;
-    EXPECT_EQ(s.locks_held, 0) << "lock left held after " << after;
-  }
+  void ExpectIdle(const std::string &after) { tarn::testing::ExpectIdle(*sim, kUdid, after); }
 
   // The device paths whose file information was asked for: all of them, and
   // those asked while the device's sync lock was held. Needs the simulator's

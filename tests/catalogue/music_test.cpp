@@ -60,8 +60,7 @@ TEST_F(CatalogueTest, InitDeviceRecordsEveryDatabaseInTableOrderAndCopiesEachOnc
   std::ofstream(work() + "/iTunesCDB") << "kept";
   EXPECT_EQ(Quiet([&] { return InitDevice(device, work().c_str()); }), 0);
   EXPECT_EQ(output.find("......begin CopyDeviceFile"), std::string::npos) << output;
-  std::ifstream kept(work() + "/iTunesCDB");
-  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(kept), {}), "kept");
+  EXPECT_EQ(ReadAll(work() + "/iTunesCDB"), "kept");
 }
 
 // A refused handshake or file conduit is part of the fault matrix.
@@ -255,11 +254,7 @@ TEST_F(CatalogueTest, RealDatabasesListWhatLibgpodReads) {
     Reset();
     ASSERT_EQ(Start({{"music", {{"source", tarn::testing::realdata(file)}}}}), 0);
     // Placed by the image builder and copied by InitDevice as it is.
-    auto bytes = [](const std::string &path) {
-      std::ifstream in(path, std::ios::binary);
-      return std::string(std::istreambuf_iterator<char>(in), {});
-    };
-    ASSERT_TRUE(bytes(work() + "/iTunesCDB") == bytes(tarn::testing::realdata(file)));
+    ASSERT_TRUE(ReadAll(work() + "/iTunesCDB") == ReadAll(tarn::testing::realdata(file)));
     std::unique_ptr<Itdb_iTunesDB, decltype(&itdb_free)> db(itdb_parse(media("").c_str(), nullptr), &itdb_free);
     ASSERT_TRUE(db);
 

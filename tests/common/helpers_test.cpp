@@ -10,12 +10,15 @@
 
 #include "common/raii.h"
 #include "tarn/tarn_device.h"
+#include "sim_image.h"
+#include "test_util.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using tarn::CString;
 using tarn::PlistPtr;
+using tarn::testing::Console;
 
 std::string DictString(plist_t dict, const char *key) {
   plist_t node = plist_dict_get_item(dict, key);
@@ -26,16 +29,6 @@ std::string DictString(plist_t dict, const char *key) {
   CString owned(value);
   return value ? value : "<null>";
 }
-
-struct TempFile {
-  fs::path path;
-  explicit TempFile(const std::string &bytes) {
-    path = fs::temp_directory_path() / ("tarn-helpers-" + std::to_string(::getpid()) + "-" +
-                                        std::to_string(reinterpret_cast<uintptr_t>(this)));
-    std::ofstream(path, std::ios::binary) << bytes;
-  }
-  ~TempFile() { fs::remove(path); }
-};
 
 TEST(StringInsertion, MissingEmptyAndNonStringValuesBecomeTheirFallbacks) {
   PlistPtr text(plist_new_string("Jazz"));
@@ -152,40 +145,41 @@ TEST(Strings, IsExistInStrIsACaseSensitiveSubstringTest) {
   EXPECT_EQ(IsExistInStr(nullptr, "x"), 0);
 }
 
-TEST(HostFiles, BinaryPlistDetectionNeedsTheWholeMagic) {
-  TempFile binary("bplist00\x01\x02");
-  TempFile short_file("bplist0");
-  TempFile xml("<?xml version=\"1.0\"?><plist/>");
-  EXPECT_EQ(IsBinPlist(binary.path.c_str()), 1);
-  EXPECT_EQ(IsBinPlist(short_file.path.c_str()), 0);
-  EXPECT_EQ(IsBinPlist(xml.path.c_str()), 0);
+TEST(HostFiles, BinaryPlistDetectionNeedsTheWholeMagicAndSizesAre64Bit) {
+  tarn::testing::TempDir dir;
+  const struct {
+    const char *name;
+    std::string bytes;
+    int binary;
+  } cases[] = {{"binary", "bplist00\x01\x02", 1},
+               {"short", "bplist0", 0},
+               {"xml", "<?xml version=\"1.0\"?><plist/>", 0},
+               {"plain", std::string(1234, 'x'), 0}};
+  for (const auto &c : cases) {
+    const std::string path = dir.path() + "/" + c.name;
+    tarn::testing::WriteAll(path, c.bytes);
+    EXPECT_EQ(IsBinPlist(path.c_str()), c.binary) << c.name;
+    EXPECT_EQ(GetFileSize(path.c_str()), static_cast<int64_t>(c.bytes.size())) << c.name;
+    EXPECT_EQ(WGetFileSize(path.c_str()), static_cast<int64_t>(c.bytes.size())) << c.name;
+  }
   EXPECT_EQ(IsBinPlist("/nonexistent/tarn/file"), 0);
-}
-
-TEST(HostFiles, SizesAre64BitAndZeroForMissingFiles) {
-  TempFile small(std::string(1234, 'x'));
-  EXPECT_EQ(GetFileSize(small.path.c_str()), 1234);
-  EXPECT_EQ(WGetFileSize(small.path.c_str()), 1234);
-  EXPECT_EQ(WGetFileSize("/nonexistent/tarn/file"), 0);
   EXPECT_EQ(GetFileSize("/nonexistent/tarn/file"), 0);
+  EXPECT_EQ(WGetFileSize("/nonexistent/tarn/file"), 0);
 
   // A sparse file past 4 GiB must not wrap around.
-  TempFile big("");
-  ASSERT_EQ(::truncate(big.path.c_str(), (int64_t{5} << 30) + 7), 0);
-  EXPECT_EQ(GetFileSize(big.path.c_str()), (int64_t{5} << 30) + 7);
-  EXPECT_EQ(WGetFileSize(big.path.c_str()), (int64_t{5} << 30) + 7);
+  const std::string big = dir.path() + "/big";
+  tarn::testing::WriteAll(big, "");
+  ASSERT_EQ(::truncate(big.c_str(), (int64_t{5} << 30) + 7), 0);
+  EXPECT_EQ(GetFileSize(big.c_str()), (int64_t{5} << 30) + 7);
+  EXPECT_EQ(WGetFileSize(big.c_str()), (int64_t{5} << 30) + 7);
 }
 
 TEST(Console, PrintPlistPrintsTheSeparatorAndTheXml) {
-  testing::internal::CaptureStdout();
-  PrintPlist(nullptr);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "..................................\n");
+  EXPECT_EQ(Console([&] { PrintPlist(nullptr); }), "..................................\n");
 
   PlistPtr array(plist_new_array());
   AppendPlistArrayString(array.get(), "abc");
-  testing::internal::CaptureStdout();
-  PrintPlist(array.get());
-  const std::string out = testing::internal::GetCapturedStdout();
+  const std::string out = Console([&] { PrintPlist(array.get()); });
   EXPECT_EQ(out.rfind("..................................\nthe xml_doc:\n <?xml", 0), 0u) << out;
   EXPECT_NE(out.find("<string>abc</string>"), std::string::npos);
 }

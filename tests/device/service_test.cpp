@@ -9,15 +9,18 @@
 #include <cstdio>
 #include <fstream>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "sim_image.h"
 #include "simulator.h"
 #include "tarn/tarn_device.h"
+#include "test_util.h"
 
 namespace {
 
+using tarn::testing::Console;
 using tarn::testing::ImageEntry;
 using tarn::testing::SimDevice;
 using tarn::testing::Simulator;
@@ -32,23 +35,10 @@ std::string MakeImage(const TempDir &dir, const std::string &name) {
   return root;
 }
 
-std::vector<std::string> Strings(plist_t array) {
-  std::vector<std::string> out;
-  for (uint32_t i = 0; i < plist_array_get_size(array); ++i) {
-    char *s = nullptr;
-    plist_get_string_val(plist_array_get_item(array, i), &s);
-    out.push_back(s ? s : "");
-    free(s);
-  }
-  return out;
-}
-
 TEST(DeviceList, ListsAttachedDevicesInOrderAndNullWithoutAny) {
   {
     Simulator none;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(GetDevicesId(), nullptr);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "GetDevicesId\n");
+    EXPECT_EQ(Console([&] { EXPECT_EQ(GetDevicesId(), nullptr); }), "GetDevicesId\n");
   }
   TempDir dir;
   Simulator sim({{MakeImage(dir, "a"), kFirst, {}}, {MakeImage(dir, "b"), kSecond, {}}});
@@ -56,7 +46,7 @@ TEST(DeviceList, ListsAttachedDevicesInOrderAndNullWithoutAny) {
   plist_t list = GetDevicesId();
   const std::string out = testing::internal::GetCapturedStdout();
   ASSERT_NE(list, nullptr);
-  EXPECT_EQ(Strings(list), (std::vector<std::string>{kFirst, kSecond}));
+  EXPECT_EQ(tarn::testing::PlistJson(list), nlohmann::ordered_json({kFirst, kSecond}));
   // The entry line, the end line, then the array as XML after the separator.
   EXPECT_EQ(out.rfind("GetDevicesId\nGetDevicesId END\n..................................\nthe xml_doc:\n <?xml", 0), 0u)
       << out;
@@ -65,9 +55,8 @@ TEST(DeviceList, ListsAttachedDevicesInOrderAndNullWithoutAny) {
 }
 
 TEST(ServiceRecord, HoldsTheThreeEntryPointsInOrder) {
-  testing::internal::CaptureStdout();
-  PodDeviceService *service = CreatePodDeviceService();
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "CreatePodDeviceService\n");
+  PodDeviceService *service = nullptr;
+  EXPECT_EQ(Console([&] { service = CreatePodDeviceService(); }), "CreatePodDeviceService\n");
   ASSERT_NE(service, nullptr);
   void *const *slots = reinterpret_cast<void *const *>(service);
   EXPECT_EQ(slots[0], reinterpret_cast<void *>(&GetDevicesId));
@@ -78,9 +67,8 @@ TEST(ServiceRecord, HoldsTheThreeEntryPointsInOrder) {
 }
 
 TEST(DeviceHandle, SlotTableCallsTheExportedFunctionsInItsFixedOrder) {
-  testing::internal::CaptureStdout();
-  PodDevice *device = CreatePodDevice(kFirst);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "CreatePodDevice\n");
+  PodDevice *device = nullptr;
+  EXPECT_EQ(Console([&] { device = CreatePodDevice(kFirst); }), "CreatePodDevice\n");
   ASSERT_NE(device, nullptr);
   // The application reads the record as 32 pointer-size fields.
   void *const *f = reinterpret_cast<void *const *>(device);
@@ -126,11 +114,6 @@ class ConnectionTest : public ::testing::Test {
   void Start(const std::vector<std::string> &options = {}) {
     sim = std::make_unique<Simulator>(std::vector<SimDevice>{{MakeImage(dir, "a"), kFirst, options}});
   }
-  void ExpectIdle() {
-    const auto s = sim->idle_stats(kFirst);
-    EXPECT_EQ(s.connections_open, 0);
-    EXPECT_EQ(s.files_open, 0);
-  }
   TempDir dir;
   std::unique_ptr<Simulator> sim;
 };
@@ -163,7 +146,7 @@ TEST_F(ConnectionTest, OpensAWorkingFileConduitOrGivesNullAndClosesEverything) {
       EXPECT_EQ(sim->stats(kFirst).connections_open, 1);
     }
     CloseIdeviceAndAfC(afc, conn);
-    ExpectIdle();
+    tarn::testing::ExpectIdle(*sim, kFirst, c.what);
     sim.reset();
   }
 }
@@ -185,19 +168,16 @@ TEST(Exports, TheLibraryExportsExactlyTheDeclaredFunctions) {
   }
   ASSERT_GT(declared.size(), 80u);
 
-  const std::string cmd = std::string("nm -D --defined-only ") + TARN_DEVICE_LIB_PATH;
-  FILE *p = popen(cmd.c_str(), "r");
-  ASSERT_NE(p, nullptr);
+  int status = -1;
+  std::istringstream symbols(tarn::testing::run_command(std::string("nm -D --defined-only ") + TARN_DEVICE_LIB_PATH, &status));
+  ASSERT_EQ(status, 0);
   std::set<std::string> exported;
-  char line[512];
-  while (fgets(line, sizeof line, p)) {
+  for (std::string line; std::getline(symbols, line);) {
     char type = 0;
     char name[400];
-    if (sscanf(line, "%*s %c %399s", &type, name) == 2 && (type == 'T' || type == 'D' || type == 'B')) {
+    if (sscanf(line.c_str(), "%*s %c %399s", &type, name) == 2 && (type == 'T' || type == 'D' || type == 'B'))
       exported.insert(name);
-    }
   }
-  ASSERT_EQ(pclose(p), 0);
   std::vector<std::string> missing, extra;
   std::set_difference(declared.begin(), declared.end(), exported.begin(), exported.end(),
                       std::back_inserter(missing));

@@ -28,9 +28,7 @@ TEST_F(CopyDirTest, NestedTreesAreRecreatedByteExact) {
   image.Dir("/a/hollow");
   Start();
   sim->enable_log(kUdid, true);
-  testing::internal::CaptureStdout();
-  CopyDeviceDirectory(device, "/a", image.host("copy").c_str());
-  const std::string out = testing::internal::GetCapturedStdout();
+  const std::string out = Console([&] { CopyDeviceDirectory(device, "/a", image.host("copy").c_str()); });
   ExpectIdle("CopyDeviceDirectory");
 
   std::map<std::string, std::string> expected = files;
@@ -60,9 +58,7 @@ TEST_F(CopyDirTest, ConsoleTraceOfASmallTree) {
   image.File("/a/b/y", "y");
   Start();
   const std::string host = image.host("h").string();
-  testing::internal::CaptureStdout();
-  CopyDeviceDirectory(device, "/a", host.c_str());
-  const std::string out = testing::internal::GetCapturedStdout();
+  const std::string out = Console([&] { CopyDeviceDirectory(device, "/a", host.c_str()); });
   const std::string file_x = "from is /a/x\nto is " + host + "/x\nfile_info[0] S_IFREG\ncopy file from: /a/x\n" +
                              "copy file to: " + host + "/x\nblock_size: 65536l\nfinish _CopyFile\n" +
                              "finish copy file1\nfinish copy file2\n";
@@ -79,9 +75,7 @@ TEST_F(CopyDirTest, ConsoleTraceOfASmallTree) {
 
 TEST_F(CopyDirTest, AMissingSourceCreatesNothing) {
   Start();
-  testing::internal::CaptureStdout();
-  CopyDeviceDirectory(device, "/none", image.host("n").c_str());
-  const std::string out = testing::internal::GetCapturedStdout();
+  const std::string out = Console([&] { CopyDeviceDirectory(device, "/none", image.host("n").c_str()); });
   EXPECT_EQ(out, "CopyDeviceDirectory\nfrom is /none/\nto is " + image.host("n").string() +
                      "/\nfile_info[0] (null)\n");
   EXPECT_FALSE(fs::exists(image.host("n")));

@@ -74,9 +74,7 @@ TEST_F(FileInfoTest, ExistenceTestsAndTheirConsoleLines) {
       {"IsFileExist on nothing", [&] { return IsFileExist(device, "/e/none"); }, 0, "IsFileExist\n", true},
   };
   for (auto &c : cases) {
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(c.call(), c.result) << c.what;
-    const std::string out = testing::internal::GetCapturedStdout();
+    const std::string out = Console([&] { EXPECT_EQ(c.call(), c.result) << c.what; });
     int code = -1;
     ASSERT_EQ(std::sscanf(out.c_str() + std::strlen(c.head), "1afc_error_t %d\n", &code), 1) << c.what << ": " << out;
     std::string expected = std::string(c.head) + "1afc_error_t " + std::to_string(code) + "\n";

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -18,6 +19,7 @@
 
 #include "sim_image.h"
 #include "simulator.h"
+#include "test_util.h"
 #include "tarn/tarn_device.h"
 
 namespace tarn_fs_test {
@@ -34,14 +36,15 @@ inline std::string Bytes(size_t n, unsigned seed = 7) {
   return s;
 }
 
-inline std::string ReadAll(const fs::path &p) {
-  std::ifstream in(p, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
+using tarn::testing::Console;
+using tarn::testing::ReadAll;
+using tarn::testing::WriteAll;
 
-inline void WriteAll(const fs::path &p, const std::string &bytes) {
-  fs::create_directories(p.parent_path());
-  std::ofstream(p, std::ios::binary) << bytes;
+// The level of the deepest directory a snapshot recorded.
+inline int Depth(const PodDir *d) {
+  int deepest = d->level;
+  for (const PodDir *s = d->first_dir; s; s = s->next_dir) deepest = std::max(deepest, Depth(s));
+  return deepest;
 }
 
 // <root>/media is the device's file-conduit root; <root>/host is scratch
@@ -84,13 +87,7 @@ class DeviceFsTest : public ::testing::Test {
     device = CreatePodDevice(kUdid);
   }
 
-  // Nothing of a call may outlive it on the device.
-  void ExpectIdle(const std::string &after) {
-    const tarn::testing::SimStats s = sim->idle_stats(kUdid);
-    EXPECT_EQ(s.connections_open, 0) << "connection left open after " << after;
-    EXPECT_EQ(s.files_open, 0) << "file handle left open after " << after;
-    EXPECT_EQ(s.locks_held, 0) << "lock left held after " << after;
-  }
+  void ExpectIdle(const std::string &after) { tarn::testing::ExpectIdle(*sim, kUdid, after); }
 
   // The requests of the simulator's log whose op is one of ops.
   std::vector<tarn::testing::SimRequest> Log(const std::vector<std::string> &ops) {

@@ -95,9 +95,7 @@ TEST_F(SearchDeleteTest, RenameAndDeleteFileReportAsDocumented) {
       {"delete empty directory", [&] { return DeleteFile(device, "/r/full/x"); }, 0, 1},
   };
   for (auto &c : cases) {
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(c.call(), c.result) << c.what;
-    const std::string out = testing::internal::GetCapturedStdout();
+    const std::string out = Console([&] { EXPECT_EQ(c.call(), c.result) << c.what; });
     size_t lines = 0;
     for (size_t p = out.find("afc_error_t "); p != std::string::npos; p = out.find("afc_error_t ", p + 1)) ++lines;
     EXPECT_EQ(static_cast<int>(lines), c.error_lines) << c.what << ": " << out;
@@ -118,9 +116,7 @@ TEST_F(SearchDeleteTest, DeleteDirRemovesEverythingInPostOrder) {
   image.File("/keep", "k");
   Start();
   sim->enable_log(kUdid, true);
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(DeleteDir(device, "/del"), 0);
-  const std::string out = testing::internal::GetCapturedStdout();
+  const std::string out = Console([&] { EXPECT_EQ(DeleteDir(device, "/del"), 0); });
   EXPECT_EQ(out.rfind("pd->name: del\n", 0), 0u) << out;
   EXPECT_FALSE(fs::exists(image.media("/del")));
   EXPECT_TRUE(fs::exists(image.media("/keep")));

@@ -19,12 +19,6 @@ std::vector<std::string> FileNames(const PodDir *d) {
   return out;
 }
 
-int Depth(const PodDir *d) {
-  int deepest = d->level;
-  for (const PodDir *s = d->first_dir; s; s = s->next_dir) deepest = std::max(deepest, Depth(s));
-  return deepest;
-}
-
 class SnapshotTest : public DeviceFsTest {
  protected:
   // /s: f1 f2 d1/{g1 d2/{g2 d3/{g3}}}
@@ -36,15 +30,12 @@ class SnapshotTest : public DeviceFsTest {
     image.File("/s/d1/d2/d3/g3", "55555");
   }
   PodDir *Snap(const char *path, uint32_t max_level) {
-    testing::internal::CaptureStdout();
-    PodDir *root = GetPodDir(device, path, max_level);
-    testing::internal::GetCapturedStdout();
+    PodDir *root = nullptr;
+    Console([&] { root = GetPodDir(device, path, max_level); });
     return root;
   }
   void Free(PodDir *root) {
-    testing::internal::CaptureStdout();
-    FreePodDir(root, 1, root);
-    testing::internal::GetCapturedStdout();
+    Console([&] { FreePodDir(root, 1, root); });
   }
 };
 
@@ -119,9 +110,7 @@ TEST_F(SnapshotTest, FreeWithAndWithoutTheDirectoryItself) {
   BuildTree();
   Start();
   PodDir *root = Snap("/s", 0);
-  testing::internal::CaptureStdout();
-  FreePodDir(root, 0, root);
-  const std::string out = testing::internal::GetCapturedStdout();
+  const std::string out = Console([&] { FreePodDir(root, 0, root); });
   // Subdirectories first, then the files of each directory; the root's
   // two files come in the device's order.
   const std::string deep =
@@ -137,9 +126,7 @@ TEST_F(SnapshotTest, FreeWithAndWithoutTheDirectoryItself) {
   EXPECT_EQ(root->first_file, nullptr);
   EXPECT_STREQ(root->path, "/s");
   // Freeing it with flag 1 releases the rest (LeakSanitizer checks).
-  testing::internal::CaptureStdout();
-  FreePodDir(root, 1, root);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+  EXPECT_EQ(Console([&] { FreePodDir(root, 1, root); }), "");
 }
 
 }  // namespace

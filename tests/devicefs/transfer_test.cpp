@@ -175,9 +175,7 @@ TEST_F(TransferTest, EachOutcomePrintsItsLinesAndAFailureWritesNothing) {
   for (auto &c : cases) {
     SCOPED_TRACE(c.what);
     if (c.lock_refused) sim->set_option(kUdid, "afc_error", "10:/com.apple.itunes.lock_sync");
-    testing::internal::CaptureStdout();
-    c.call();
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), c.expected);
+    EXPECT_EQ(Console([&] { c.call(); }), c.expected);
     sim->set_option(kUdid, "afc_error", "");
     ExpectIdle(c.what);
   }

@@ -8,12 +8,6 @@ namespace {
 
 constexpr int kLevels = TARN_MAX_WALK_DEPTH + 16;
 
-int Deepest(const PodDir *d) {
-  int deepest = d->level;
-  for (const PodDir *s = d->first_dir; s; s = s->next_dir) deepest = std::max(deepest, Deepest(s));
-  return deepest;
-}
-
 class WalkBoundTest : public DeviceFsTest {
  protected:
   // /deep/f, /deep/d/f, /deep/d/d/f, ... kLevels directories deep.
@@ -37,7 +31,7 @@ TEST_F(WalkBoundTest, DeepTreesAreReadDownToTheBoundAndNoFurther) {
   PodDir *root = GetPodDir(device, "/deep", 0);
   EXPECT_EQ(root->dir_count, TARN_MAX_WALK_DEPTH);
   EXPECT_EQ(root->file_count, TARN_MAX_WALK_DEPTH);
-  EXPECT_EQ(Deepest(root), TARN_MAX_WALK_DEPTH);
+  EXPECT_EQ(Depth(root), TARN_MAX_WALK_DEPTH);
   FreePodDir(root, 1, root);
 
   PodSearchItem *found = SearchFile(device, "/deep", "f");

@@ -16,11 +16,13 @@
 
 #include "images.h"
 #include "sim_image.h"
+#include "test_util.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using json = nlohmann::ordered_json;
+using tarn::testing::ReadAll;
 using tarn::testing::TempDir;
 
 struct ItdbFree {
@@ -54,71 +56,17 @@ std::vector<std::vector<std::string>> Rows(const std::string &file, const char *
   return rows;
 }
 
-std::string FileBytes(const std::string &file) {
-  std::ifstream in(file, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
 plist_t ReadPlist(const std::string &file) {
-  const std::string bytes = FileBytes(file);
+  const std::string bytes = ReadAll(file);
   plist_t root = nullptr;
   plist_from_memory(bytes.data(), static_cast<uint32_t>(bytes.size()), &root);
   return root;
 }
 
-// A property list as JSON, the way descriptions write it.
-json ToJson(plist_t node) {
-  switch (plist_get_node_type(node)) {
-    case PLIST_DICT: {
-      json out = json::object();
-      plist_dict_iter it = nullptr;
-      plist_dict_new_iter(node, &it);
-      for (;;) {
-        char *key = nullptr;
-        plist_t value = nullptr;
-        plist_dict_next_item(node, it, &key, &value);
-        if (!key) break;
-        out[key] = ToJson(value);
-        free(key);
-      }
-      free(it);
-      return out;
-    }
-    case PLIST_ARRAY: {
-      json out = json::array();
-      for (uint32_t i = 0; i < plist_array_get_size(node); ++i) out.push_back(ToJson(plist_array_get_item(node, i)));
-      return out;
-    }
-    case PLIST_STRING: {
-      char *s = nullptr;
-      plist_get_string_val(node, &s);
-      json out = std::string(s);
-      free(s);
-      return out;
-    }
-    case PLIST_UINT: {
-      uint64_t v = 0;
-      plist_get_uint_val(node, &v);
-      return v;
-    }
-    case PLIST_BOOLEAN: {
-      uint8_t v = 0;
-      plist_get_bool_val(node, &v);
-      return v != 0;
-    }
-    case PLIST_REAL: {
-      double v = 0;
-      plist_get_real_val(node, &v);
-      return v;
-    }
-    default: return "<unexpected node>";
-  }
-}
-
 json PlistFileAsJson(const std::string &file) {
   plist_t root = ReadPlist(file);
   if (!root) return "<unreadable>";
-  json out = ToJson(root);
+  json out = tarn::testing::PlistJson(root);
   plist_free(root);
   return out;
 }
@@ -187,7 +135,7 @@ TEST(ImageBuilder, MusicDatabaseHoldsExactlyTheDescribedTracksAndPlaylists) {
 
   // The compressed form: the flag in the header and a total length that
   // covers the deflated body.
-  const std::string bytes = FileBytes(cdb);
+  const std::string bytes = ReadAll(cdb);
   ASSERT_GT(bytes.size(), 0xaau);
   EXPECT_EQ(bytes.substr(0, 4), "mhbd");
   EXPECT_EQ(bytes[0xa8], 1);
@@ -240,8 +188,8 @@ TEST(ImageBuilder, PlistsAndSqliteDatabasesHoldWhatWasDescribed) {
 
   EXPECT_FALSE(fs::exists(media + "/com.apple.itunes.lock_sync"));
   ExpectDescribedContent(d, media);
-  EXPECT_EQ(FileBytes(media + "/Purchases/MobileDB/TrackData.plist").substr(0, 8), "bplist00");
-  EXPECT_EQ(FileBytes(media + "/Books/Books.plist").substr(0, 5), "<?xml");
+  EXPECT_EQ(ReadAll(media + "/Purchases/MobileDB/TrackData.plist").substr(0, 8), "bplist00");
+  EXPECT_EQ(ReadAll(media + "/Books/Books.plist").substr(0, 5), "<?xml");
 
   struct stat st {};
   ::stat((media + "/a/b.txt").c_str(), &st);

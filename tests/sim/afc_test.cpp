@@ -8,6 +8,7 @@
 #include "sim_client.h"
 #include "sim_image.h"
 #include "simulator.h"
+#include "test_util.h"
 
 using namespace tarn::testing;
 namespace fs = std::filesystem;
@@ -124,8 +125,7 @@ TEST_F(AfcTest, OpenModesFollowStdioSemantics) {
     afc_error_t w = afc_file_write(afc(), h, "XY", 2, &n);
     EXPECT_EQ(w == AFC_E_SUCCESS, c.mode != AFC_FOPEN_RDONLY);
     EXPECT_EQ(afc_file_close(afc(), h), AFC_E_SUCCESS);
-    std::ifstream in(media("m.bin"));
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), c.after_write);
+    EXPECT_EQ(ReadAll(media("m.bin")), c.after_write);
   }
   uint64_t h = 0;
   EXPECT_EQ(afc_file_open(afc(), "/Music", AFC_FOPEN_RDONLY, &h), AFC_E_OBJECT_IS_DIR);

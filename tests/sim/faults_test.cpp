@@ -2,10 +2,12 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <functional>
 
 #include "sim_client.h"
 #include "sim_image.h"
 #include "simulator.h"
+#include "test_util.h"
 
 using namespace tarn::testing;
 
@@ -26,101 +28,89 @@ class FaultTest : public ::testing::Test {
   std::unique_ptr<Simulator> sim;
 };
 
-TEST_F(FaultTest, HandshakeAndServiceRefusalSwitchOnAndOff) {
-  sim->set_option(kUdid, "refuse_handshake", "1");
-  {
-    AfcClient c(kUdid);
-    EXPECT_EQ(c.error, "handshake");
+// Each switch breaks what it names; once the faults are cleared a new client
+// reads the device as usual and nothing of the broken one stays open.
+TEST_F(FaultTest, EachSwitchBreaksWhatItNamesUntilCleared) {
+  struct Case {
+    std::vector<std::pair<const char*, const char*>> options;
+    std::function<void(AfcClient&)> probe;  // gets a client made after the switch was set
+  };
+  const Case cases[] = {
+      {{{"refuse_handshake", "1"}},
+       [](AfcClient& c) {
+         EXPECT_EQ(c.error, "handshake");
+         int status = 0;
+         run_command(std::string("ideviceinfo -u ") + kUdid, &status);
+         EXPECT_NE(status, 0);
+       }},
+      {{{"refuse_afc", "1"}}, [](AfcClient& c) { EXPECT_EQ(c.error, "start_service"); }},
+      {{{"afc_error", "17:/com.apple.itunes.lock_sync"}, {"afc_error", "10:/iTunes_Control/*"}},
+       [](AfcClient& c) {
+         uint64_t h = 0;
+         EXPECT_EQ(afc_file_open(c.get(), "/com.apple.itunes.lock_sync", AFC_FOPEN_RW, &h), AFC_E_OBJECT_BUSY);
+         EXPECT_EQ(afc_file_open(c.get(), "//./com.apple.itunes.lock_sync", AFC_FOPEN_RW, &h), AFC_E_OBJECT_BUSY);
+         EXPECT_EQ(c.put("/iTunes_Control/iTunes/x", "1"), AFC_E_PERM_DENIED);
+         EXPECT_EQ(c.list("/iTunes_Control/iTunes").size(), 0u);
+         std::string data;
+         EXPECT_EQ(c.get("/a.txt", data), AFC_E_SUCCESS) << "a path no pattern matches";
+       }},
+      {{{"drop_after_requests", "3"}},
+       [](AfcClient& c) {
+         afc_error_t e;
+         for (int i = 0; i < 3; ++i) {
+           c.file_info("/a.txt", &e);
+           EXPECT_EQ(e, AFC_E_SUCCESS) << i;
+         }
+         c.file_info("/a.txt", &e);
+         EXPECT_NE(e, AFC_E_SUCCESS);
+       }},
+      {{{"drop_after_bytes", "300000"}},
+       [](AfcClient& c) {
+         std::string data;
+         c.get("/big.bin", data);
+         EXPECT_LE(data.size(), 300000u);
+         EXPECT_GT(data.size(), 100000u);
+       }},
+      {{{"max_files", "3"}},
+       [this](AfcClient& c) {
+         uint64_t h[4] = {};
+         for (int i = 0; i < 3; ++i) ASSERT_EQ(afc_file_open(c.get(), "/a.txt", AFC_FOPEN_RDONLY, &h[i]), AFC_E_SUCCESS);
+         EXPECT_EQ(afc_file_open(c.get(), "/a.txt", AFC_FOPEN_RDONLY, &h[3]), AFC_E_NO_RESOURCES);
+         EXPECT_EQ(sim->stats(kUdid).files_open, 3);
+         ASSERT_EQ(afc_file_close(c.get(), h[1]), AFC_E_SUCCESS);
+         EXPECT_EQ(afc_file_open(c.get(), "/a.txt", AFC_FOPEN_RDONLY, &h[3]), AFC_E_SUCCESS);
+       }},
+      {{{"latency_us", "20000"}},
+       [](AfcClient& c) {
+         const auto t0 = std::chrono::steady_clock::now();
+         for (int i = 0; i < 5; ++i) c.file_info("/a.txt");
+         EXPECT_GE(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(100));
+       }},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.options[0].first);
+    for (const auto& [key, value] : c.options) sim->set_option(kUdid, key, value);
+    {
+      AfcClient client(kUdid);
+      c.probe(client);
+    }
+    sim->clear_faults(kUdid);
+    ExpectIdle(*sim, kUdid, c.options[0].first);
+    AfcClient after(kUdid);
+    std::string data;
+    EXPECT_EQ(after.get("/a.txt", data), AFC_E_SUCCESS) << after.error;
   }
-  int status = 0;
-  run_command(std::string("ideviceinfo -u ") + kUdid, &status);
-  EXPECT_NE(status, 0);
-  sim->clear_faults(kUdid);
-  sim->set_option(kUdid, "refuse_afc", "1");
-  {
-    AfcClient c(kUdid);
-    EXPECT_EQ(c.error, "start_service");
-  }
-  sim->set_option(kUdid, "refuse_afc", "0");
-  AfcClient c(kUdid);
-  EXPECT_TRUE(c.ok()) << c.error;
   EXPECT_THROW(sim->set_option(kUdid, "no_such_option", "1"), std::runtime_error);
   EXPECT_THROW(sim->set_option("no-such-device", "latency_us", "1"), std::runtime_error);
+}
 
-  // The same switches given at start.
+TEST_F(FaultTest, SwitchesGivenAtStartHoldFromTheFirstConnection) {
   TempDir other;
   make_sim_image(other.path(), {});
   Simulator s2({{other.path(), "opt-dev", {"refuse_afc=1", "version=5.1.1"}}});
   AfcClient refused("opt-dev");
   EXPECT_EQ(refused.lockdown_err, LOCKDOWN_E_SERVICE_PROHIBITED);
   EXPECT_NE(run_command("ideviceinfo -u opt-dev -k ProductVersion").find("5.1.1"), std::string::npos);
-}
-
-TEST_F(FaultTest, InjectedErrorsMatchPathPatterns) {
-  sim->set_option(kUdid, "afc_error", "17:/com.apple.itunes.lock_sync");
-  sim->set_option(kUdid, "afc_error", "10:/iTunes_Control/*");
-  AfcClient c(kUdid);
-  ASSERT_TRUE(c.ok());
-  uint64_t h = 0;
-  EXPECT_EQ(afc_file_open(c.get(), "/com.apple.itunes.lock_sync", AFC_FOPEN_RW, &h), AFC_E_OBJECT_BUSY);
-  EXPECT_EQ(afc_file_open(c.get(), "//./com.apple.itunes.lock_sync", AFC_FOPEN_RW, &h), AFC_E_OBJECT_BUSY);
-  EXPECT_EQ(c.put("/iTunes_Control/iTunes/x", "1"), AFC_E_PERM_DENIED);
-  EXPECT_EQ(c.list("/iTunes_Control/iTunes").size(), 0u);
-  std::string data;
-  EXPECT_EQ(c.get("/a.txt", data), AFC_E_SUCCESS);
-  EXPECT_EQ(data, "0123456789");
-  sim->set_option(kUdid, "afc_error", "");
-  EXPECT_EQ(c.put("/iTunes_Control/iTunes/x", "1"), AFC_E_SUCCESS);
-}
-
-TEST_F(FaultTest, DropsAfterRequestsOrBytes) {
-  sim->set_option(kUdid, "drop_after_requests", "3");
-  {
-    AfcClient c(kUdid);
-    ASSERT_TRUE(c.ok());
-    afc_error_t e;
-    for (int i = 0; i < 3; ++i) {
-      c.file_info("/a.txt", &e);
-      EXPECT_EQ(e, AFC_E_SUCCESS) << i;
-    }
-    c.file_info("/a.txt", &e);
-    EXPECT_NE(e, AFC_E_SUCCESS);
-  }
-  sim->clear_faults(kUdid);
-  sim->set_option(kUdid, "drop_after_bytes", "300000");
-  {
-    AfcClient c(kUdid);
-    ASSERT_TRUE(c.ok());
-    std::string data;
-    c.get("/big.bin", data);
-    EXPECT_LE(data.size(), 300000u);
-    EXPECT_GT(data.size(), 100000u);
-  }
-  EXPECT_EQ(sim->stats(kUdid).connections_open, 0);
-  EXPECT_EQ(sim->stats(kUdid).files_open, 0);
-}
-
-TEST_F(FaultTest, LatencyDelaysEveryRequest) {
-  AfcClient c(kUdid);
-  ASSERT_TRUE(c.ok());
-  sim->set_option(kUdid, "latency_us", "20000");
-  auto t0 = std::chrono::steady_clock::now();
-  for (int i = 0; i < 5; ++i) c.file_info("/a.txt");
-  auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t0);
-  EXPECT_GE(ms.count(), 100);
-  sim->set_option(kUdid, "latency_us", "0");
-}
-
-TEST_F(FaultTest, FileSlotsRunOut) {
-  sim->set_option(kUdid, "max_files", "3");
-  AfcClient c(kUdid);
-  ASSERT_TRUE(c.ok());
-  uint64_t h[4] = {};
-  for (int i = 0; i < 3; ++i) ASSERT_EQ(afc_file_open(c.get(), "/a.txt", AFC_FOPEN_RDONLY, &h[i]), AFC_E_SUCCESS);
-  EXPECT_EQ(afc_file_open(c.get(), "/a.txt", AFC_FOPEN_RDONLY, &h[3]), AFC_E_NO_RESOURCES);
-  EXPECT_EQ(sim->stats(kUdid).files_open, 3);
-  ASSERT_EQ(afc_file_close(c.get(), h[1]), AFC_E_SUCCESS);
-  EXPECT_EQ(afc_file_open(c.get(), "/a.txt", AFC_FOPEN_RDONLY, &h[3]), AFC_E_SUCCESS);
 }
 
 TEST_F(FaultTest, DetachEndsConnections) {

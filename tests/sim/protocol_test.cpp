@@ -1,14 +1,17 @@
 // The simulator as libimobiledevice and its tools see it: device list,
-// lockdown values, services and attach/detach events.
+// lockdown values, services, attach/detach events, clients served side by side.
 #include <gtest/gtest.h>
 #include <libimobiledevice/libimobiledevice.h>
 #include <libimobiledevice/lockdown.h>
 #include <plist/plist.h>
 
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <cstring>
 #include <mutex>
 #include <thread>
 
@@ -44,14 +47,6 @@ class ProtocolTest : public ::testing::Test {
   TempDir img1, img2;
   std::unique_ptr<Simulator> sim;
 };
-
-std::string string_value(plist_t node) {
-  char* s = nullptr;
-  if (node && plist_get_node_type(node) == PLIST_STRING) plist_get_string_val(node, &s);
-  std::string out = s ? s : "";
-  free(s);
-  return out;
-}
 
 TEST_F(ProtocolTest, ToolsListAndDescribeDevices) {
   int status = -1;
@@ -93,13 +88,13 @@ TEST_F(ProtocolTest, GetValueAnswersWhatTheDescriptionHolds) {
     plist_t v = nullptr;
     EXPECT_EQ(lockdownd_get_value(ld, c.domain, c.key, &v), c.want) << (c.key ? c.key : c.domain);
     if (c.value) {
-      EXPECT_EQ(string_value(v), c.value);
+      EXPECT_EQ(PlistJson(v), c.value);
     }
     plist_free(v);
   }
   plist_t all = nullptr;
   ASSERT_EQ(lockdownd_get_value(ld, nullptr, nullptr, &all), LOCKDOWN_E_SUCCESS);
-  EXPECT_EQ(string_value(plist_dict_get_item(all, "ProductVersion")), "12.4");
+  EXPECT_EQ(PlistJson(plist_dict_get_item(all, "ProductVersion")), "12.4");
   EXPECT_EQ(plist_dict_get_size(all), 3u);  // name, version and the identifier only
   plist_free(all);
 
@@ -145,6 +140,42 @@ TEST_F(ProtocolTest, ListenReportsAttachAndDetach) {
 
 }
 
+// Many clients at once: nobody waits for anybody else.
+TEST_F(ProtocolTest, StalledAndSlowClientsDelayNobodyElse) {
+  // A client that sends half a message and then goes quiet.
+  int raw = ::socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  std::strncpy(addr.sun_path, sim->socket_path().c_str(), sizeof addr.sun_path - 1);
+  ASSERT_EQ(::connect(raw, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+  ASSERT_EQ(::send(raw, "\x40\x00\x00", 3, 0), 3);
+
+  // A client of the slow device is busy in a request...
+  AfcClient slow_client("second-device");
+  ASSERT_TRUE(slow_client.ok());
+  sim->set_option("second-device", "latency_us", "3000000");
+  std::atomic<bool> slow_done{false};
+  std::thread busy([&] {
+    slow_client.file_info("/");
+    slow_done = true;
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+
+  // ...while the fast device serves a client from start to end.
+  {
+    AfcClient c(kUdid);
+    ASSERT_TRUE(c.ok()) << c.error;
+    std::string back;
+    EXPECT_EQ(c.put("/w", std::string(256 * 1024, 'w')), AFC_E_SUCCESS);
+    EXPECT_EQ(c.get("/w", back), AFC_E_SUCCESS);
+    EXPECT_EQ(back.size(), 256u * 1024);
+  }
+  EXPECT_FALSE(slow_done.load()) << "the fast client waited for the slow one";
+  busy.join();
+  ::close(raw);
+  EXPECT_EQ(sim->stats(kUdid).connections_open, 0);
+}
+
 TEST(DevsimProcess, StopsCleanlyOnSignals) {
   for (const std::string sig : {"TERM", "INT"}) {
     TempDir dir, img;
@@ -153,7 +184,7 @@ TEST(DevsimProcess, StopsCleanlyOnSignals) {
     // Started in the background and signalled once it says it is ready; its
     // exit status, its first line and any socket it left behind.
     const std::string script = std::string(TARN_DEVSIM_PATH) + " --socket " + sock + " --device " + img.path() +
-                               ",udid=x >" + out + " & pid=$!; until grep -q ready " + out + "; do sleep 0.01; done; " +
+                               ",udid=x >" + out + " & pid=$!; until grep -qs ready " + out + "; do sleep 0.01; done; " +
                                "test -e " + sock + " && test -e " + sock + ".ctl || echo sockets missing; kill -" +
                                sig + " $pid; wait $pid; echo exit $?; cat " + out + "; for f in " + sock + " " + sock +
                                ".ctl; do test -e $f && echo left $f; done; true";

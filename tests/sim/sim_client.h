@@ -6,11 +6,12 @@
 #include <libimobiledevice/libimobiledevice.h>
 #include <libimobiledevice/lockdown.h>
 
-#include <cstdio>
 #include <map>
 #include <memory>
 #include <string>
 #include <vector>
+
+#include "test_util.h"
 
 namespace tarn::testing {
 
@@ -106,18 +107,5 @@ class AfcClient {
   idevice_t dev_ = nullptr;
   afc_client_t afc_ = nullptr;
 };
-
-// Runs a shell command with a time limit; returns its stdout and exit status.
-inline std::string run_command(const std::string& cmd, int* status = nullptr) {
-  std::string out;
-  FILE* f = ::popen(("timeout 30 " + cmd + " 2>&1").c_str(), "r");
-  if (!f) return out;
-  char buf[4096];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof buf, f)) > 0) out.append(buf, n);
-  int st = ::pclose(f);
-  if (status) *status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-  return out;
-}
 
 }  // namespace tarn::testing

@@ -1,6 +1,7 @@
 #include "images.h"
 
-#include <cstdio>
+#include "test_util.h"
+
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -22,13 +23,9 @@ void build_image(const nlohmann::ordered_json& description, const std::string& d
     if (src.is_relative()) d["music"]["source"] = (fs::path(TARN_SOURCE_DIR) / src).string();
   }
   std::ofstream(file) << d.dump();
-  const std::string cmd = "'" + builder + "' '" + file.string() + "' '" + dir + "' 2>&1";
-  FILE* p = popen(cmd.c_str(), "r");
-  if (!p) throw std::runtime_error("cannot run tarn-mkimage");
-  std::string out;
-  char buf[512];
-  while (size_t n = fread(buf, 1, sizeof buf, p)) out.append(buf, n);
-  const int status = pclose(p);
+  int status = -1;
+  // The benchmarks' large device takes the builder up to a minute.
+  const std::string out = run_command("'" + builder + "' '" + file.string() + "' '" + dir + "'", &status, 600);
   fs::remove(file);
   if (status != 0) throw std::runtime_error("tarn-mkimage failed: " + out);
 }

@@ -1,14 +1,11 @@
 // Runs tarn-devsim as a child process and talks to its control socket.
 #include "simulator.h"
 
-#include <fcntl.h>
-#include <poll.h>
+#include "child_process.h"
+
 #include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -23,8 +20,6 @@
 #include <optional>
 #include <stdexcept>
 #include <thread>
-
-extern char** environ;
 
 namespace tarn::testing {
 
@@ -42,8 +37,7 @@ constexpr int kControlTimeoutSeconds = 15;
 
 struct Simulator::Impl {
   std::string dir, socket, ctl_path;
-  pid_t pid = -1;
-  int out_fd = -1;  // the child's stdout, kept open so it never sees EPIPE
+  std::unique_ptr<ChildProcess> child;  // its stdout stays open, so it never sees EPIPE
   int ctl_fd = -1;
   std::mutex ctl_mu;
   bool set_env = false;
@@ -88,30 +82,17 @@ json Simulator::Impl::call(json req) {
 void Simulator::Impl::stop() {
   if (ctl_fd >= 0) ::close(ctl_fd);
   ctl_fd = -1;
-  if (pid > 0) {
-    ::kill(pid, SIGTERM);
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    int status = 0;
-    bool killed = false;
-    while (::waitpid(pid, &status, WNOHANG) == 0) {
-      if (std::chrono::steady_clock::now() > deadline) {
-        ::kill(pid, SIGKILL);
-        ::waitpid(pid, &status, 0);
-        killed = true;
-        break;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    pid = -1;
+  if (child) {
+    child->Signal(SIGTERM);
+    const int code = child->Wait(std::chrono::seconds(10)).code;
+    child.reset();
     // A clean stop exits 0; anything else (a sanitizer report, a crash, a
     // hang on shutdown) is a simulator bug the test run must show.
-    if (killed)
+    if (code == 128 + SIGKILL)
       ADD_FAILURE() << "tarn-devsim did not stop within 10 s of SIGTERM";
-    else if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
-      ADD_FAILURE() << "tarn-devsim ended badly (status " << status << "); see its stderr";
+    else if (code != 0)
+      ADD_FAILURE() << "tarn-devsim ended badly (exit " << code << "); see its stderr";
   }
-  if (out_fd >= 0) ::close(out_fd);
-  out_fd = -1;
   if (!dir.empty()) {
     std::error_code ec;
     std::filesystem::remove_all(dir, ec);
@@ -148,55 +129,31 @@ Simulator::Simulator(const std::vector<SimDevice>& devices, bool set_env) : impl
     args.push_back("--device");
     args.push_back(spec);
   }
-  std::vector<char*> argv;
-  for (auto& a : args) argv.push_back(a.data());
-  argv.push_back(nullptr);
-
-  int pipefd[2];
-  if (::pipe2(pipefd, O_CLOEXEC) != 0) {
+  try {
+    impl_->child = std::make_unique<ChildProcess>(args, std::map<std::string, std::string>{}, false);
+  } catch (const std::exception& e) {
     impl_->stop();
     delete impl_;
-    fail("pipe failed");
-  }
-  posix_spawn_file_actions_t fa;
-  posix_spawn_file_actions_init(&fa);
-  posix_spawn_file_actions_adddup2(&fa, pipefd[1], STDOUT_FILENO);
-  int rc = posix_spawn(&impl_->pid, binary.c_str(), &fa, nullptr, argv.data(), environ);
-  posix_spawn_file_actions_destroy(&fa);
-  ::close(pipefd[1]);
-  impl_->out_fd = pipefd[0];
-  if (rc != 0) {
-    impl_->pid = -1;
-    impl_->stop();
-    delete impl_;
-    fail("cannot start " + binary + ": " + std::strerror(rc));
+    fail(e.what());
   }
 
   // Wait for the ready line; the child's own message is on stderr if it quits.
+  const auto deadline = std::chrono::steady_clock::now() + kReadyTimeout;
   std::string out;
-  auto deadline = std::chrono::steady_clock::now() + kReadyTimeout;
-  while (out.find('\n') == std::string::npos) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        deadline - std::chrono::steady_clock::now());
-    pollfd p{impl_->out_fd, POLLIN, 0};
-    if (left.count() <= 0 || ::poll(&p, 1, static_cast<int>(left.count())) <= 0) {
+  while ((out = impl_->child->Poll().out).find('\n') == std::string::npos) {
+    std::string why;
+    if (!impl_->child->Running()) {
+      why = "tarn-devsim exited before it was ready (see its message above); args:";
+      for (size_t i = 1; i < args.size(); ++i) why += " " + args[i];
+    } else if (std::chrono::steady_clock::now() > deadline) {
+      why = "tarn-devsim did not report ready within 15 s";
+    }
+    if (!why.empty()) {
       impl_->stop();
       delete impl_;
-      fail("tarn-devsim did not report ready within 15 s");
+      fail(why);
     }
-    char buf[256];
-    ssize_t n = ::read(impl_->out_fd, buf, sizeof buf);
-    if (n <= 0) {
-      impl_->stop();
-      delete impl_;
-      fail("tarn-devsim exited before it was ready (see its message above); args:" +
-           [&] {
-             std::string s;
-             for (size_t i = 1; i < args.size(); ++i) s += " " + args[i];
-             return s;
-           }());
-    }
-    out.append(buf, static_cast<size_t>(n));
+    impl_->child->Poll(100);
   }
   if (out.rfind("tarn-devsim: ready on ", 0) != 0) {
     impl_->stop();

@@ -1,5 +1,5 @@
-// Runs the tarn tool as a child process, the way a shell user or a script
-// would: its arguments, an environment of its own, and what it printed.
+// A program run as a child process the way a shell user or a script would
+// run it: its arguments, an environment of its own, and what it printed.
 #pragma once
 
 #include <fcntl.h>
@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstring>
 #include <map>
 #include <stdexcept>
 #include <string>
@@ -18,7 +19,7 @@
 
 extern char **environ;
 
-namespace tarn_apps_test {
+namespace tarn::testing {
 
 struct Result {
   int code = -1;  // exit status, or 128 + signal when a signal ended it
@@ -26,12 +27,13 @@ struct Result {
   std::string err;
 };
 
-// A running tool. Collects both streams until it exits.
-class ToolProcess {
+// A running program. Collects its standard output, and its standard error
+// unless `capture_err` is false (then it goes where the test's own goes),
+// until it exits. `env` adds to or replaces the test's environment.
+class ChildProcess {
  public:
-  ToolProcess(const std::vector<std::string> &args, const std::map<std::string, std::string> &env) {
-    std::vector<std::string> words = {TARN_TOOL_PATH};
-    words.insert(words.end(), args.begin(), args.end());
+  ChildProcess(std::vector<std::string> words, const std::map<std::string, std::string> &env = {},
+               bool capture_err = true) {
     std::vector<std::string> vars;
     for (char **e = environ; *e != nullptr; ++e) {
       const std::string var = *e;
@@ -44,41 +46,47 @@ class ToolProcess {
     for (auto &v : vars) envp.push_back(v.data());
     envp.push_back(nullptr);
 
-    int out[2], err[2];
-    if (::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
+    int out[2], err[2] = {-1, -1};
+    if (::pipe2(out, O_CLOEXEC) != 0 || (capture_err && ::pipe2(err, O_CLOEXEC) != 0))
+      throw std::runtime_error("pipe");
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, err[1], STDERR_FILENO);
+    if (capture_err) posix_spawn_file_actions_adddup2(&actions, err[1], STDERR_FILENO);
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
     const int rc = posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), envp.data());
     posix_spawn_file_actions_destroy(&actions);
     ::close(out[1]);
-    ::close(err[1]);
+    if (capture_err) ::close(err[1]);
     out_fd_ = out[0];
     err_fd_ = err[0];
-    if (rc != 0) throw std::runtime_error("cannot start " + words[0]);
+    if (rc != 0) {
+      pid_ = -1;
+      throw std::runtime_error("cannot start " + words[0] + ": " + std::strerror(rc));
+    }
   }
-  ~ToolProcess() {
+  ~ChildProcess() {
     if (pid_ > 0) {
       ::kill(pid_, SIGKILL);
       Wait();
     }
   }
-  ToolProcess(const ToolProcess &) = delete;
-  ToolProcess &operator=(const ToolProcess &) = delete;
+  ChildProcess(const ChildProcess &) = delete;
+  ChildProcess &operator=(const ChildProcess &) = delete;
 
   void Signal(int sig) { ::kill(pid_, sig); }
 
-  // Reads what is there now without waiting for more.
-  const Result &Poll() {
-    Drain(0);
+  // Reads what arrives within `timeout_ms`.
+  const Result &Poll(int timeout_ms = 0) {
+    Drain(timeout_ms);
     return result_;
   }
+  // Until the program closes its standard output.
+  bool Running() const { return out_fd_ >= 0; }
 
-  // Waits until the tool exits (or kills it after a minute).
-  Result Wait() {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  // Waits until the program exits, killing it after `limit`.
+  Result Wait(std::chrono::seconds limit = std::chrono::seconds(60)) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
     while (out_fd_ >= 0 || err_fd_ >= 0) {
       if (std::chrono::steady_clock::now() > deadline) ::kill(pid_, SIGKILL);
       Drain(200);
@@ -114,8 +122,4 @@ class ToolProcess {
   Result result_;
 };
 
-inline Result RunTool(const std::vector<std::string> &args, const std::map<std::string, std::string> &env) {
-  return ToolProcess(args, env).Wait();
-}
-
-}  // namespace tarn_apps_test
+}  // namespace tarn::testing

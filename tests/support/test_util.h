@@ -1,0 +1,131 @@
+// Small helpers every test area uses: host files read and written whole,
+// the library's console lines captured, and the check that a call left
+// nothing open on the simulated device.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <plist/plist.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "simulator.h"
+
+namespace tarn::testing {
+
+inline std::string ReadAll(const std::filesystem::path &p) {
+  std::ifstream in(p, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+inline void WriteAll(const std::filesystem::path &p, const std::string &bytes) {
+  if (p.has_parent_path()) std::filesystem::create_directories(p.parent_path());
+  std::ofstream(p, std::ios::binary) << bytes;
+}
+
+// A property list as JSON, keys in the list's order; a kind JSON has no
+// word for (date, data, uid) becomes null.
+inline nlohmann::ordered_json PlistJson(plist_t node) {
+  using json = nlohmann::ordered_json;
+  switch (node ? plist_get_node_type(node) : PLIST_NONE) {
+    case PLIST_DICT: {
+      json out = json::object();
+      plist_dict_iter it = nullptr;
+      plist_dict_new_iter(node, &it);
+      for (;;) {
+        char *key = nullptr;
+        plist_t value = nullptr;
+        plist_dict_next_item(node, it, &key, &value);
+        if (!key) break;
+        out[key] = PlistJson(value);
+        free(key);
+      }
+      free(it);
+      return out;
+    }
+    case PLIST_ARRAY: {
+      json out = json::array();
+      for (uint32_t i = 0; i < plist_array_get_size(node); ++i) out.push_back(PlistJson(plist_array_get_item(node, i)));
+      return out;
+    }
+    case PLIST_STRING: return std::string(plist_get_string_ptr(node, nullptr));
+    case PLIST_UINT: {
+      uint64_t v = 0;
+      plist_get_uint_val(node, &v);
+      return v;
+    }
+    case PLIST_BOOLEAN: {
+      uint8_t v = 0;
+      plist_get_bool_val(node, &v);
+      return v != 0;
+    }
+    case PLIST_REAL: {
+      double v = 0;
+      plist_get_real_val(node, &v);
+      return v;
+    }
+    default: return nullptr;
+  }
+}
+
+// What `f` printed on standard output.
+template <typename F>
+std::string Console(F &&f) {
+  ::testing::internal::CaptureStdout();
+  f();
+  return ::testing::internal::GetCapturedStdout();
+}
+
+// TZ set to `zone` for the life of the object, then put back.
+class ScopedTimeZone {
+ public:
+  explicit ScopedTimeZone(const char *zone) {
+    if (const char *old = std::getenv("TZ")) {
+      saved_ = old;
+      had_ = true;
+    }
+    setenv("TZ", zone, 1);
+    tzset();
+  }
+  ~ScopedTimeZone() {
+    if (had_) setenv("TZ", saved_.c_str(), 1);
+    else unsetenv("TZ");
+    tzset();
+  }
+  ScopedTimeZone(const ScopedTimeZone &) = delete;
+  ScopedTimeZone &operator=(const ScopedTimeZone &) = delete;
+
+ private:
+  std::string saved_;
+  bool had_ = false;
+};
+
+// Runs a shell command, killed after `seconds`; gives its standard output
+// and error, and its exit status through `status` (-1 when it did not exit).
+inline std::string run_command(const std::string &cmd, int *status = nullptr, int seconds = 30) {
+  std::string out;
+  FILE *f = ::popen(("timeout " + std::to_string(seconds) + " " + cmd + " 2>&1").c_str(), "r");
+  if (!f) return out;
+  char buf[4096];
+  while (size_t n = fread(buf, 1, sizeof buf, f)) out.append(buf, n);
+  const int st = ::pclose(f);
+  if (status) *status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+  return out;
+}
+
+// Nothing of a call may outlive it on the device.
+inline void ExpectIdle(Simulator &sim, const std::string &udid, const std::string &after) {
+  const SimStats s = sim.idle_stats(udid);
+  EXPECT_EQ(s.connections_open, 0) << "connection left open after " << after;
+  EXPECT_EQ(s.files_open, 0) << "file handle left open after " << after;
+  EXPECT_EQ(s.locks_held, 0) << "lock left held after " << after;
+}
+
+}  // namespace tarn::testing

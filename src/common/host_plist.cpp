@@ -10,8 +10,8 @@
 namespace tarn {
 namespace {
 
-// libplist's binary reader turns a UTF-16 string that holds U+0000 into a
-// node whose recorded length runs past its first NUL. plist_get_string_val
+// A NUL inside a string (a raw byte in XML, U+0000 in a binary plist's
+// UTF-16) gives a libplist node whose recorded length runs past that NUL. plist_get_string_val
 // aborts on such a node, and plist_copy of it (media items copy purchase
 // values) keeps the long length over a short buffer, which plist_to_xml then
 // reads past. Every string is cut at its first NUL once, here, so that what

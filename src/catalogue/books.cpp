@@ -34,10 +34,8 @@ plist_t BookItem(plist_t book, const char *prefix) {
   AddPlistNoneStrToDict(item, "genre", plist_dict_get_item(book, "Genre"));
   plist_t path = plist_dict_get_item(book, "Path");
   if (plist_get_node_type(path) == PLIST_STRING) {
-    char *relative = nullptr;
-    plist_get_string_val(path, &relative);
-    tarn::CString owned_relative(relative);
-    tarn::CString full(ConcatStr(prefix, relative));
+    const tarn::CString relative = tarn::StringOf(path);
+    tarn::CString full(ConcatStr(prefix, relative.get()));
     InsertPlistDictString(item, "path", full.get());
   } else {
     InsertPlistDictString(item, "path", "");

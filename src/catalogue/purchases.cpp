@@ -29,10 +29,10 @@ TARN_API uint32_t GetPurchaseMusicListFromPlist(PodDevice *device, const char *p
   plist_dict_new_iter(purchases, &it);
   const std::unique_ptr<void, decltype(&std::free)> iter_owner(it, &std::free);
   for (;;) {
-    char *key = nullptr;
     plist_t entry = nullptr;
-    plist_dict_next_item(purchases, it, &key, &entry);
-    std::free(key);
+    // The keys are not needed, and reading one with a NUL inside would
+    // abort in libplist.
+    plist_dict_next_item(purchases, it, nullptr, &entry);
     if (entry == nullptr) break;
     // A purchase that names no file, or whose file the device no longer
     // has, is left out, so that "number" always counts the items.
@@ -40,10 +40,8 @@ TARN_API uint32_t GetPurchaseMusicListFromPlist(PodDevice *device, const char *p
     plist_t name_node = plist_dict_get_item(plist_dict_get_item(entry, "com.apple.iTunesStore.downloadInfo"),
                                             "mediaAssetFilename");
     if (id == nullptr || plist_get_node_type(name_node) != PLIST_STRING) continue;
-    char *name = nullptr;
-    plist_get_string_val(name_node, &name);
-    tarn::CString owned_name(name);
-    tarn::CString device_path(ConcatFilePath("/Purchases", name));
+    const tarn::CString name = tarn::StringOf(name_node);
+    tarn::CString device_path(ConcatFilePath("/Purchases", name.get()));
     tarn::FileInfo info(GetFileInfo(conn.afc(), device_path.get()));
     const char *size_text = info.get()[1];
     if (size_text == nullptr) continue;

@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "common/host_plist.h"
+
 namespace tarn {
 
 bool WalkDbEntry(plist_t entry, const DbFileVisitor &visit) {
@@ -16,10 +18,8 @@ bool WalkDbEntry(plist_t entry, const DbFileVisitor &visit) {
       continue;
     uint64_t type = 0;
     plist_get_uint_val(type_node, &type);
-    char *path = nullptr;
-    plist_get_string_val(path_node, &path);
-    const bool stop = visit(type, path ? path : "");
-    std::free(path);
+    const CString path = StringOf(path_node);
+    const bool stop = visit(type, path ? path.get() : "");
     if (stop) return true;
   }
   return false;

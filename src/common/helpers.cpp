@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/host_plist.h"
 #include "common/raii.h"
 #include "tarn/tarn_device.h"
 
@@ -16,14 +17,6 @@ char *CopyText(const char *text) {
   char *copy = static_cast<char *>(std::malloc(n + 1));
   if (copy) std::memcpy(copy, text, n + 1);
   return copy;
-}
-
-// The string value of a node as a malloc'd copy, or null when the node is
-// not a string.
-tarn::CString StringValue(plist_t node) {
-  char *value = nullptr;
-  if (node != nullptr && plist_get_node_type(node) == PLIST_STRING) plist_get_string_val(node, &value);
-  return tarn::CString(value);
 }
 
 }  // namespace
@@ -41,12 +34,12 @@ TARN_API int AddNoneValuePlistDictString(plist_t dict, const char *key, const ch
 }
 
 TARN_API void AddPlistStrToDict(plist_t dict, const char *key, plist_t node) {
-  tarn::CString value = StringValue(node);
+  tarn::CString value = tarn::StringOf(node);
   InsertPlistDictString(dict, key, value.get());
 }
 
 TARN_API void AddPlistNoneStrToDict(plist_t dict, const char *key, plist_t node) {
-  tarn::CString value = StringValue(node);
+  tarn::CString value = tarn::StringOf(node);
   AddNoneValuePlistDictString(dict, key, value.get());
 }
 

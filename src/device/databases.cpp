@@ -57,10 +57,13 @@ TARN_API int IsPodFileValid(afc_client_t client, const char *path) {
     if (attrs) g_strfreev(attrs);
     return 0;
   }
+  // A success that carries no information (an empty answer gives no
+  // vector at all) describes nothing that could be copied and read.
+  if (attrs == nullptr) return 0;
   tarn::StrVec owned(attrs);
   for (char **kv = attrs; kv[0] != nullptr && kv[1] != nullptr; kv += 2) {
     // An empty database is as good as none: nothing could be read from it.
-    if (std::strcmp(kv[0], "st_size") == 0 && std::atoll(kv[1]) == 0) return 0;
+    if (std::strcmp(kv[0], "st_size") == 0 && std::strtoll(kv[1], nullptr, 10) == 0) return 0;
   }
   return 1;
 }

@@ -1,12 +1,13 @@
 // Eight threads over four simulated devices, each thread with a handle of its
-// own: transfers both ways, snapshots, searches, directory creation and the
-// catalogue lists at the same time. Every thread must see its own device's
-// data, and no device may hold anything once the threads are done. Run under
-// ThreadSanitizer by scripts/test --tsan.
+// own: transfers both ways, snapshots, searches, directory creation, device
+// information and the catalogue lists over a real music database, all at the
+// same time. Every thread must see its own device's data, and no device may
+// hold anything once the threads are done. Run under ThreadSanitizer by
+// scripts/test --tsan.
 #include <atomic>
 #include <thread>
 
-#include "../devicefs/fs_fixture.h"
+#include "catalogue_image.h"
 
 namespace tarn_fs_test {
 namespace {
@@ -17,9 +18,36 @@ constexpr int kRounds = 3;
 
 std::string Udid(int device) { return "00008030-0000TARNCC000" + std::to_string(device); }
 
+// The catalogue lists a thread reads from its own initialised handle.
+constexpr PodListFunction kLists[] = {GetMusicList, GetPlayList, GetRecordingList, GetBookList, GetCameraPVList};
+
+uint64_t Number(plist_t list) {
+  uint64_t n = 0;
+  if (list) plist_get_uint_val(plist_dict_get_item(list, "number"), &n);
+  return n;
+}
+
+// The item count of every list (the length of the playlist and catalogue
+// arrays); read once by the main thread as the answer every thread must see
+// too.
+std::vector<uint64_t> ListCounts(PodDevice *device) {
+  std::vector<uint64_t> counts;
+  for (PodListFunction list : kLists) {
+    plist_t result = list(device, 0, 0);
+    const bool array = plist_get_node_type(result) == PLIST_ARRAY;
+    counts.push_back(array ? plist_array_get_size(result) : Number(result));
+    if (result) plist_free(result);
+  }
+  plist_t pictures = GetUserPictureListFromDevice(device);
+  counts.push_back(Number(pictures));
+  if (pictures) plist_free(pictures);
+  return counts;
+}
+
 struct Device {
   Image image;
   std::string data;  // the content of /c/data on this device
+  std::vector<uint64_t> counts;  // ListCounts of this device
 };
 
 // What one thread does with its own handle; failures are collected as texts
@@ -32,6 +60,8 @@ void Work(int thread, Device &dev, const std::string &udid, std::vector<std::str
   const std::string mine = Bytes(90000 + thread * 1000, 100 + thread);
   WriteAll(host / "up", mine);
   const std::string up_path = "/c/up" + std::to_string(thread);
+  fs::create_directories(host / "work");
+  if (InitDevice(device, (host / "work").c_str()) != 0) fail("InitDevice");
 
   for (int round = 0; round < kRounds; ++round) {
     CopyFileFromDeviceToNative(device, "/c/data", (host / "data").c_str(), nullptr);
@@ -57,6 +87,11 @@ void Work(int thread, Device &dev, const std::string &udid, std::vector<std::str
     if (!info[1] || std::to_string(dev.data.size()) != info[1]) fail("file information");
     for (int i = 0; i < 5; ++i) g_free(info[i]);
     g_free(info);
+
+    if (ListCounts(device) != dev.counts) fail("catalogue lists differ from a lone reader's");
+    plist_t about = GetDeviceInfo(device);
+    if (about == nullptr) fail("GetDeviceInfo");
+    if (about) plist_free(about);
   }
   FreePodDevice(device);
 }
@@ -71,10 +106,23 @@ TEST(ConcurrencyTest, EightThreadsOverFourDevicesEachSeeTheirOwnDevice) {
     dev->image.File("/c/tree/leaf1", "1");
     dev->image.File("/c/tree/a/leaf2", "2");
     dev->image.File("/c/tree/a/b/other", "3");
+    AddCatalogue(dev->image);
     sims.push_back({dev->image.root().string(), Udid(d), {}});
     devices.push_back(std::move(dev));
   }
   tarn::testing::Simulator sim(sims);
+  testing::internal::CaptureStdout();
+  for (int d = 0; d < kDevices; ++d) {
+    PodDevice *alone = CreatePodDevice(Udid(d).c_str());
+    const fs::path work = devices[d]->image.host("alone");
+    fs::create_directories(work);
+    EXPECT_EQ(InitDevice(alone, work.c_str()), 0);
+    devices[d]->counts = ListCounts(alone);
+    FreePodDevice(alone);
+  }
+  testing::internal::GetCapturedStdout();
+  // Every list has something to read, so a thread that reads nothing is seen.
+  for (uint64_t n : devices[0]->counts) EXPECT_GT(n, 0u);
 
   std::vector<std::vector<std::string>> errors(kThreads);
   std::vector<std::thread> threads;

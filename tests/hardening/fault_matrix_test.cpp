@@ -5,7 +5,13 @@
 // come back in bounded time with the documented failure result (or, for a
 // drop after the decisive answer, the success result), leave the data it
 // touched consistent, and leave nothing open on the device.
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <atomic>
 #include <chrono>
+#include <cstring>
 #include <functional>
 #include <set>
 
@@ -232,7 +238,9 @@ TEST_F(FaultMatrixTest, EveryFileSystemOperationFailsCleanlyAtEveryRequest) {
   std::printf("fault matrix: %zu operations, %d runs\n", std::size(ops), runs);
 }
 
-// The catalogue operations that reach the device. The lists read local
+// The catalogue operations that reach the device (the readers they are built
+// on, purchases, recordings and camera-roll SQLite, ask through the same
+// connection and are run through them). The lists read local
 // copies that a healthy InitDevice made; InitDevice itself runs on a handle
 // and a working directory of its own each time, and the lists are run on
 // what it leaves, however little that is.
@@ -294,6 +302,17 @@ TEST_F(FaultMatrixTest, EveryCatalogueOperationFailsCleanlyAtEveryRequest) {
       {"GetMusicList with purchases", [] {}, list(GetMusicList, device)},
       {"GetRecordingList from its own database", [] {}, list(GetRecordingList, recordings)},
       {"GetCameraPVList", [] {}, list(GetCameraPVList, device)},
+      // The camera folder walk, which the list takes only when the photo
+      // database gives nothing.
+      {"ReadCameraDbTypeFromDevice", [] {},
+       [&](const Fault &f) {
+         plist_t result = ReadCameraDbTypeFromDevice(device);
+         ExpectConsistent(result);
+         if (f.refused()) {
+           EXPECT_EQ(result, nullptr);
+         }
+         if (result) plist_free(result);
+       }},
       {"GetUserPictureListFromDevice", [] {},
        [&](const Fault &f) {
          plist_t result = GetUserPictureListFromDevice(device);
@@ -314,6 +333,154 @@ TEST_F(FaultMatrixTest, EveryCatalogueOperationFailsCleanlyAtEveryRequest) {
   for (const Operation &op : ops) runs += RunMatrix(op);
   FreePodDevice(recordings);
   std::printf("catalogue fault matrix: %zu operations, %d runs\n", std::size(ops), runs);
+}
+
+// A device multiplexer of our own, for GetDevicesId: the device list is the
+// one exchange that never reaches a device, so the simulator cannot break
+// it. Each connection is answered by `serve`, given the socket.
+class FakeMultiplexer {
+ public:
+  explicit FakeMultiplexer(std::function<void(int)> serve) : serve_(std::move(serve)) {
+    path_ = dir_.path() + "/mux";
+    listener_ = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::strncpy(addr.sun_path, path_.c_str(), sizeof(addr.sun_path) - 1);
+    EXPECT_EQ(::bind(listener_, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)), 0);
+    EXPECT_EQ(::listen(listener_, 8), 0);
+    if (const char *old = std::getenv("USBMUXD_SOCKET_ADDRESS")) old_env_ = old;
+    ::setenv("USBMUXD_SOCKET_ADDRESS", ("UNIX:" + path_).c_str(), 1);
+    thread_ = std::thread([this] {
+      while (!stop_) {
+        pollfd p{listener_, POLLIN, 0};
+        if (::poll(&p, 1, 50) != 1) continue;
+        const int fd = ::accept(listener_, nullptr, nullptr);
+        if (fd < 0) continue;
+        serve_(fd);
+        ::close(fd);
+      }
+    });
+  }
+  ~FakeMultiplexer() {
+    stop_ = true;
+    thread_.join();
+    ::close(listener_);
+    if (old_env_.empty()) {
+      ::unsetenv("USBMUXD_SOCKET_ADDRESS");
+    } else {
+      ::setenv("USBMUXD_SOCKET_ADDRESS", old_env_.c_str(), 1);
+    }
+  }
+
+  // Reads one request (header and payload); its tag, or 0 when the client
+  // left.
+  static uint32_t ReadRequest(int fd) {
+    uint32_t header[4];
+    if (::recv(fd, header, sizeof(header), MSG_WAITALL) != sizeof(header) || header[0] < sizeof(header)) return 0;
+    std::string payload(header[0] - sizeof(header), '\0');
+    if (::recv(fd, payload.data(), payload.size(), MSG_WAITALL) != static_cast<ssize_t>(payload.size())) return 0;
+    return header[3];
+  }
+  // A plist message answering the request with `tag`: length, version 1,
+  // message type 8 (plist), tag.
+  static std::string Message(uint32_t tag, const std::string &payload, uint32_t claimed = 0) {
+    const uint32_t header[4] = {claimed ? claimed : static_cast<uint32_t>(16 + payload.size()), 1, 8, tag};
+    return std::string(reinterpret_cast<const char *>(header), sizeof(header)) + payload;
+  }
+  static void Send(int fd, const std::string &bytes) { (void)!::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
+
+ private:
+  tarn::testing::TempDir dir_;
+  std::string path_, old_env_;
+  int listener_ = -1;
+  std::function<void(int)> serve_;
+  std::atomic<bool> stop_{false};
+  std::thread thread_;
+};
+
+// The device list's exchange cut at every point, and answered with what no
+// multiplexer sends: the list is null and comes back in bounded time. The
+// whole answer, which shows that the fake is heard at all, goes first:
+// after one failed list libusbmuxd asks with "Listen" instead, for the rest
+// of the process.
+TEST(DeviceListFaults, GetDevicesIdGivesNullWhenTheMultiplexerBreaksOff) {
+  const std::string answer = [] {
+    plist_t props = Dict({{"ConnectionType", plist_new_string("USB")},
+                          {"DeviceID", plist_new_uint(7)},
+                          {"LocationID", plist_new_uint(0x14100007)},
+                          {"ProductID", plist_new_uint(0x12a8)},
+                          {"SerialNumber", plist_new_string(kUdid)}});
+    plist_t device = Dict({{"DeviceID", plist_new_uint(7)},
+                           {"MessageType", plist_new_string("Attached")},
+                           {"Properties", props}});
+    plist_t list = plist_new_array();
+    plist_array_append_item(list, device);
+    plist_t root = Dict({{"DeviceList", list}});
+    char *xml = nullptr;
+    uint32_t length = 0;
+    plist_to_xml(root, &xml, &length);
+    std::string out(xml, length);
+    std::free(xml);
+    plist_free(root);
+    return out;
+  }();
+  using M = FakeMultiplexer;
+  struct Case {
+    const char *what;
+    std::function<void(int)> serve;
+    bool listed;
+  } cases[] = {
+      {"the whole answer",
+       [&](int fd) {
+         if (uint32_t tag = M::ReadRequest(fd)) M::Send(fd, M::Message(tag, answer));
+       },
+       true},
+      {"closed before the request", [](int) {}, false},
+      {"closed after the request", [](int fd) { M::ReadRequest(fd); }, false},
+      // libusbmuxd gives up after five seconds of silence.
+      {"silence after the request",
+       [](int fd) {
+         char byte;
+         if (M::ReadRequest(fd)) (void)::recv(fd, &byte, 1, 0);  // until the client gives up
+       },
+       false},
+      {"half an answer",
+       [&](int fd) {
+         if (uint32_t tag = M::ReadRequest(fd)) M::Send(fd, M::Message(tag, answer).substr(0, 16 + answer.size() / 2));
+       },
+       false},
+      {"an answer that is no property list",
+       [](int fd) {
+         if (uint32_t tag = M::ReadRequest(fd)) M::Send(fd, M::Message(tag, std::string(64, '\x7f')));
+       },
+       false},
+      {"an answer that claims two gigabytes",
+       [&](int fd) {
+         if (uint32_t tag = M::ReadRequest(fd)) M::Send(fd, M::Message(tag, answer, 0x7ffffff0u));
+       },
+       false},
+  };
+  int runs = 0;
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.what);
+    M mux(c.serve);
+    const auto start = std::chrono::steady_clock::now();
+    testing::internal::CaptureStdout();
+    plist_t ids = GetDevicesId();
+    testing::internal::GetCapturedStdout();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15)) << "took too long";
+    EXPECT_EQ(ids != nullptr, c.listed);
+    if (ids) {
+      ASSERT_EQ(plist_array_get_size(ids), 1u);
+      char *id = nullptr;
+      plist_get_string_val(plist_array_get_item(ids, 0), &id);
+      EXPECT_STREQ(id, kUdid);
+      std::free(id);
+      plist_free(ids);
+    }
+    ++runs;
+  }
+  std::printf("device list faults: 1 operation, %d runs\n", runs);
 }
 
 }  // namespace

@@ -203,6 +203,85 @@ TEST_F(ForeignDatabaseTest, BookCataloguesOfAnotherShape) {
   }
 }
 
+// Property lists whose strings hold a NUL (found by fuzzing the book
+// catalogue): libplist records such a string's length past the NUL, and
+// reading it aborted, copying it and printing the copy read past its end.
+// Every "éé" in the strings becomes "é" and a NUL: a raw byte in XML, U+0000
+// in the UTF-16 of a binary plist.
+std::string WithNul(plist_t root, bool binary) {
+  std::string bytes, marker;
+  if (binary) {
+    bytes = BinaryPlist(root);
+    marker.assign("\x00\xe9\x00\xe9", 4);
+  } else {
+    char *xml = nullptr;
+    uint32_t length = 0;
+    plist_to_xml(root, &xml, &length);
+    bytes.assign(xml, length);
+    std::free(xml);
+    plist_free(root);
+    marker = "\xc3\xa9\xc3\xa9";
+  }
+  // The second "é" becomes NULs (in UTF-16 its first byte already is one).
+  for (size_t at = bytes.find(marker); at != std::string::npos; at = bytes.find(marker, at + 4))
+    bytes[at + 2] = bytes[at + 3] = '\0';
+  return bytes;
+}
+
+std::string Text(plist_t dict, const char *key) {
+  char *text = nullptr;
+  plist_get_string_val(plist_dict_get_item(dict, key), &text);
+  std::string out = text ? text : "(none)";
+  std::free(text);
+  return out;
+}
+
+TEST_F(ForeignDatabaseTest, StringsHoldingANulAreCutAtTheNul) {
+  image.File("/Purchases/p\xc3\xa9", "123456");
+  for (const bool binary : {true, false}) {
+    SCOPED_TRACE(binary ? "binary" : "XML");
+    const std::string books = HostFile(
+        "Books.plist",
+        WithNul(Dict({{"Books", Array({Dict({{"Name", plist_new_string("Title\xc3\xa9\xc3\xa9 tail")},
+                                             {"Path", plist_new_string("a\xc3\xa9\xc3\xa9.epub")}})})}}),
+                binary));
+    plist_t catalogue = Quiet([&] { return ReadBookDbTypePLIST(books.c_str(), "/Books.plist"); });
+    ASSERT_NE(catalogue, nullptr);
+    plist_t book = plist_array_get_item(plist_dict_get_item(catalogue, "item"), 0);
+    EXPECT_EQ(Text(book, "title"), "Title\xc3\xa9");
+    const std::string path = Text(book, "path");
+    EXPECT_EQ(path.substr(path.size() - 3), "a\xc3\xa9");
+    plist_free(catalogue);
+
+    const std::string purchases = HostFile(
+        "TrackData.plist",
+        WithNul(Dict({{"contentInfoByXMLFilename",
+                       Dict({{"p.xml",
+                              Dict({{"itemId", plist_new_uint(1)},
+                                    {"com.apple.iTunesStore.downloadInfo",
+                                     Dict({{"mediaAssetFilename", plist_new_string("p\xc3\xa9\xc3\xa9.m4a")}})},
+                                    {"itemName", plist_new_string("Song\xc3\xa9\xc3\xa9 two")}})}})}}),
+                binary));
+    plist_t items = plist_new_array();
+    uint64_t total = 0;
+    testing::internal::CaptureStdout();
+    const uint32_t n = GetPurchaseMusicListFromPlist(device, purchases.c_str(), items, &total,
+                                                     binary ? plist_from_bin : plist_from_xml);
+    // What an application does with a list: copy it and print it.
+    plist_t copy = plist_copy(items);
+    PrintPlist(copy);
+    testing::internal::GetCapturedStdout();
+    ASSERT_EQ(n, 1u);
+    plist_t item = plist_array_get_item(copy, 0);
+    EXPECT_EQ(Text(item, "title"), "Song\xc3\xa9");
+    EXPECT_EQ(Text(item, "path"), "/Purchases/p\xc3\xa9");
+    EXPECT_EQ(total, 6u);
+    plist_free(copy);
+    plist_free(items);
+  }
+  ExpectIdle("catalogues with a NUL in their strings");
+}
+
 TEST_F(ForeignDatabaseTest, DamagedMusicDatabasesGiveNull) {
   const std::string real = RealMusicDatabase();
   ASSERT_GT(real.size(), 256u);

@@ -148,6 +148,51 @@ TEST_F(UntrustedDeviceTest, FileInformationOfEveryShapeIsReadSlotBySlot) {
   ExpectIdle("file information of every shape");
 }
 
+// The answers InitDevice weighs before it copies a database: a success
+// without any information (found by fuzzing: it was read as a vector) and
+// sizes of every shape. A database is taken when the device may hold
+// something in it, and then copied whole.
+TEST_F(UntrustedDeviceTest, InitDeviceTakesOnlyDatabasesTheDeviceDescribes) {
+  const std::string db = "/iTunes_Control/iTunes/iTunesCDB";
+  image.File(db, "cdb bytes");
+  Start();
+  struct Case {
+    const char *what;
+    std::optional<Strings> strings;
+    bool taken;
+  } cases[] = {
+      {"success without a payload", std::nullopt, false},
+      {"a size of zero", Strings{"st_ifmt", "S_IFREG", "st_size", "0"}, false},
+      {"a size that is no number", Strings{"st_ifmt", "S_IFREG", "st_size", "none"}, false},
+      {"a key without its value", Strings{"st_ifmt", "S_IFREG", "st_size"}, true},
+      {"a size beyond 64 bits", Strings{"st_ifmt", "S_IFREG", "st_size", "99999999999999999999999"}, true},
+      {"no size at all", Strings{"st_ifmt", "S_IFREG"}, true},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.what);
+    g_info = [&](const std::string &path) -> std::optional<Answer> {
+      if (path == db) return Answer{AFC_E_SUCCESS, c.strings};
+      return std::nullopt;
+    };
+    fs::remove_all(image.host("init"));
+    fs::create_directories(image.host("init"));
+    PodDevice *fresh = CreatePodDevice(kUdid);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(InitDevice(fresh, image.host("init").c_str()), 0);
+    testing::internal::GetCapturedStdout();
+    ASSERT_NE(fresh->dbInfo, nullptr);
+    EXPECT_EQ(plist_dict_get_item(fresh->dbInfo, "TrackDb") != nullptr, c.taken);
+    if (c.taken) {
+      EXPECT_EQ(ReadAll(image.host("init/iTunesCDB")), "cdb bytes");
+    }
+    for (auto &e : fs::directory_iterator(image.host("init"))) {
+      EXPECT_TRUE(c.taken && e.path().filename() == "iTunesCDB") << e.path();
+    }
+    FreePodDevice(fresh);
+    ExpectIdle(c.what);
+  }
+}
+
 // A listing of `count` synthetic names below dir, each a file of one byte,
 // answered without asking the simulator.
 void SyntheticListing(const std::string &dir, int count) {

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <cerrno>
 #include <iterator>
 
 #include <glib.h>
@@ -38,13 +39,23 @@ plist_t BuildEntry(afc_client_t client, const char *const (&table)[N]) {
 // Whether the host copy holds as many bytes as the device file. A copy cut
 // short (the device went away in mid-transfer, the host disk filled up)
 // must not stay: existence is all a later InitDevice looks at, so it would
-// stand in for the database for good.
+// stand in for the database for good. A device that answers but states no
+// size, or none that fits 64 bits, leaves nothing to compare against: the
+// copy is kept then, as whatever it read is all there is.
 bool IsWholeCopy(afc_client_t client, const char *device_path, const char *local) {
-  tarn::FileInfo info(GetFileInfo(client, device_path));
-  const char *size = info.get()[tarn::kInfoSize];
   struct stat st {};
-  return size != nullptr && ::stat(local, &st) == 0 &&
-         static_cast<uint64_t>(st.st_size) == std::strtoull(size, nullptr, 10);
+  if (::stat(local, &st) != 0) return false;
+  tarn::FileInfo info(GetFileInfo(client, device_path));
+  // No kind means the question went unanswered (the device is gone): the
+  // copy cannot be vouched for.
+  if (info.get()[tarn::kInfoKind] == nullptr) return false;
+  const char *size = info.get()[tarn::kInfoSize];
+  if (size == nullptr || *size == '\0') return true;
+  char *end = nullptr;
+  errno = 0;
+  const unsigned long long expected = std::strtoull(size, &end, 10);
+  if (errno == ERANGE || *end != '\0') return true;
+  return static_cast<uint64_t>(st.st_size) == expected;
 }
 
 }  // namespace

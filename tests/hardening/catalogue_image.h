@@ -10,6 +10,7 @@
 #include <plist/plist.h>
 
 #include "../devicefs/fs_fixture.h"
+#include "images.h"
 
 namespace tarn_fs_test {
 
@@ -56,7 +57,7 @@ inline std::string PurchasesPlist(int count) {
 
 // The music database of a real iPhone, as the tests were given it.
 inline std::string RealMusicDatabase(const char *name = "iphone-a.itunescdb") {
-  return ReadAll(fs::path(TARN_SHARED_DIR) / "realdata/itunescdb" / name);
+  return ReadAll(tarn::testing::realdata(name));
 }
 
 // The rules every counted list holds, whatever it was read from.

@@ -1,6 +1,7 @@
 #include "images.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
@@ -43,7 +44,10 @@ nlohmann::ordered_json load_description(const std::string& name) {
 }
 
 std::string realdata(const std::string& file) {
-  return std::string(TARN_SHARED_DIR) + "/realdata/itunescdb/" + file;
+  // The shared data lies beside the project's root; a checkout elsewhere
+  // (a second work tree) names it with TARN_SHARED_DIR.
+  const char* shared = std::getenv("TARN_SHARED_DIR");
+  return std::string(shared && *shared ? shared : TARN_SHARED_DIR) + "/realdata/itunescdb/" + file;
 }
 
 }  // namespace tarn::testing

@@ -21,7 +21,8 @@ std::string shipped_description(const std::string& name);
 nlohmann::ordered_json load_description(const std::string& name);
 
 // The path of a real device database in the shared test data, e.g.
-// realdata("iphone-a.itunescdb").
+// realdata("iphone-a.itunescdb"). The environment variable TARN_SHARED_DIR
+// overrides where the shared data is found.
 std::string realdata(const std::string& file);
 
 }  // namespace tarn::testing

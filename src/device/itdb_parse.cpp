@@ -36,12 +36,12 @@ namespace {
 
 // A private, temporary device layout whose plain music database receives
 // the inflated copy, removed with everything in it on every path. libgpod is
-// given the layout (itdb_parse on a mount point) and not the file alone
-// (itdb_parse_file): only a parse on a mount point takes the device's clock
-// as its layout says, so the track times come out as they always have,
-// whatever the host's time zone. The database itself is an anonymous memory
-// file where the kernel has them, reached through a link in the layout, so
-// the inflated bytes never go to disk; elsewhere it is a file in the layout.
+// given the layout (itdb_parse on a mount point), not the file alone
+// (itdb_parse_file): without a mount point it shifts every track time by
+// the host's time zone, so the same database would read differently on hosts
+// in different zones. The database itself is an anonymous memory file where
+// the kernel has them, reached through a link in the layout, so the inflated
+// bytes never go to disk; elsewhere it is a file in the layout.
 class PlainDatabaseLayout {
  public:
   PlainDatabaseLayout() {

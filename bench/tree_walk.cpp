@@ -147,10 +147,9 @@ int main(int argc, char **argv) try {
         got = counted(w.library);
       }
       // Each library call opens its own connection and closes it again, so
-      // the raw loop does too: with one connection kept open for all runs,
-      // the floor's simulator thread is long settled on its core while
-      // every library call starts a new one, and the comparison measured
-      // where the scheduler put that thread (BENCHMARKS.md).
+      // the raw loop does too: a floor on one connection kept open for all
+      // runs would leave out requests every call must make (the usbmux and
+      // lockdown exchange, a new simulator thread to serve it).
       auto raw_walk = [&] {
         RawAfc raw(kUdid);
         // A snapshot also describes its root.

@@ -167,12 +167,26 @@ int main(int argc, char **argv) try {
       if (floor_got != w.expected)
         throw std::runtime_error("the raw loop of " + w.name + " made " + Text(floor_got) + ", not " + Text(w.expected));
       std::vector<double> lib, floor;
-      for (int i = 0; i < reps; ++i) {
+      // Turns in alternating order (raw first, then the library first), so
+      // that whatever one walk leaves running (the simulator tearing down
+      // its connection) falls on both sides alike.
+      auto run_raw = [&] {
         if (w.removes) restore();
         floor.push_back(Seconds(raw_walk));
+      };
+      auto run_library = [&] {
         if (w.removes) restore();
         QuietStdout quiet;
         lib.push_back(Seconds(w.library));
+      };
+      for (int i = 0; i < reps; ++i) {
+        if (i % 2 == 0) {
+          run_raw();
+          run_library();
+        } else {
+          run_library();
+          run_raw();
+        }
       }
       // Every sample goes to stderr: a median that a burst of load moved is
       // then plain to see.

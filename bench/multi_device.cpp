@@ -4,7 +4,7 @@
 // per-request latency (a USB link is bound by round trips, which threads
 // overlap).
 //
-//   bench_multi_device [--size MiB] [--reps N] [--devices N]
+//   bench_multi_device [--size MiB] [--reps N] [--devices N] [--latency-us 0|200]
 #include <filesystem>
 #include <string>
 #include <thread>
@@ -43,16 +43,21 @@ int main(int argc, char **argv) try {
   const int reps = static_cast<int>(Option(argc, argv, "--reps", 5));
   const int count = static_cast<int>(Option(argc, argv, "--devices", 4));
 
+  // --latency-us N measures that latency alone.
+  const long only = Option(argc, argv, "--latency-us", -1);
   tarn::testing::TempDir dir;
+  bool images_made = false;
   for (const long latency : {0L, 200L}) {
+    if (only >= 0 && latency != only) continue;
     std::vector<tarn::testing::SimDevice> sims;
     for (int i = 0; i < count; ++i) {
       const std::string image = dir.path() + "/image" + std::to_string(i);
-      if (latency == 0) tarn::testing::make_sim_image(image, {ImageEntry::patterned("big.bin", size, true)});
+      if (!images_made) tarn::testing::make_sim_image(image, {ImageEntry::patterned("big.bin", size, true)});
       std::vector<std::string> options;
       if (latency) options.push_back("latency_us=" + std::to_string(latency));
       sims.push_back({image, Udid(i), options});
     }
+    images_made = true;
     tarn::testing::Simulator sim(sims);
     std::vector<PodDevice *> devices;
     double one = 0, all = 0;

@@ -4,14 +4,13 @@
 #include "catalogue/media_item.h"
 #include "common/db_entry.h"
 #include "common/raii.h"
+#include "device/music_database.h"
 #include "tarn/tarn_device.h"
 
 extern "C" {
 
 TARN_API plist_t ReadPlaylistDbTypeCdb(const char *path) {
-  GError *error = nullptr;
-  tarn::ItdbPtr db(m_itdb_parse_file(path, &error));
-  if (error) g_error_free(error);
+  const tarn::MusicDatabase db(path);
   if (!db) return nullptr;
   const uint32_t count = itdb_playlists_number(db.get());
   std::printf("playlists_number is %d\n", static_cast<int>(count));

@@ -10,6 +10,7 @@
 #include "common/connection.h"
 #include "common/db_entry.h"
 #include "common/raii.h"
+#include "device/music_database.h"
 #include "devicefs/walk.h"
 #include "tarn/tarn_device.h"
 
@@ -101,9 +102,7 @@ TARN_API plist_t ReadRecordingDbTypeSQLITE(PodDevice *device, const char *path) 
 }
 
 TARN_API plist_t ReadRecordingDbTypeCdb(const char *path) {
-  GError *error = nullptr;
-  tarn::ItdbPtr db(m_itdb_parse_file(path, &error));
-  tarn::GErrorPtr owned_error(error);
+  const tarn::MusicDatabase db(path);
   if (!db || itdb_tracks_number(db.get()) == 0) return nullptr;
   // Unlike the database route, this result carries no "total".
   tarn::PlistPtr result(plist_new_dict());

@@ -6,6 +6,7 @@
 #include "catalogue/media_item.h"
 #include "common/db_entry.h"
 #include "common/raii.h"
+#include "device/music_database.h"
 #include "tarn/tarn_device.h"
 
 namespace {
@@ -48,9 +49,7 @@ TARN_API int IsMatchTrackType(Itdb_Track *track, uint32_t kind) {
 }
 
 TARN_API plist_t ReadTrackDbTypeCdb(const char *path, uint32_t kind) {
-  GError *error = nullptr;
-  tarn::ItdbPtr db(m_itdb_parse_file(path, &error));
-  if (error) g_error_free(error);
+  const tarn::MusicDatabase db(path);
   if (!db || itdb_tracks_number(db.get()) == 0) return nullptr;
   tarn::PlistPtr result(tarn::NewTrackListResult());
   plist_t items = tarn::ListItems(result.get());

@@ -5,6 +5,7 @@
 
 #include "common/connection.h"
 #include "common/raii.h"
+#include "device/music_database.h"
 #include "tarn/tarn_device.h"
 
 namespace {
@@ -39,6 +40,9 @@ TARN_API void SetDeviceUsage(PodDevice *device, afc_client_t client, plist_t inf
       plist_dict_set_item(info, "Available", plist_new_uint(static_cast<uint64_t>(available)));
     }
   }
+  // The music and movie totals come out of the same database: it is parsed
+  // once for both, and freed before this returns.
+  const tarn::SharedMusicDatabase one_parse;
   const uint64_t audio = ListTotal(GetMusicList(device, 0, 0));
   const uint64_t video = ListTotal(GetMovieList(device, 0, 0));
   const uint64_t photos = ListTotal(GetCameraPVList(device, 0, 0));

@@ -155,6 +155,43 @@ TEST_F(AfcTest, ReadSeekTellTruncate) {
   EXPECT_EQ(fs::file_size(media("hello.txt")), 2u);
 }
 
+// Holes are answered without reading them; a read must still give the
+// file's bytes wherever it starts and ends: inside a hole, across a hole's
+// edge into data, up to and past the end of a file that ends in a hole.
+TEST_F(AfcTest, SparseFilesReadAsTheirBytes) {
+  constexpr off_t kMiB = 1 << 20;
+  const std::string data(1000, 'd');
+  {
+    std::ofstream f(media("sparse.bin"), std::ios::binary);
+    f.seekp(kMiB);
+    f << data;
+  }
+  fs::resize_file(media("sparse.bin"), 3 * kMiB);
+  std::string want(3 * kMiB, '\0');
+  want.replace(kMiB, data.size(), data);
+
+  uint64_t h = 0;
+  ASSERT_EQ(afc_file_open(afc(), "/sparse.bin", AFC_FOPEN_RDONLY, &h), AFC_E_SUCCESS);
+  const struct {
+    uint64_t at;
+    uint32_t length;
+  } reads[] = {{0, 4096}, {kMiB - 100, 4096}, {kMiB + 500, 4096}, {kMiB + 4096, 65536}, {3 * kMiB - 10, 65536},
+               {3 * kMiB, 100}, {5 * kMiB, 100}};
+  for (const auto &r : reads) {
+    SCOPED_TRACE(r.at);
+    ASSERT_EQ(afc_file_seek(afc(), h, static_cast<int64_t>(r.at), SEEK_SET), AFC_E_SUCCESS);
+    std::string got(r.length, 'x');
+    uint32_t n = 0;
+    ASSERT_EQ(afc_file_read(afc(), h, got.data(), r.length, &n), AFC_E_SUCCESS);
+    got.resize(n);
+    EXPECT_EQ(got, r.at < want.size() ? want.substr(r.at, r.length) : "");
+    uint64_t pos = 0;
+    ASSERT_EQ(afc_file_tell(afc(), h, &pos), AFC_E_SUCCESS);
+    EXPECT_EQ(pos, r.at + n);
+  }
+  EXPECT_EQ(afc_file_close(afc(), h), AFC_E_SUCCESS);
+}
+
 TEST_F(AfcTest, LocksConflictAcrossConnections) {
   AfcClient other("afc-dev");
   ASSERT_TRUE(other.ok());

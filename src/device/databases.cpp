@@ -3,16 +3,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <cerrno>
 #include <iterator>
 
 #include <glib.h>
-#include <sys/stat.h>
 
 #include "common/connection.h"
 #include "common/db_entry.h"
 #include "common/raii.h"
-#include "devicefs/walk.h"
+#include "devicefs/transfer.h"
 #include "tarn/tarn_device.h"
 #include "tarn/tarn_tool.h"
 
@@ -34,28 +32,6 @@ plist_t BuildEntry(afc_client_t client, const char *const (&table)[N]) {
   }
   if (plist_array_get_size(entry.get()) == 0) return nullptr;
   return entry.release();
-}
-
-// Whether the host copy holds as many bytes as the device file. A copy cut
-// short (the device went away in mid-transfer, the host disk filled up)
-// must not stay: existence is all a later InitDevice looks at, so it would
-// stand in for the database for good. A device that answers but states no
-// size, or none that fits 64 bits, leaves nothing to compare against: the
-// copy is kept then, as whatever it read is all there is.
-bool IsWholeCopy(afc_client_t client, const char *device_path, const char *local) {
-  struct stat st {};
-  if (::stat(local, &st) != 0) return false;
-  tarn::FileInfo info(GetFileInfo(client, device_path));
-  // No kind means the question went unanswered (the device is gone): the
-  // copy cannot be vouched for.
-  if (info.get()[tarn::kInfoKind] == nullptr) return false;
-  const char *size = info.get()[tarn::kInfoSize];
-  if (size == nullptr || *size == '\0') return true;
-  char *end = nullptr;
-  errno = 0;
-  const unsigned long long expected = std::strtoull(size, &end, 10);
-  if (errno == ERANGE || *end != '\0') return true;
-  return static_cast<uint64_t>(st.st_size) == expected;
 }
 
 }  // namespace
@@ -105,8 +81,10 @@ TARN_API int CopyDbFileToNativeDir(PodDevice *device, afc_client_t client, plist
     if (local && !TarnIsFileExists(local.get())) {
       std::puts("......begin CopyDeviceFile");
       std::fflush(stdout);
-      _CopyFileFromDeviceToNative(device, client, device_path, local.get(), nullptr);
-      if (!IsWholeCopy(client, device_path, local.get())) std::remove(local.get());
+      // A copy cut short (the device went away in mid-transfer, the host
+      // disk filled up) must not stay: existence is all a later InitDevice
+      // looks at, so it would stand in for the database for good.
+      if (!tarn::DownloadWhole(device, client, device_path, local.get(), nullptr)) std::remove(local.get());
       std::puts("......end CopyDeviceFile");
       std::fflush(stdout);
     }

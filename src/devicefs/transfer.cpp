@@ -9,6 +9,7 @@
 
 #include "common/connection.h"
 #include "common/raii.h"
+#include "devicefs/transfer.h"
 #include "devicefs/walk.h"
 #include "tarn/tarn_device.h"
 
@@ -28,31 +29,33 @@ tarn::HostFile OpenHostFile(const char *path, const char *mode) {
 
 // The download proper, for a device file whose size is already known: the
 // directory copy has just asked the device about the file and does not ask
-// again.
-void Download(PodDevice *device, afc_client_t client, const char *device_path, const char *host_path,
+// again. True when the device file was read to its end and all of it was
+// written.
+bool Download(PodDevice *device, afc_client_t client, const char *device_path, const char *host_path,
               uint64_t total, PodProgressCallback progress) {
   std::printf("block_size: %ul\n", kBlockSize);
   tarn::AfcFile source(client, device_path, AFC_FOPEN_RDONLY);
   if (!source.is_open()) {
     std::puts("finish _CopyFile");
-    return;
+    return false;
   }
   // A host path that cannot be created (missing or read-only directory) ends
   // the transfer before it starts, like a device file that cannot be opened.
   tarn::HostFile target = OpenHostFile(host_path, "wb");
   if (!target) {
     std::puts("finish _CopyFile");
-    return;
+    return false;
   }
   // Only the bytes each read delivers are used, so the buffer needs no
   // clearing between blocks.
   const std::unique_ptr<char[]> buffer(new char[kBlockSize]);
   void *user = UserData(device);
   uint64_t done = 0;
-  bool cancelled = false;
+  bool cancelled = false, whole = false;
   for (;;) {
     uint32_t got = 0;
     if (afc_file_read(client, source.handle(), buffer.get(), kBlockSize, &got) != AFC_E_SUCCESS) break;
+    whole = got == 0;
     if (got == 0 || got > kBlockSize) break;
     // A full host disk ends the copy like a read error does.
     if (std::fwrite(buffer.get(), 1, got, target.get()) != got) break;
@@ -66,8 +69,11 @@ void Download(PodDevice *device, afc_client_t client, const char *device_path, c
   // transfer is over, and compares done with total to see how it ended.
   if (progress && !cancelled) progress(total, done, 1, user);
   source.close();
-  target.reset();
+  // Closing flushes nothing (the file is unbuffered), but a failed close
+  // still means the host may not hold every byte.
+  whole = std::fclose(target.release()) == 0 && whole;
   std::puts("finish _CopyFile");
+  return whole;
 }
 
 // Copies a directory tree below the entry that _CopyDirectory started with.
@@ -133,16 +139,25 @@ std::string AsDirectory(const char *dir, const char *name) {
 
 }  // namespace
 
+namespace tarn {
+
+bool DownloadWhole(PodDevice *device, afc_client_t client, const char *device_path, const char *host_path,
+                   PodProgressCallback progress) {
+  FileInfo info(GetFileInfo(client, device_path));
+  if (info.get()[kInfoKind] == nullptr) return false;
+  const char *size = info.get()[kInfoSize];
+  const uint64_t total = size ? std::strtoull(size, nullptr, 10) : 0;
+  info.reset();
+  return Download(device, client, device_path, host_path, total, progress);
+}
+
+}  // namespace tarn
+
 extern "C" {
 
 TARN_API void _CopyFileFromDeviceToNative(PodDevice *device, afc_client_t client, const char *device_path,
                                           const char *host_path, PodProgressCallback progress) {
-  tarn::FileInfo info(GetFileInfo(client, device_path));
-  if (info.get()[tarn::kInfoKind] == nullptr) return;
-  const char *size = info.get()[tarn::kInfoSize];
-  const uint64_t total = size ? std::strtoull(size, nullptr, 10) : 0;
-  info.reset();
-  Download(device, client, device_path, host_path, total, progress);
+  tarn::DownloadWhole(device, client, device_path, host_path, progress);
 }
 
 TARN_API void CopyFileFromDeviceToNative(PodDevice *device, const char *device_path, const char *host_path,

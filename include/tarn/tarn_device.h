@@ -353,8 +353,8 @@ TARN_API plist_t GetUserPictureDBFileInfo(afc_client_t client);
 
 /**
  * Copies the files of a database entry into the handle's hostDir, skipping
- * every file already there. A copy that ends short of the device file's
- * size is removed again, so that the next InitDevice copies it anew.
+ * every file already there. A copy cut short (the device file not read to its
+ * end) is removed again, so that the next InitDevice copies it anew.
  * @param entry An entry as built above, or NULL.
  * @return 1 when entry is NULL, else 0 (whatever the copies gave).
  */

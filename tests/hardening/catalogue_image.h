@@ -25,15 +25,22 @@ inline void Sql(const fs::path &db_path, const std::string &script) {
   sqlite3_close(db);
 }
 
-inline std::string BinaryPlist(plist_t root) {
+// A property list's bytes in either form; the node is consumed.
+inline std::string PlistBytes(plist_t root, bool binary) {
   char *bytes = nullptr;
   uint32_t length = 0;
-  plist_to_bin(root, &bytes, &length);
+  if (binary) {
+    plist_to_bin(root, &bytes, &length);
+  } else {
+    plist_to_xml(root, &bytes, &length);
+  }
   std::string out(bytes, length);
   std::free(bytes);
   plist_free(root);
   return out;
 }
+
+inline std::string BinaryPlist(plist_t root) { return PlistBytes(root, true); }
 
 inline plist_t Dict(std::initializer_list<std::pair<const char *, plist_t>> items) {
   plist_t d = plist_new_dict();

@@ -415,14 +415,7 @@ TEST(DeviceListFaults, GetDevicesIdGivesNullWhenTheMultiplexerBreaksOff) {
                            {"Properties", props}});
     plist_t list = plist_new_array();
     plist_array_append_item(list, device);
-    plist_t root = Dict({{"DeviceList", list}});
-    char *xml = nullptr;
-    uint32_t length = 0;
-    plist_to_xml(root, &xml, &length);
-    std::string out(xml, length);
-    std::free(xml);
-    plist_free(root);
-    return out;
+    return PlistBytes(Dict({{"DeviceList", list}}), false);
   }();
   using M = FakeMultiplexer;
   struct Case {

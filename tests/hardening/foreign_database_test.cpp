@@ -17,6 +17,13 @@ uint32_t Number(plist_t list) {
   return static_cast<uint32_t>(n);
 }
 
+struct DbCase {
+  const char *what;
+  std::string script;  // SQL, or with raw set, the file's bytes
+  int number;          // items expected; -1 for null, -2 for any
+  bool raw = false;
+};
+
 class ForeignDatabaseTest : public DeviceFsTest {
  protected:
   void SetUp() override {
@@ -44,13 +51,26 @@ class ForeignDatabaseTest : public DeviceFsTest {
     testing::internal::GetCapturedStdout();
     return result;
   }
-};
 
-struct DbCase {
-  const char *what;
-  std::string script;  // SQL, or with raw set, the file's bytes
-  int number;          // items expected; -1 for null
-  bool raw = false;
+  // Each case's database, as the local copy `file`, through `reader`: a
+  // consistent list or null as the case says, and nothing left open.
+  template <size_t N>
+  void ReadEach(const DbCase (&cases)[N], const char *file, plist_t (*reader)(PodDevice *, const char *)) {
+    for (const DbCase &c : cases) {
+      SCOPED_TRACE(c.what);
+      const std::string path = c.raw ? HostFile(file, c.script) : HostDb(file, c.script);
+      plist_t list = Quiet([&] { return reader(device, path.c_str()); });
+      ExpectConsistent(list);
+      if (c.number == -1) {
+        EXPECT_EQ(list, nullptr);
+      }
+      if (c.number >= 0) {
+        EXPECT_EQ(Number(list), static_cast<uint32_t>(c.number));
+      }
+      if (list) plist_free(list);
+      ExpectIdle(c.what);
+    }
+  }
 };
 
 TEST_F(ForeignDatabaseTest, RecordingDatabasesOfAnotherShape) {
@@ -74,20 +94,7 @@ TEST_F(ForeignDatabaseTest, RecordingDatabasesOfAnotherShape) {
            "INSERT INTO ZRECORDING VALUES (2, '/x/Recordings/a.m4a', NULL);",
        -2},
   };
-  for (const DbCase &c : cases) {
-    SCOPED_TRACE(c.what);
-    const std::string path = c.raw ? HostFile("Recordings.db", c.script) : HostDb("Recordings.db", c.script);
-    plist_t list = Quiet([&] { return ReadRecordingDbTypeSQLITE(device, path.c_str()); });
-    ExpectConsistent(list);
-    if (c.number == -1) {
-      EXPECT_EQ(list, nullptr);
-    }
-    if (c.number >= 0) {
-      EXPECT_EQ(Number(list), static_cast<uint32_t>(c.number));
-    }
-    if (list) plist_free(list);
-    ExpectIdle(c.what);
-  }
+  ReadEach(cases, "Recordings.db", ReadRecordingDbTypeSQLITE);
 }
 
 TEST_F(ForeignDatabaseTest, CameraDatabasesOfAnotherShapeFallBackToTheCameraFolder) {
@@ -102,17 +109,7 @@ TEST_F(ForeignDatabaseTest, CameraDatabasesOfAnotherShapeFallBackToTheCameraFold
        "INSERT INTO Photo VALUES ('DCIM/100APPLE', 'IMG_0001.JPG');",
        -2},
   };
-  for (const DbCase &c : cases) {
-    SCOPED_TRACE(c.what);
-    const std::string path = c.raw ? HostFile("Photos.sqlite", c.script) : HostDb("Photos.sqlite", c.script);
-    plist_t list = Quiet([&] { return ReadCameraDbTypeSQLITE(device, path.c_str()); });
-    ExpectConsistent(list);
-    if (c.number == -1) {
-      EXPECT_EQ(list, nullptr);
-    }
-    if (list) plist_free(list);
-    ExpectIdle(c.what);
-  }
+  ReadEach(cases, "Photos.sqlite", ReadCameraDbTypeSQLITE);
 }
 
 struct PlistCase {

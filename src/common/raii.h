@@ -66,6 +66,11 @@ struct ItdbDeleter {
 };
 using ItdbPtr = std::unique_ptr<Itdb_iTunesDB, ItdbDeleter>;
 
+struct ChapterdataDeleter {
+  void operator()(Itdb_Chapterdata *c) const { if (c) itdb_chapterdata_free(c); }
+};
+using ChapterdataPtr = std::unique_ptr<Itdb_Chapterdata, ChapterdataDeleter>;
+
 struct GErrorDeleter {
   void operator()(GError *e) const { if (e) g_error_free(e); }
 };

@@ -30,6 +30,7 @@
 #include <vector>
 
 #include "common/raii.h"
+#include "device/itdb_check.h"
 #include "tarn/tarn_device.h"
 
 namespace {
@@ -60,7 +61,7 @@ class PlainDatabaseLayout {
       if (::access(memory.c_str(), R_OK) == 0 && ::symlink(memory.c_str(), database_.c_str()) == 0) return;
       ::close(fd_);
     }
-    fd_ = ::open(database_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    fd_ = ::open(database_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
   }
   ~PlainDatabaseLayout() {
     if (fd_ >= 0) ::close(fd_);
@@ -87,6 +88,23 @@ class PlainDatabaseLayout {
     return true;
   }
 
+  // Whether what was written is a database libgpod may be given. The
+  // tracks' chapter data goes to `chapters`, and its records in the copy
+  // are turned into records of a type libgpod passes over.
+  bool Sound(std::vector<tarn::TrackChapters> &chapters) const {
+    struct stat st {};
+    if (::fstat(fd_, &st) != 0 || st.st_size <= 0) return false;
+    const size_t size = static_cast<size_t>(st.st_size);
+    void *map = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd_, 0);
+    if (map == MAP_FAILED) return false;
+    auto *data = static_cast<unsigned char *>(map);
+    const bool sound = tarn::PlainDatabaseIsSound(data, size, &chapters);
+    if (sound)
+      for (const tarn::TrackChapters &c : chapters) std::memset(data + c.record + 12, 0, 4);
+    ::munmap(map, size);
+    return sound;
+  }
+
  private:
   std::string root_, itunes_, database_;
   int fd_ = -1;
@@ -95,7 +113,7 @@ class PlainDatabaseLayout {
 // The compression flag lies at 0xA8 (16 bits), so a shorter header cannot
 // hold it.
 constexpr uint32_t kCompressionFlag = 0xA8;
-constexpr uint32_t kMinHeaderLength = kCompressionFlag + 1;
+constexpr uint32_t kMinHeaderLength = kCompressionFlag + 2;
 // Far beyond the inflated database of the fullest device, and short of what
 // a small file crafted to inflate without end would make us write out.
 constexpr uint64_t kMaxInflatedLength = uint64_t{512} << 20;
@@ -131,7 +149,7 @@ bool InflateDatabase(const char *path, PlainDatabaseLayout &out) {
     return false;
   // The copy is plain: with the compression flag left set, libgpod would
   // warn about an unknown value there on every parse.
-  std::fill(header.begin() + kCompressionFlag, header.begin() + std::min<uint32_t>(header_length, kCompressionFlag + 2), 0);
+  std::fill(header.begin() + kCompressionFlag, header.begin() + kCompressionFlag + 2, 0);
   if (!out.Write(header.data(), header.size())) return false;
 
   z_stream zs{};
@@ -216,12 +234,23 @@ TARN_API Itdb_iTunesDB *m_itdb_parse_file(const char *path, GError **error) {
     g_set_error(error, G_FILE_ERROR, G_FILE_ERROR_FAILED, "cannot prepare a parse of %s", path);
     return nullptr;
   }
-  if (!InflateDatabase(path, layout)) {
+  std::vector<tarn::TrackChapters> chapters;
+  if (!InflateDatabase(path, layout) || !layout.Sound(chapters)) {
     g_set_error(error, G_FILE_ERROR, G_FILE_ERROR_INVAL, "%s is no sound compressed music database", path);
     return nullptr;
   }
   Itdb_iTunesDB *db = itdb_parse(layout.root().c_str(), error);
   if (db == nullptr) return nullptr;
+  // The tracks come out in the order of their records.
+  auto next = chapters.begin();
+  size_t index = 0;
+  for (GList *t = db->tracks; t != nullptr && next != chapters.end(); t = t->next, ++index) {
+    if (next->track != index) continue;
+    auto *track = static_cast<Itdb_Track *>(t->data);
+    if (track->chapterdata != nullptr) itdb_chapterdata_free(track->chapterdata);
+    track->chapterdata = next->data.release();
+    ++next;
+  }
   // The layout is gone once we return: the database must not point at it.
   itdb_set_mountpoint(db, nullptr);
   g_free(db->filename);

@@ -1,0 +1,31 @@
+// A walk over a plain music database that goes where libgpod's parser goes
+// and stops wherever it would stumble.
+#pragma once
+
+#include <cstddef>
+#include <vector>
+
+#include "common/raii.h"
+
+namespace tarn {
+
+// The chapter data of one track, read by the walk: libgpod's own reading
+// of chapter data loses every chapter title it decodes, so the parse is
+// given the database with these records disabled and the walk's reading
+// is attached to the parsed tracks afterwards.
+struct TrackChapters {
+  size_t track;   // index of the track among the database's tracks
+  size_t record;  // offset of the chapter-data record in the database
+  ChapterdataPtr data;
+};
+
+// Whether libgpod can parse `data`, a plain music database (header first,
+// nothing compressed), without meeting a record that reaches past the end,
+// a length that makes no progress or a count it would loop on. libgpod
+// reads the file on trust: its error paths leak what they had built, and
+// on some damaged files report the same error twice and crash in glib. So
+// the catalogue hands it only databases that pass this walk. The tracks'
+// chapter data goes to `chapters` when it is given.
+bool PlainDatabaseIsSound(const unsigned char *data, size_t size, std::vector<TrackChapters> *chapters = nullptr);
+
+}  // namespace tarn

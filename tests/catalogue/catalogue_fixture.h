@@ -37,15 +37,27 @@ using Plist = std::unique_ptr<void, PlistFree>;
 inline std::string Text(const json &j) {
   std::string s;
   if (j.is_object()) {
-    for (const auto &[key, value] : j.items()) s += (s.empty() ? "{" : ",") + key + ":" + Text(value);
+    for (const auto &[key, value] : j.items()) {
+      s += s.empty() ? "{" : ",";
+      s += key;
+      s += ":";
+      s += Text(value);
+    }
     return s.empty() ? "{}" : s + "}";
   }
   if (j.is_array()) {
-    for (const auto &value : j) s += (s.empty() ? "[" : ",") + Text(value);
+    for (const auto &value : j) {
+      s += s.empty() ? "[" : ",";
+      s += Text(value);
+    }
     return s.empty() ? "[]" : s + "]";
   }
   if (j.is_number_unsigned()) return std::to_string(j.get<uint64_t>());
-  if (j.is_string()) return "\"" + j.get<std::string>() + "\"";
+  if (j.is_string()) {
+    s = "\"";
+    s += j.get<std::string>();
+    return s += "\"";
+  }
   return "?";
 }
 inline std::string Text(plist_t node) { return node ? Text(tarn::testing::PlistJson(node)) : "null"; }

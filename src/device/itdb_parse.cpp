@@ -9,7 +9,10 @@
 // sees it anyway. That one inflation is kept: its output, behind the
 // original header, is the plain database that libgpod then parses without
 // inflating anything, so a parse inflates the stream once instead of three
-// times (BENCHMARKS.md has the figures).
+// times (BENCHMARKS.md has the figures). Before libgpod sees the plain
+// database, a walk over its records (itdb_check.h) makes sure that it can
+// parse it; the stream's checksum is verified on a second thread while it
+// does.
 #include "device/music_database.h"
 
 #include <fcntl.h>
@@ -26,7 +29,10 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <string>
+#include <system_error>
+#include <thread>
 #include <vector>
 
 #include "common/raii.h"
@@ -88,26 +94,36 @@ class PlainDatabaseLayout {
     return true;
   }
 
-  // Whether what was written is a database libgpod may be given. The
-  // tracks' chapter data goes to `chapters`, and its records in the copy
-  // are turned into records of a type libgpod passes over.
-  bool Sound(std::vector<tarn::TrackChapters> &chapters) const {
-    struct stat st {};
-    if (::fstat(fd_, &st) != 0 || st.st_size <= 0) return false;
-    const size_t size = static_cast<size_t>(st.st_size);
-    void *map = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd_, 0);
-    if (map == MAP_FAILED) return false;
-    auto *data = static_cast<unsigned char *>(map);
-    const bool sound = tarn::PlainDatabaseIsSound(data, size, &chapters);
-    if (sound)
-      for (const tarn::TrackChapters &c : chapters) std::memset(data + c.record + 12, 0, 4);
-    ::munmap(map, size);
-    return sound;
-  }
+  int fd() const { return fd_; }
 
  private:
   std::string root_, itunes_, database_;
   int fd_ = -1;
+};
+
+// The plain database, mapped for the walk and the checksum.
+class Mapping {
+ public:
+  explicit Mapping(int fd) {
+    struct stat st {};
+    if (::fstat(fd, &st) != 0 || st.st_size <= 0) return;
+    void *map = ::mmap(nullptr, static_cast<size_t>(st.st_size), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    if (map == MAP_FAILED) return;
+    data_ = static_cast<unsigned char *>(map);
+    size_ = static_cast<size_t>(st.st_size);
+  }
+  ~Mapping() {
+    if (data_ != nullptr) ::munmap(data_, size_);
+  }
+  Mapping(const Mapping &) = delete;
+  Mapping &operator=(const Mapping &) = delete;
+
+  unsigned char *data() const { return data_; }
+  size_t size() const { return size_; }
+
+ private:
+  unsigned char *data_ = nullptr;
+  size_t size_ = 0;
 };
 
 // The compression flag lies at 0xA8 (16 bits), so a shorter header cannot
@@ -123,6 +139,12 @@ uint32_t Le32(const unsigned char *p) {
          static_cast<uint32_t>(p[3]) << 24;
 }
 
+// What InflateDatabase learnt of the stream.
+struct Inflated {
+  uint32_t header_length = 0;  // where the inflated part begins
+  uint32_t adler = 0;          // the checksum the stream ends with
+};
+
 // Writes the plain form of the compressed database at `path` to `out`: its
 // header as it stands, then the inflated stream, which is what libgpod's own
 // inflation hands its parser. libgpod would take the file on trust: it reads
@@ -131,7 +153,10 @@ uint32_t Le32(const unsigned char *p) {
 // wraps around to 4 GiB) and loops for ever on a stream that ends before
 // zlib's end marker. So the header is checked against the file, and only a
 // stream that reaches its end marker within the bound gives a database.
-bool InflateDatabase(const char *path, PlainDatabaseLayout &out) {
+// The stream is inflated raw: zlib would compute the checksum of the
+// output as it goes, while the caller verifies it beside libgpod's parse,
+// on another processor.
+bool InflateDatabase(const char *path, PlainDatabaseLayout &out, Inflated &result) {
   tarn::HostFile file(std::fopen(path, "rb"));
   struct stat st {};
   if (!file || ::fstat(::fileno(file.get()), &st) != 0) return false;
@@ -139,7 +164,8 @@ bool InflateDatabase(const char *path, PlainDatabaseLayout &out) {
   unsigned char head[12];
   if (std::fread(head, 1, sizeof head, file.get()) != sizeof head || std::memcmp(head, "mhbd", 4) != 0) return false;
   const uint32_t header_length = Le32(head + 4), total_length = Le32(head + 8);
-  if (header_length < kMinHeaderLength || header_length > size || total_length < header_length ||
+  // The stream's own header (2 bytes) and checksum (4) lie behind ours.
+  if (header_length < kMinHeaderLength || header_length > size || total_length < header_length + 6 ||
       total_length > size)
     return false;
   std::vector<unsigned char> header(header_length);
@@ -152,13 +178,18 @@ bool InflateDatabase(const char *path, PlainDatabaseLayout &out) {
   std::fill(header.begin() + kCompressionFlag, header.begin() + kCompressionFlag + 2, 0);
   if (!out.Write(header.data(), header.size())) return false;
 
+  // The stream header: deflate, no preset dictionary, its check bits right.
+  unsigned char stream[2];
+  if (std::fread(stream, 1, 2, file.get()) != 2 || (stream[0] & 0x0f) != Z_DEFLATED || (stream[0] >> 4) > 7 ||
+      (stream[1] & 0x20) != 0 || (stream[0] << 8 | stream[1]) % 31 != 0)
+    return false;
   z_stream zs{};
-  if (inflateInit(&zs) != Z_OK) return false;
+  if (inflateInit2(&zs, -MAX_WBITS) != Z_OK) return false;
   // On the heap: a library that applications may load late must not
   // claim large thread-local blocks.
   constexpr size_t kIn = size_t{1} << 16, kOut = size_t{1} << 18;
   const std::unique_ptr<unsigned char[]> in(new unsigned char[kIn]), inflated_block(new unsigned char[kOut]);
-  uint64_t left = total_length - header_length, inflated = 0;
+  uint64_t left = total_length - header_length - 2, inflated = 0;
   int rc = Z_OK;
   while (rc != Z_STREAM_END && inflated <= kMaxInflatedLength) {
     if (zs.avail_in == 0) {
@@ -176,9 +207,76 @@ bool InflateDatabase(const char *path, PlainDatabaseLayout &out) {
     inflated += got;
     if (inflated <= kMaxInflatedLength && !out.Write(inflated_block.get(), got)) break;
   }
+  // The checksum follows the end marker, big-endian.
+  unsigned char trailer[4];
+  size_t have = std::min<size_t>(zs.avail_in, sizeof trailer);
+  std::memcpy(trailer, zs.next_in, have);
   inflateEnd(&zs);
-  return rc == Z_STREAM_END && inflated <= kMaxInflatedLength;
+  if (rc != Z_STREAM_END || inflated > kMaxInflatedLength) return false;
+  if (have < sizeof trailer && std::fread(trailer + have, 1, sizeof trailer - have, file.get()) != sizeof trailer - have)
+    return false;
+  result.header_length = header_length;
+  result.adler = uint32_t{trailer[0]} << 24 | uint32_t{trailer[1]} << 16 | uint32_t{trailer[2]} << 8 | trailer[3];
+  return true;
 }
+
+// The Adler-32 checksum of a buffer of `length` bytes once the byte at
+// `at` has changed by `delta`: the first sum moves by delta, the second by
+// delta for each byte from `at` to the end.
+uint32_t AdlerAfterChange(uint32_t adler, uint64_t length, uint64_t at, int delta) {
+  constexpr int64_t kBase = 65521;
+  const auto mod = [](int64_t v) { return ((v % kBase) + kBase) % kBase; };
+  const int64_t a = mod(int64_t{adler & 0xffff} + delta);
+  const int64_t b = mod(int64_t{adler >> 16} + mod(delta) * mod(static_cast<int64_t>(length - at)));
+  return static_cast<uint32_t>(b << 16 | a);
+}
+
+// The Adler-32 checksum of the file `fd` from `offset` to its end,
+// computed on another thread while the caller goes on (inline where no
+// thread can be had). It reads the file rather than a mapping of it, so
+// that the pages it passes over do not stay in the process's memory.
+class ChecksumBeside {
+ public:
+  ChecksumBeside(int fd, off_t offset) : fd_(fd), offset_(offset) {
+    try {
+      thread_ = std::thread([this] { Sum(); });
+    } catch (const std::system_error &) {
+      Sum();
+    }
+  }
+  ~ChecksumBeside() {
+    if (thread_.joinable()) thread_.join();
+  }
+  ChecksumBeside(const ChecksumBeside &) = delete;
+  ChecksumBeside &operator=(const ChecksumBeside &) = delete;
+
+  // The checksum, or nothing when the file could not be read.
+  std::optional<uint32_t> Get() {
+    if (thread_.joinable()) thread_.join();
+    return sum_;
+  }
+
+ private:
+  void Sum() {
+    constexpr size_t kBlock = size_t{1} << 20;
+    const std::unique_ptr<unsigned char[]> block(new unsigned char[kBlock]);
+    uLong adler = adler32_z(0, nullptr, 0);
+    for (off_t at = offset_;;) {
+      const ssize_t n = ::pread(fd_, block.get(), kBlock, at);
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0) return;
+      if (n == 0) break;
+      adler = adler32_z(adler, block.get(), static_cast<size_t>(n));
+      at += n;
+    }
+    sum_ = static_cast<uint32_t>(adler);
+  }
+
+  int fd_;
+  off_t offset_;
+  std::optional<uint32_t> sum_;
+  std::thread thread_;
+};
 
 // The active SharedMusicDatabase of this thread, if any.
 thread_local tarn::SharedMusicDatabase *shared_parses = nullptr;
@@ -234,12 +332,38 @@ TARN_API Itdb_iTunesDB *m_itdb_parse_file(const char *path, GError **error) {
     g_set_error(error, G_FILE_ERROR, G_FILE_ERROR_FAILED, "cannot prepare a parse of %s", path);
     return nullptr;
   }
-  std::vector<tarn::TrackChapters> chapters;
-  if (!InflateDatabase(path, layout) || !layout.Sound(chapters)) {
+  Inflated inflated;
+  if (!InflateDatabase(path, layout, inflated)) {
     g_set_error(error, G_FILE_ERROR, G_FILE_ERROR_INVAL, "%s is no sound compressed music database", path);
     return nullptr;
   }
+  std::vector<tarn::TrackChapters> chapters;
+  uint32_t expected = inflated.adler;
+  {
+    const Mapping map(layout.fd());
+    if (map.data() == nullptr || !tarn::PlainDatabaseIsSound(map.data(), map.size(), &chapters)) {
+      g_set_error(error, G_FILE_ERROR, G_FILE_ERROR_INVAL, "%s is no sound compressed music database", path);
+      return nullptr;
+    }
+    // libgpod is kept away from chapter data (it loses every chapter title
+    // it decodes): the records become records of a type it passes over, and
+    // the walk's reading of them is attached to the tracks below.
+    const uint64_t body = map.size() - inflated.header_length;
+    for (const tarn::TrackChapters &c : chapters) {
+      for (size_t at = c.record + 12; at < c.record + 16; ++at) {
+        expected = AdlerAfterChange(expected, body, at - inflated.header_length, -map.data()[at]);
+        map.data()[at] = 0;
+      }
+    }
+  }
+  ChecksumBeside checksum(layout.fd(), inflated.header_length);
   Itdb_iTunesDB *db = itdb_parse(layout.root().c_str(), error);
+  if (checksum.Get() != expected) {
+    if (db != nullptr) itdb_free(db);
+    if (error != nullptr && *error != nullptr) g_clear_error(error);
+    g_set_error(error, G_FILE_ERROR, G_FILE_ERROR_INVAL, "%s fails its checksum", path);
+    return nullptr;
+  }
   if (db == nullptr) return nullptr;
   // The tracks come out in the order of their records.
   auto next = chapters.begin();

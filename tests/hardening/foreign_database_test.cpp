@@ -292,6 +292,7 @@ TEST_F(ForeignDatabaseTest, DamagedMusicDatabasesGiveNull) {
       {"cut in half", real.substr(0, real.size() / 2)},
       {"one byte short", real.substr(0, real.size() - 1)},
       {"the compressed part zeroed", real.substr(0, 0xF4) + std::string(real.size() - 0xF4, '\0')},
+      {"its checksum wrong", real.substr(0, real.size() - 1) + static_cast<char>(real.back() ^ 1)},
   };
   for (const Case &c : cases) {
     SCOPED_TRACE(c.what);

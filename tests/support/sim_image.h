@@ -108,8 +108,8 @@ inline void make_sim_image(const std::string& root, const std::vector<ImageEntry
 // A private directory removed with everything in it at the end of scope.
 class TempDir {
  public:
-  TempDir() {
-    std::string tmpl = (std::filesystem::temp_directory_path() / "tarn-test-XXXXXX").string();
+  explicit TempDir(const std::filesystem::path& base = std::filesystem::temp_directory_path()) {
+    std::string tmpl = (base / "tarn-test-XXXXXX").string();
     if (!::mkdtemp(tmpl.data())) throw std::runtime_error("mkdtemp failed");
     path_ = tmpl;
   }

@@ -2,7 +2,7 @@
  * tarn_device.h - Tarn_Device: browse and move the content of iPod, iPhone
  * and iPad devices attached over USB.
  *
- * The library is passive: it starts no threads and keeps no connection open
+ * The library is passive: nothing of it runs and no connection stays open
  * between calls. Every call that needs the device opens its own connection
  * and closes it before it returns.
  *
@@ -18,7 +18,9 @@
  *  - Most functions print a few progress lines on standard output; the lines
  *    are part of the interface and are listed with each function.
  *
- * Threads: the library keeps no global state and starts no threads.
+ * Threads: the library keeps no global state, and no thread of its own
+ * outlives a call (a parse of the music database verifies the file's
+ * checksum on a second thread, which ends before the parse returns).
  *  - May be shared: nothing of the library's own. Different handles, also
  *    for the same device, may be used from different threads at the same
  *    time; each call opens its own connection. Results (property lists,
@@ -361,9 +363,13 @@ TARN_API plist_t GetUserPictureDBFileInfo(afc_client_t client);
 TARN_API int CopyDbFileToNativeDir(PodDevice *device, afc_client_t client, plist_t entry);
 
 /**
- * Parses a host copy of the compressed music database (iTunesCDB).
+ * Parses a host copy of the compressed music database (iTunesCDB). A
+ * database whose records libgpod could not parse safely (lengths that lead
+ * outside the file or make no progress, a track holding a string twice), or
+ * whose checksum fails, gives NULL.
  * @param path Host path; NULL gives a warning and NULL.
- * @param error Receives libgpod's error report, may be NULL.
+ * @param error Receives the error report (libgpod's, or why the file was
+ *        refused), may be NULL.
  * @return The parsed database, released with itdb_free(), or NULL.
  */
 TARN_API Itdb_iTunesDB *m_itdb_parse_file(const char *path, GError **error);

@@ -8,6 +8,8 @@
 
 #include <plist/plist.h>
 
+#include "tarn/tarn_device.h"
+
 namespace tarn_fuzz {
 
 [[noreturn]] inline void Broken(const char *what, const char *rule) {
@@ -36,6 +38,25 @@ inline void CheckCountedList(plist_t list, const char *what, bool has_total = tr
   uint64_t sum = 0;
   for (uint32_t i = 0; i < n; ++i) sum += UintOf(plist_array_get_item(items, i), "size", what);
   if (UintOf(list, "total", what) != sum) Broken(what, "total is not the sum of the sizes");
+}
+
+// A compressed music database at `path`, parsed, and then read by every
+// reader built on the parse; each list must be consistent in itself.
+inline void ReadMusicDatabase(const char *path) {
+  GError *error = nullptr;
+  Itdb_iTunesDB *db = m_itdb_parse_file(path, &error);
+  if (error) g_error_free(error);
+  if (db == nullptr) return;  // the readers parse again and fail alike
+  itdb_free(db);
+  for (uint32_t kind = 0; kind <= 6; ++kind) {
+    plist_t list = ReadTrackDbTypeCdb(path, kind);
+    CheckCountedList(list, "track list");
+    if (list) plist_free(list);
+  }
+  if (plist_t playlists = ReadPlaylistDbTypeCdb(path)) plist_free(playlists);
+  plist_t recordings = ReadRecordingDbTypeCdb(path);
+  CheckCountedList(recordings, "recordings", false);
+  if (recordings) plist_free(recordings);
 }
 
 }  // namespace tarn_fuzz

@@ -116,17 +116,21 @@ class Walk {
     return true;
   }
 
-  bool Tracks(Pos section) {
-    Pos list = kNotFound, at = kNotFound;
-    if (!FindNext("mhlt", section, section, list) || list == kNotFound || !In(list, 12)) return false;
-    const uint32_t count = Le32(list + 8);
-    if (!FindNext("mhit", section, list, at)) return false;
-    // libgpod stops, without an error, at the first place that holds no
-    // track record.
+  // The list tagged `list` in the section at `section` and its records
+  // tagged `record`, each walked by `each`, as libgpod reads the tracks
+  // and the playlists: it stops, without an error, at the first place that
+  // holds no such record. More than `most` records refuse the section.
+  bool List(Pos section, const char (&list)[5], const char (&record)[5], uint32_t most, bool (Walk::*each)(Pos &)) {
+    Pos head = kNotFound, at = kNotFound;
+    if (!FindNext(list, section, section, head) || head == kNotFound || !In(head, 12)) return false;
+    const uint32_t count = Le32(head + 8);
+    if (!FindNext(record, section, head, at)) return false;
     for (uint32_t i = 0; i < count && at != kNotFound; ++i)
-      if (!Track(at)) return false;
+      if (i >= most || !(this->*each)(at)) return false;
     return true;
   }
+  bool Tracks(Pos section) { return List(section, "mhlt", "mhit", UINT32_MAX, &Walk::Track); }
+  bool Playlists(Pos section) { return List(section, "mhlp", "mhyp", kMaxPlaylists, &Walk::Playlist); }
 
   // A track record and its children; `at` moves to what follows the last
   // child, where libgpod looks for the next track.
@@ -161,17 +165,6 @@ class Walk {
       child += length;
     }
     at = child;
-    return true;
-  }
-
-  // libgpod reads the playlists of the section at `section`.
-  bool Playlists(Pos section) {
-    Pos list = kNotFound, at = kNotFound;
-    if (!FindNext("mhlp", section, section, list) || list == kNotFound || !In(list, 12)) return false;
-    const uint32_t count = Le32(list + 8);
-    if (!FindNext("mhyp", section, list, at)) return false;
-    for (uint32_t i = 0; i < count && at != kNotFound; ++i)
-      if (i >= kMaxPlaylists || !Playlist(at)) return false;
     return true;
   }
 

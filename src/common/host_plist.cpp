@@ -73,8 +73,7 @@ PlistPtr ParseHostPlist(const char *path, PodPlistParser parser) {
 
 CString StringOf(plist_t node) {
   if (node == nullptr || plist_get_node_type(node) != PLIST_STRING) return nullptr;
-  uint64_t length = 0;
-  const char *text = plist_get_string_ptr(node, &length);
+  const char *text = plist_get_string_ptr(node, nullptr);
   return CString(text ? strdup(text) : nullptr);
 }
 

@@ -84,10 +84,7 @@ class Walk {
   bool In(Pos at, Pos length) const { return at >= 0 && length >= 0 && at + length <= size_; }
   static bool Inside(Pos at, Pos length, Pos end) { return at >= 0 && length >= 0 && at + length <= end; }
   bool Tag(Pos at, const char (&tag)[5]) const { return std::memcmp(data_ + at, tag, 4) == 0; }
-  uint32_t Le32(Pos at) const {
-    const unsigned char *p = data_ + at;
-    return uint32_t{p[0]} | uint32_t{p[1]} << 8 | uint32_t{p[2]} << 16 | uint32_t{p[3]} << 24;
-  }
+  uint32_t Le32(Pos at) const { return tarn::Le32(data_ + at); }
   uint32_t Be32(Pos at) const {
     const unsigned char *p = data_ + at;
     return uint32_t{p[3]} | uint32_t{p[2]} << 8 | uint32_t{p[1]} << 16 | uint32_t{p[0]} << 24;

@@ -3,11 +3,18 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <vector>
 
 #include "common/raii.h"
 
 namespace tarn {
+
+// The little-endian 32-bit number at `p`, as the database stores its
+// lengths and counts.
+inline uint32_t Le32(const unsigned char *p) {
+  return uint32_t{p[0]} | uint32_t{p[1]} << 8 | uint32_t{p[2]} << 16 | uint32_t{p[3]} << 24;
+}
 
 // The chapter data of one track, read by the walk: libgpod's own reading
 // of chapter data loses every chapter title it decodes, so the parse is

@@ -101,7 +101,8 @@ class PlainDatabaseLayout {
   int fd_ = -1;
 };
 
-// The plain database, mapped for the walk and the checksum.
+// The plain database, mapped for the walk, which also turns the chapter
+// records into records libgpod passes over.
 class Mapping {
  public:
   explicit Mapping(int fd) {
@@ -134,10 +135,6 @@ constexpr uint32_t kMinHeaderLength = kCompressionFlag + 2;
 // a small file crafted to inflate without end would make us write out.
 constexpr uint64_t kMaxInflatedLength = uint64_t{512} << 20;
 
-uint32_t Le32(const unsigned char *p) {
-  return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16 |
-         static_cast<uint32_t>(p[3]) << 24;
-}
 
 // What InflateDatabase learnt of the stream.
 struct Inflated {
@@ -163,7 +160,7 @@ bool InflateDatabase(const char *path, PlainDatabaseLayout &out, Inflated &resul
   const uint64_t size = static_cast<uint64_t>(st.st_size);
   unsigned char head[12];
   if (std::fread(head, 1, sizeof head, file.get()) != sizeof head || std::memcmp(head, "mhbd", 4) != 0) return false;
-  const uint32_t header_length = Le32(head + 4), total_length = Le32(head + 8);
+  const uint32_t header_length = tarn::Le32(head + 4), total_length = tarn::Le32(head + 8);
   // The stream's own header (2 bytes) and checksum (4) lie behind ours.
   if (header_length < kMinHeaderLength || header_length > size || total_length < header_length + 6 ||
       total_length > size)

@@ -268,6 +268,18 @@ TEST_F(FaultMatrixTest, EveryCatalogueOperationFailsCleanlyAtEveryRequest) {
       if (result) plist_free(result);
     };
   };
+  // A list read by walking the device's folders: nothing when the file
+  // conduit is refused.
+  auto folder_walk = [&](plist_t (*fn)(PodDevice *)) {
+    return [&, fn](const Fault &f) {
+      plist_t result = fn(device);
+      ExpectConsistent(result);
+      if (f.refused()) {
+        EXPECT_EQ(result, nullptr);
+      }
+      if (result) plist_free(result);
+    };
+  };
   const Operation ops[] = {
       {"InitDevice", [&] { fs::remove_all(image.host("init")); },
        [&](const Fault &f) {
@@ -304,24 +316,8 @@ TEST_F(FaultMatrixTest, EveryCatalogueOperationFailsCleanlyAtEveryRequest) {
       {"GetCameraPVList", [] {}, list(GetCameraPVList, device)},
       // The camera folder walk, which the list takes only when the photo
       // database gives nothing.
-      {"ReadCameraDbTypeFromDevice", [] {},
-       [&](const Fault &f) {
-         plist_t result = ReadCameraDbTypeFromDevice(device);
-         ExpectConsistent(result);
-         if (f.refused()) {
-           EXPECT_EQ(result, nullptr);
-         }
-         if (result) plist_free(result);
-       }},
-      {"GetUserPictureListFromDevice", [] {},
-       [&](const Fault &f) {
-         plist_t result = GetUserPictureListFromDevice(device);
-         ExpectConsistent(result);
-         if (f.refused()) {
-           EXPECT_EQ(result, nullptr);
-         }
-         if (result) plist_free(result);
-       }},
+      {"ReadCameraDbTypeFromDevice", [] {}, folder_walk(ReadCameraDbTypeFromDevice)},
+      {"GetUserPictureListFromDevice", [] {}, folder_walk(GetUserPictureListFromDevice)},
       {"GetDeviceInfo", [] {},
        [&](const Fault &f) {
          plist_t info = GetDeviceInfo(device);

@@ -176,19 +176,7 @@ TEST_F(ForeignDatabaseTest, BookCataloguesOfAnotherShape) {
   for (const PlistCase &c : cases) {
     SCOPED_TRACE(c.what);
     for (const bool binary : {true, false}) {
-      plist_t root = c.root();
-      std::string bytes;
-      if (binary) {
-        bytes = BinaryPlist(root);
-      } else {
-        char *xml = nullptr;
-        uint32_t length = 0;
-        plist_to_xml(root, &xml, &length);
-        bytes.assign(xml, length);
-        std::free(xml);
-        plist_free(root);
-      }
-      const std::string path = HostFile("Books.plist", bytes);
+      const std::string path = HostFile("Books.plist", PlistBytes(c.root(), binary));
       plist_t catalogue = Quiet([&] { return ReadBookDbTypePLIST(path.c_str(), "/Books.plist"); });
       if (catalogue) {
         plist_t items = plist_dict_get_item(catalogue, "item");
@@ -206,19 +194,8 @@ TEST_F(ForeignDatabaseTest, BookCataloguesOfAnotherShape) {
 // Every "éé" in the strings becomes "é" and a NUL: a raw byte in XML, U+0000
 // in the UTF-16 of a binary plist.
 std::string WithNul(plist_t root, bool binary) {
-  std::string bytes, marker;
-  if (binary) {
-    bytes = BinaryPlist(root);
-    marker.assign("\x00\xe9\x00\xe9", 4);
-  } else {
-    char *xml = nullptr;
-    uint32_t length = 0;
-    plist_to_xml(root, &xml, &length);
-    bytes.assign(xml, length);
-    std::free(xml);
-    plist_free(root);
-    marker = "\xc3\xa9\xc3\xa9";
-  }
+  std::string bytes = PlistBytes(root, binary);
+  const std::string marker = binary ? std::string("\x00\xe9\x00\xe9", 4) : std::string("\xc3\xa9\xc3\xa9");
   // The second "é" becomes NULs (in UTF-16 its first byte already is one).
   for (size_t at = bytes.find(marker); at != std::string::npos; at = bytes.find(marker, at + 4))
     bytes[at + 2] = bytes[at + 3] = '\0';

@@ -666,6 +666,100 @@ TARN_API int64_t WGetFileSize(const char *path);
 /** Creates a host directory with its parents (TarnMkdir()); returns its status. */
 TARN_API int Mkdir(const char *path);
 
+/* ------------------------------------------------------------------------ */
+/* Reasons for failures                                                      */
+/* ------------------------------------------------------------------------ */
+
+/**
+ * Why the last library call on this thread failed (or what it met on its
+ * way). The functions above answer only 0/1 or NULL; this record sits beside
+ * those results and changes none of them.
+ *
+ * Every exported function clears the calling thread's record on entry and
+ * sets it where it fails, so the record always describes the most recent
+ * call. A call may also succeed and leave a record: a reason that did not
+ * stop it (TARN_E_SYNC_LOCK_BUSY: the call went on without the device's sync
+ * lock; TARN_E_WALK_CUT: a listing that is complete up to the walk bounds).
+ * Records are per thread: a failure on one thread is never seen on another.
+ */
+typedef enum TarnErrorCode {
+    TARN_OK = 0,                      /**< No failure recorded. */
+    TARN_E_NO_USBMUXD = 1,            /**< The usbmux daemon cannot be reached (not running, or no permission on its socket). */
+    TARN_E_NO_DEVICE = 2,             /**< No device with that identifier is attached (or it was unplugged). */
+    TARN_E_NOT_PAIRED = 3,            /**< The host has no pairing record for the device. */
+    TARN_E_PAIRING_PENDING = 4,       /**< The "Trust this computer" dialog is still open on the device. */
+    TARN_E_TRUST_DENIED = 5,          /**< The person tapped "Don't Trust" on the device. */
+    TARN_E_LOCKED = 6,                /**< The device is locked with a passcode (or not unlocked since it was switched on). */
+    TARN_E_PAIRING_INVALID = 7,       /**< The pairing record no longer matches the device (invalid host ID, failed TLS handshake). */
+    TARN_E_SERVICE_REFUSED = 8,       /**< The device refused to start the file service. */
+    TARN_E_CONNECTION_LOST = 9,       /**< The connection broke during the call; done/total tell how far it got. */
+    TARN_E_NOT_FOUND = 10,            /**< The device path (or host path, see host_errno) does not exist. */
+    TARN_E_PERMISSION = 11,           /**< The device (or the host, see host_errno) denied access. */
+    TARN_E_DEVICE_FULL = 12,          /**< The device has no space left. */
+    TARN_E_FILE_SERVICE = 13,         /**< Another file-service error; afc_error holds its code. */
+    TARN_E_DATABASE_UNREADABLE = 14,  /**< A media database is present but cannot be read (corrupt, or a format the library does not read). */
+    TARN_E_DATABASE_ABSENT = 15,      /**< The device has no database of the kind asked for (or InitDevice did not copy it). */
+    TARN_E_WALK_CUT = 16,             /**< A recursive walk stopped at TARN_MAX_WALK_DEPTH or TARN_MAX_WALK_ENTRIES; done is the entries visited. */
+    TARN_E_SHORT_COPY = 17,           /**< A copy ended before the file's size; done/total are the bytes. */
+    TARN_E_CANCELLED = 18,            /**< The progress callback asked to stop. */
+    TARN_E_SYNC_LOCK_BUSY = 19,       /**< Another party holds the device's sync lock (the device is syncing with another computer). */
+    TARN_E_HOST_IO = 20,              /**< A host file could not be read or written; host_errno holds the errno value (ENOSPC: no space left on the host). */
+    TARN_E_INVALID_ARGUMENT = 21,     /**< A required argument was NULL, empty or not usable. */
+    TARN_E_DEVICE = 22                /**< Any other failure of the device or its protocol library. */
+} TarnErrorCode;
+
+/** The reason for the last failure on the calling thread. */
+typedef struct TarnError {
+    TarnErrorCode code;   /**< TARN_OK when the last call recorded nothing. */
+    const char *message;  /**< One sentence for a person, naming the path or device where it helps; never NULL. */
+    int afc_error;        /**< The file-service error code behind the reason, or 0. */
+    int lockdown_error;   /**< The lockdown error code (libimobiledevice's lockdownd_error_t), or 0. */
+    int host_errno;       /**< The errno value of a host-side failure, or 0. */
+    uint64_t done;        /**< Bytes or entries done before the failure (TARN_E_CONNECTION_LOST, TARN_E_SHORT_COPY, TARN_E_WALK_CUT, TARN_E_CANCELLED), else 0. */
+    uint64_t total;       /**< Bytes or entries the call set out to do, when known, else 0. */
+} TarnError;
+
+/**
+ * The reason recorded by the last library call on the calling thread.
+ *
+ * @return A record owned by the library, valid on this thread until its next
+ *         library call; never NULL (code TARN_OK when nothing was recorded).
+ *         Copy what you need to keep. Prints nothing.
+ */
+TARN_API const TarnError *TarnLastError(void);
+/**
+ * A fixed sentence describing a code, for a person to read.
+ *
+ * @return A static text that is never released; "Unknown error." for a
+ *         value that is not a TarnErrorCode. Prints nothing.
+ */
+TARN_API const char *TarnErrorMessage(int code);
+/** Clears the calling thread's record (code TARN_OK). Prints nothing. */
+TARN_API void TarnClearError(void);
+
+/* ------------------------------------------------------------------------ */
+/* Batches over one connection                                               */
+/* ------------------------------------------------------------------------ */
+
+/**
+ * Takes the device's sync lock on an open file-conduit client (from
+ * OpenIdeviceAndAfC()), so that a batch of work done through the functions
+ * that take a client (_CopyFileFromDeviceToNative(),
+ * _TarnCopyFileFromNativeToDevice(), _CopyDirectory(), GetFileInfo(), ...)
+ * holds the lock once instead of once per file. Prints nothing.
+ *
+ * @param client Open client; stays the caller's.
+ * @return A lock to release with TarnSyncUnlock() before the client is
+ *         closed, or 0 when the lock file could not be opened (TarnLastError()
+ *         says why). When another party holds the lock (the device is syncing
+ *         with another computer) the lock file stays open but unlocked, a
+ *         non-zero value is returned and TARN_E_SYNC_LOCK_BUSY is recorded, so
+ *         that the caller can decide whether to go on.
+ */
+TARN_API uint64_t TarnSyncLock(afc_client_t client);
+/** Releases a lock from TarnSyncLock(); 0 is accepted. Prints nothing. */
+TARN_API void TarnSyncUnlock(afc_client_t client, uint64_t lock);
+
 #ifdef __cplusplus
 }
 #endif

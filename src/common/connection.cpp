@@ -1,5 +1,6 @@
 #include "common/connection.h"
 
+#include "common/error.h"
 #include "tarn/tarn_device.h"
 
 namespace tarn {
@@ -59,3 +60,29 @@ SyncLock::~SyncLock() {
 }
 
 }  // namespace tarn
+
+extern "C" {
+
+TARN_API uint64_t TarnSyncLock(afc_client_t client) {
+  tarn::ClearError();
+  if (client == nullptr) {
+    tarn::SetError(TARN_E_INVALID_ARGUMENT);
+    return 0;
+  }
+  uint64_t handle = 0;
+  if (afc_file_open(client, tarn::kSyncLockPath, AFC_FOPEN_RW, &handle) != AFC_E_SUCCESS || handle == 0) {
+    tarn::SetError(TARN_E_DEVICE, "The device's sync-lock file could not be opened.");
+    return 0;
+  }
+  if (afc_file_lock(client, handle, AFC_LOCK_EX) != AFC_E_SUCCESS) tarn::SetError(TARN_E_SYNC_LOCK_BUSY);
+  return handle;
+}
+
+TARN_API void TarnSyncUnlock(afc_client_t client, uint64_t lock) {
+  tarn::ClearError();
+  if (client == nullptr || lock == 0) return;
+  afc_file_lock(client, lock, AFC_LOCK_UN);
+  afc_file_close(client, lock);
+}
+
+}  // extern "C"

@@ -3,7 +3,10 @@
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <nlohmann/json.hpp>
@@ -150,11 +153,63 @@ Device::Device(std::string image, uint32_t mux_id) : image_(std::move(image)), m
   for (auto& c : host_id_) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
 
   identity_ = make_identity();
+  fill_common_values();
   const std::string& pub = identity_->device_public_key;
   plist_dict_set_item(values_.get(), "DevicePublicKey",
                       plist_new_data(pub.data(), static_cast<uint64_t>(pub.size())));
   if (!plist_dict_get_item(values_.get(), "WiFiAddress"))
     plist_dict_set_item(values_.get(), "WiFiAddress", plist_new_string(identity_->wifi_mac.c_str()));
+}
+
+// The keys every phone answers in its default domain, so that ideviceinfo
+// and idevicedate see a whole device. A value the description gives wins.
+void Device::fill_common_values() {
+  plist_t v = values_.get();
+  auto str = [&](const char* key) {
+    char* s = nullptr;
+    if (plist_t n = plist_dict_get_item(v, key); n && plist_get_node_type(n) == PLIST_STRING)
+      plist_get_string_val(n, &s);
+    std::string out = s ? s : "";
+    std::free(s);
+    return out;
+  };
+  auto fill = [&](const char* key, plist_t value) {
+    if (plist_dict_get_item(v, key)) plist_free(value);
+    else plist_dict_set_item(v, key, value);
+  };
+  std::string type = str("ProductType");
+  if (type.empty()) type = "iPhone12,1";
+  std::string cls = type.rfind("iPod", 0) == 0 ? "iPod" : type.rfind("iPad", 0) == 0 ? "iPad" : "iPhone";
+  std::string version = str("ProductVersion");
+  if (version.empty()) version = "15.7";
+  int major = std::atoi(version.c_str()), minor = 0;
+  if (auto dot = version.find('.'); dot != std::string::npos) minor = std::atoi(version.c_str() + dot + 1);
+  char build[32];
+  std::snprintf(build, sizeof build, "%d%c%d", major + 4, 'A' + std::min(minor, 25), 100 + minor);
+  std::string hex = hex_id("chip:" + udid_, 16);
+  std::string bt = identity_->wifi_mac;
+  bt.back() = bt.back() == 'f' ? '0' : static_cast<char>(bt.back() == '9' ? 'a' : bt.back() + 1);
+
+  fill("ActivationState", plist_new_string("Activated"));
+  fill("BluetoothAddress", plist_new_string(bt.c_str()));
+  fill("BuildVersion", plist_new_string(build));
+  fill("CPUArchitecture", plist_new_string(major >= 11 ? "arm64" : "armv7"));
+  fill("DeviceClass", plist_new_string(cls.c_str()));
+  fill("DeviceColor", plist_new_string("1"));
+  fill("DeviceName", plist_new_string(("Simulated " + cls).c_str()));
+  fill("HardwareModel", plist_new_string(cls == "iPod" ? "N78AP" : cls == "iPad" ? "J71AP" : "N104AP"));
+  fill("HardwarePlatform", plist_new_string(major >= 11 ? "t8030" : "s5l8942x"));
+  fill("ProductName", plist_new_string("iPhone OS"));
+  fill("ProductType", plist_new_string(type.c_str()));
+  fill("ProductVersion", plist_new_string(version.c_str()));
+  fill("ProtocolVersion", plist_new_string("2"));
+  std::string serial = hex_id("serial:" + udid_, 12);
+  for (auto& c : serial) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  fill("SerialNumber", plist_new_string(serial.c_str()));
+  fill("TimeZone", plist_new_string("UTC"));
+  fill("TimeZoneOffsetFromUTC", plist_new_real(0.0));
+  fill("Uses24HourClock", plist_new_bool(1));
+  fill("UniqueChipID", plist_new_uint(std::strtoull(hex.c_str(), nullptr, 16) >> 12));
 }
 
 std::string Device::set_option(const std::string& key, const std::string& value, bool running) {
@@ -253,9 +308,27 @@ Plist Device::get_value(const std::string& domain, const std::string& key) const
     if (it == domains_.end()) return nullptr;
     dict = it->second.get();
   }
-  if (key.empty()) return Plist(plist_copy(dict));
+  // Values a phone computes when asked: its clock, and whether it has a
+  // passcode (which every locked state implies).
+  auto live = [&](const std::string& k) -> plist_t {
+    if (!domain.empty()) return nullptr;
+    if (k == "TimeIntervalSince1970") {
+      auto now = std::chrono::system_clock::now().time_since_epoch();
+      return plist_new_real(std::chrono::duration<double>(now).count());
+    }
+    if (k == "PasswordProtected")
+      return plist_new_bool(faults_->locked || faults_->pair_answer == "passcode");
+    return nullptr;
+  };
+  if (key.empty()) {
+    Plist all(plist_copy(dict));
+    for (const char* k : {"TimeIntervalSince1970", "PasswordProtected"})
+      if (domain.empty() && !plist_dict_get_item(all.get(), k)) plist_dict_set_item(all.get(), k, live(k));
+    return all;
+  }
   plist_t v = plist_dict_get_item(dict, key.c_str());
-  return v ? Plist(plist_copy(v)) : nullptr;
+  if (v) return Plist(plist_copy(v));
+  return Plist(live(key));
 }
 
 void Device::set_value(const std::string& domain, const std::string& key, plist_t value) {

@@ -126,6 +126,8 @@ class Device {
   std::atomic<uint64_t> tls_sessions{0};  // completed TLS handshakes
 
  private:
+  void fill_common_values();
+
   std::string image_, media_, udid_, host_id_;
   uint32_t mux_id_;
   uint32_t product_id_ = 0x12a8;

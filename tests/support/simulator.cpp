@@ -130,7 +130,7 @@ Simulator::Simulator(const std::vector<SimDevice>& devices, bool set_env) : impl
     args.push_back(spec);
   }
   try {
-    impl_->child = std::make_unique<ChildProcess>(args, std::map<std::string, std::string>{}, false);
+    impl_->child = std::make_unique<ChildProcess>(args, std::map<std::string, std::string>{}, false, true);
   } catch (const std::exception& e) {
     impl_->stop();
     delete impl_;

@@ -40,8 +40,8 @@ Device options (also settable at run time through the control socket):
                           may repeat; an empty value clears the list
   drop_after_requests=N   a file-conduit connection is closed, unanswered,
                           at its request N+1
-  drop_after_bytes=N      a file-conduit connection closes before the packet
-                          (either direction) that would take it past N bytes
+  drop_after_bytes=N      a file-conduit connection closes once N bytes have
+                          passed in both directions, also inside a packet
   latency_us=N            every lockdown and file-conduit request waits N
                           microseconds before it is answered
   stall_after_requests=N  a lockdown or file-conduit connection leaves its

@@ -657,7 +657,8 @@ bool Session::do_read_dir(std::string_view path) {
   // A phone's file system lists a directory in the order of its own index
   // (APFS: a hash of the name), never sorted; a hash seeded by the
   // directory keeps one directory's order stable from call to call.
-  auto rank = [seed = static_cast<uint64_t>(dst.st_ino)](const std::string& n) {
+  auto rank = [seed = static_cast<uint64_t>(dst.st_ino), sorted = faults_->sorted_listing](const std::string& n) {
+    if (sorted) return uint64_t{0};  // ties fall back to the name
     uint64_t h = 1469598103934665603ull ^ seed;
     for (unsigned char ch : n) h = (h ^ ch) * 1099511628211ull;
     return h;

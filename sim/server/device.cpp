@@ -163,6 +163,8 @@ Device::Device(std::string image, uint32_t mux_id) : image_(std::move(image)), m
 
 // The keys every phone answers in its default domain, so that ideviceinfo
 // and idevicedate see a whole device. A value the description gives wins.
+// Name, serial number, type and version stay the description's own: tests
+// describe devices that lack them to see how callers cope.
 void Device::fill_common_values() {
   plist_t v = values_.get();
   auto str = [&](const char* key) {
@@ -196,16 +198,10 @@ void Device::fill_common_values() {
   fill("CPUArchitecture", plist_new_string(major >= 11 ? "arm64" : "armv7"));
   fill("DeviceClass", plist_new_string(cls.c_str()));
   fill("DeviceColor", plist_new_string("1"));
-  fill("DeviceName", plist_new_string(("Simulated " + cls).c_str()));
   fill("HardwareModel", plist_new_string(cls == "iPod" ? "N78AP" : cls == "iPad" ? "J71AP" : "N104AP"));
   fill("HardwarePlatform", plist_new_string(major >= 11 ? "t8030" : "s5l8942x"));
   fill("ProductName", plist_new_string("iPhone OS"));
-  fill("ProductType", plist_new_string(type.c_str()));
-  fill("ProductVersion", plist_new_string(version.c_str()));
   fill("ProtocolVersion", plist_new_string("2"));
-  std::string serial = hex_id("serial:" + udid_, 12);
-  for (auto& c : serial) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-  fill("SerialNumber", plist_new_string(serial.c_str()));
   fill("TimeZone", plist_new_string("UTC"));
   fill("TimeZoneOffsetFromUTC", plist_new_real(0.0));
   fill("Uses24HourClock", plist_new_bool(1));
@@ -249,7 +245,8 @@ std::string Device::set_option(const std::string& key, const std::string& value,
   static const std::map<std::string, bool Faults::*> switches = {
       {"refuse_handshake", &Faults::refuse_handshake}, {"refuse_afc", &Faults::refuse_afc},
       {"ssl", &Faults::ssl}, {"ssl_fail", &Faults::ssl_fail}, {"locked", &Faults::locked},
-      {"stale_pairing", &Faults::stale_pairing}, {"syncing", &Faults::syncing}};
+      {"stale_pairing", &Faults::stale_pairing}, {"syncing", &Faults::syncing},
+      {"sorted_listing", &Faults::sorted_listing}};
   if (auto sw = switches.find(key); sw != switches.end()) {
     bool b = false;
     if (!parse_bool(value, b)) return key + " takes 0 or 1";

@@ -56,6 +56,7 @@ struct Faults {
   bool locked = false;
   bool stale_pairing = false;
   bool syncing = false;
+  bool sorted_listing = false;  // the old byte-wise order, for callers not yet order-free
   std::string pair_answer = "pending";
   uint64_t handshake_delay_us = 0;
   uint64_t stall_after_requests = 0;  // 0: never

@@ -69,6 +69,7 @@ States of a real phone:
                           lock on /com.apple.itunes.lock_sync, so a lock
                           request on that file answers 19 (would block)
   handshake_delay_us=N    StartSession waits N microseconds
+  sorted_listing=1        directories list byte-wise sorted (old behaviour)
 Counts for the drop_* and stall_* switches start when the connection opens or the
 device's options last changed, whichever is later. 0 switches them off.
 

@@ -98,7 +98,7 @@ TEST_F(ProtocolTest, GetValueAnswersWhatTheDescriptionHolds) {
   // Beside the description, the keys every phone answers (ideviceinfo and
   // idevicedate rely on them).
   for (const char* key : {"ActivationState", "BuildVersion", "CPUArchitecture", "DeviceClass", "DevicePublicKey",
-                          "HardwareModel", "PasswordProtected", "SerialNumber", "TimeIntervalSince1970",
+                          "HardwareModel", "PasswordProtected", "TimeIntervalSince1970",
                           "TimeZone", "TimeZoneOffsetFromUTC", "UniqueChipID", "WiFiAddress"})
     EXPECT_NE(plist_dict_get_item(all, key), nullptr) << key;
   plist_free(all);

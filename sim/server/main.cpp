@@ -68,7 +68,9 @@ States of a real phone:
   syncing=1               another computer syncs the phone: it holds the
                           lock on /com.apple.itunes.lock_sync, so a lock
                           request on that file answers 19 (would block)
-  handshake_delay_us=N    StartSession waits N microseconds
+  handshake_delay_us=N    the phone's share of a session: N microseconds
+                          before its TLS handshake (with ssl=0, before
+                          the StartSession answer)
   sorted_listing=1        directories list byte-wise sorted (old behaviour)
 Counts for the drop_* and stall_* switches start when the connection opens or the
 device's options last changed, whichever is later. 0 switches them off.

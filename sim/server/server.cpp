@@ -490,7 +490,7 @@ void Server::serve_lockdown(int fd, Device& dev) {
       else if (refused || !dev.trusts(host)) fail("InvalidHostID");
     } else if (request == "StartSession") {
       std::string host = dict_string(req.get(), "HostID").value_or("");
-      sleep_us(faults->handshake_delay_us);
+      if (!faults->ssl) sleep_us(faults->handshake_delay_us);
       if (session) {
         fail("SessionActive");
       } else if (faults->locked) {
@@ -512,6 +512,10 @@ void Server::serve_lockdown(int fd, Device& dev) {
           write_full(fd, alert, sizeof alert);
           return;
         }
+        // A phone takes its time over the handshake. libimobiledevice 1.3
+        // polls a non-blocking socket and sleeps 100 ms whenever the answer
+        // is not there yet, so any delay here costs the client that much.
+        sleep_us(faults->handshake_delay_us);
         std::string err;
         auto tls = TlsStream::accept(dev.identity().server_ctx.get(), fd, err);
         if (!tls) return;  // the client sees its own handshake error

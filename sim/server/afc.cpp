@@ -8,11 +8,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <glib.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <deque>
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -84,6 +87,7 @@ uint64_t afc_code(int err) {
     case EWOULDBLOCK: return E_WOULD_BLOCK;
     case EINVAL: case ENAMETOOLONG: case EXDEV: return E_INVALID_ARG;
     case EIO: return E_IO;
+    case EILSEQ: return E_INVALID_ARG;  // a name that is not UTF-8
     case EMFILE: case ENFILE: return E_NO_RESOURCES;
     case ENOMEM: return E_NO_MEM;
     default: return E_UNKNOWN;
@@ -160,6 +164,34 @@ std::string normalized(std::string_view p) {
 
 }  // namespace
 
+namespace {
+
+std::string nfd(const std::string& s) {
+  std::unique_ptr<gchar, decltype(&g_free)> n(
+      g_utf8_normalize(s.data(), static_cast<gssize>(s.size()), G_NORMALIZE_NFD), g_free);
+  return n ? std::string(n.get()) : s;
+}
+
+// APFS keeps a name as it was written but finds it in any Unicode
+// normalisation: a decomposed "é" names the file created as a composed one.
+std::optional<std::string> equivalent_name(int root, const std::string& dir, const std::string& name) {
+  if (std::all_of(name.begin(), name.end(), [](char ch) { return (ch & 0x80) == 0; }))
+    return std::nullopt;  // ASCII has a single form
+  int dfd = ::openat(root, dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (dfd < 0) return std::nullopt;
+  std::unique_ptr<DIR, int (*)(DIR*)> d(::fdopendir(dfd), ::closedir);
+  if (!d) {
+    ::close(dfd);
+    return std::nullopt;
+  }
+  const std::string want = nfd(name);
+  while (dirent* e = ::readdir(d.get()))
+    if (nfd(e->d_name) == want) return std::string(e->d_name);
+  return std::nullopt;
+}
+
+}  // namespace
+
 int RootResolver::resolve(std::string_view path, bool follow_last, std::string& rel,
                           bool missing_ok) const {
   std::vector<std::string> stack;
@@ -180,6 +212,7 @@ int RootResolver::resolve(std::string_view path, bool follow_last, std::string& 
       continue;
     }
     if (c.size() > NAME_MAX) return ENAMETOOLONG;
+    if (!g_utf8_validate(c.data(), static_cast<gssize>(c.size()), nullptr)) return EILSEQ;
     bool has_more = more();
     if (first_missing != SIZE_MAX) {
       if (!missing_ok) return ENOENT;
@@ -190,7 +223,19 @@ int RootResolver::resolve(std::string_view path, bool follow_last, std::string& 
     std::string cand = join(stack);
     stack.pop_back();
     struct stat st {};
-    if (::fstatat(root_, cand.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+    int found = ::fstatat(root_, cand.c_str(), &st, AT_SYMLINK_NOFOLLOW);
+    if (found != 0 && errno == ENOENT) {
+      if (auto other = equivalent_name(root_, join(stack), c)) {
+        c = std::move(*other);
+        stack.push_back(c);
+        cand = join(stack);
+        stack.pop_back();
+        found = ::fstatat(root_, cand.c_str(), &st, AT_SYMLINK_NOFOLLOW);
+      } else {
+        errno = ENOENT;
+      }
+    }
+    if (found != 0) {
       if (errno != ENOENT) return errno;
       if (has_more && !missing_ok) return ENOENT;
       first_missing = stack.size();
@@ -251,6 +296,7 @@ class Session {
     return send_packet(op, b, 8);
   }
   bool drain(uint64_t n);
+  bool receive(void* buf, size_t n);  // counts toward drop_after_bytes
   Handle* handle(uint64_t id) {
     return (id >= 1 && id <= slots_.size()) ? slots_[id - 1].get() : nullptr;
   }
@@ -305,9 +351,15 @@ bool Session::send_packet(uint64_t op, const char* data, size_t len) {
   iovec iov[2] = {{hdr, kHeader}, {const_cast<char*>(data), len}};
   size_t total = kHeader + len;
   if (faults_->drop_after_bytes && bytes_ + total > faults_->drop_after_bytes) {
-    // The connection ends at a packet boundary: libimobiledevice 1.3 takes a
-    // data packet cut short for a whole one (filled with stale bytes), which
-    // would turn a dropped transfer into silent corruption.
+    // The cable goes at exactly the limit, wherever that falls in the packet.
+    size_t keep = static_cast<size_t>(faults_->drop_after_bytes - bytes_);
+    if (keep > kHeader) {
+      iov[1].iov_len = keep - kHeader;
+      writev_full(sock_, iov, 2);
+    } else if (keep > 0) {
+      iov[0].iov_len = keep;
+      writev_full(sock_, iov, 1);
+    }
     dropped_ = true;
     return false;
   }
@@ -315,11 +367,25 @@ bool Session::send_packet(uint64_t op, const char* data, size_t len) {
   return writev_full(sock_, iov, len ? 2 : 1);
 }
 
+bool Session::receive(void* buf, size_t n) {
+  if (faults_->drop_after_bytes && bytes_ + n > faults_->drop_after_bytes) {
+    // Take what the limit allows, then go: a drop in the middle of a request.
+    size_t keep = static_cast<size_t>(faults_->drop_after_bytes - bytes_);
+    if (keep) read_full(sock_, buf, keep);
+    bytes_ += keep;
+    dropped_ = true;
+    return false;
+  }
+  if (!read_full(sock_, buf, n)) return false;
+  bytes_ += n;
+  return true;
+}
+
 bool Session::drain(uint64_t n) {
   char buf[4096];
   while (n > 0) {
     size_t k = std::min<uint64_t>(n, sizeof buf);
-    if (!read_full(sock_, buf, k)) return false;
+    if (!receive(buf, k)) return false;
     n -= k;
   }
   return true;
@@ -344,31 +410,34 @@ void Session::run() {
   gen_ = dev_.fault_generation();
   in_.resize(4096);
   char hdr[kHeader];
+  // Options changed while we waited count from the request that follows.
+  auto refresh = [this](uint64_t counted) {
+    if (uint64_t g = dev_.fault_generation(); g != gen_) {
+      faults_ = dev_.faults();
+      gen_ = g;
+      requests_ = 0;
+      bytes_ = counted;
+    }
+  };
   while (!dropped_) {
-    if (!read_full(sock_, hdr, kHeader)) return;
+    refresh(0);
+    if (!receive(hdr, kHeader)) return;
+    refresh(kHeader);
     if (std::memcmp(hdr, kMagic, 8) != 0) return;
     uint64_t entire = le64(hdr + 8), this_len = le64(hdr + 16);
     packet_num_ = le64(hdr + 24);
     uint64_t op = le64(hdr + 32);
     if (this_len < kHeader || entire < this_len || this_len - kHeader > kMaxHeaderData) return;
 
-    uint64_t g = dev_.fault_generation();
-    if (g != gen_) {
-      faults_ = dev_.faults();
-      gen_ = g;
-      requests_ = 0;
-      bytes_ = 0;
-    }
     in_len_ = this_len - kHeader;
     if (in_.size() < in_len_ + 1) in_.resize(in_len_ + 1);
-    if (in_len_ && !read_full(sock_, in_.data(), in_len_)) return;
+    if (in_len_ && !receive(in_.data(), in_len_)) return;
     in_[in_len_] = '\0';
     uint64_t payload = entire - this_len;
 
     ++requests_;
-    bytes_ += this_len;
     if (faults_->drop_after_requests && requests_ > faults_->drop_after_requests) return;
-    if (faults_->drop_after_bytes && bytes_ + payload > faults_->drop_after_bytes) return;
+    if (faults_->stall_after_requests && requests_ > faults_->stall_after_requests) return stall(sock_);
     if (faults_->latency_us)
       std::this_thread::sleep_for(std::chrono::microseconds(faults_->latency_us));
     if (!dispatch(op, payload)) return;
@@ -583,15 +652,26 @@ bool Session::do_read_dir(std::string_view path) {
     ::close(dfd);
     return send_status(E_NO_MEM);
   }
-  std::vector<std::string> names;
+  struct stat dst {};
+  ::fstat(dfd, &dst);
+  // A phone's file system lists a directory in the order of its own index
+  // (APFS: a hash of the name), never sorted; a hash seeded by the
+  // directory keeps one directory's order stable from call to call.
+  auto rank = [seed = static_cast<uint64_t>(dst.st_ino), sorted = faults_->sorted_listing](const std::string& n) {
+    if (sorted) return uint64_t{0};  // ties fall back to the name
+    uint64_t h = 1469598103934665603ull ^ seed;
+    for (unsigned char ch : n) h = (h ^ ch) * 1099511628211ull;
+    return h;
+  };
+  std::vector<std::pair<uint64_t, std::string>> names;
   while (dirent* d = ::readdir(dir.get())) {
     if (std::strcmp(d->d_name, ".") == 0 || std::strcmp(d->d_name, "..") == 0) continue;
-    names.emplace_back(d->d_name);
+    names.emplace_back(rank(d->d_name), d->d_name);
   }
-  std::sort(names.begin(), names.end());  // byte-wise, so listings are stable
+  std::sort(names.begin(), names.end());
   std::string s(".\0..\0", 5);
   for (const auto& n : names) {
-    s += n;
+    s += n.second;
     s += '\0';
   }
   return send_packet(kData, s.data(), s.size());
@@ -649,6 +729,9 @@ bool Session::do_lock(Handle* h, uint64_t how) {
   else if (how & 2) kind = LOCK_EX;
   else if (how & 1) kind = LOCK_SH;
   else return send_status(E_INVALID_ARG);
+  // Another computer syncing the phone holds the sync lock the whole time.
+  if (faults_->syncing && kind != LOCK_UN && normalized(h->path) == "/com.apple.itunes.lock_sync")
+    return send_status(E_WOULD_BLOCK);
   // Each handle is its own open file description, so flock gives the
   // per-handle semantics a device has: a conflicting holder makes us answer
   // "would block" instead of waiting.
@@ -711,7 +794,7 @@ bool Session::do_write(Handle* h, uint64_t payload) {
   uint64_t status = E_SUCCESS;
   while (payload > 0) {
     size_t k = static_cast<size_t>(std::min<uint64_t>(payload, kWriteChunk));
-    if (!read_full(sock_, out_.data(), k)) return false;
+    if (!receive(out_.data(), k)) return false;
     payload -= k;
     if (status != E_SUCCESS) continue;  // keep the stream in step after a failure
     size_t done = 0;

@@ -3,7 +3,10 @@
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <nlohmann/json.hpp>
@@ -148,6 +151,61 @@ Device::Device(std::string image, uint32_t mux_id) : image_(std::move(image)), m
   host_id_ = hex_id("host:" + udid_, 32);
   for (int pos : {8, 13, 18, 23}) host_id_.insert(static_cast<size_t>(pos), 1, '-');
   for (auto& c : host_id_) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+
+  identity_ = make_identity();
+  fill_common_values();
+  const std::string& pub = identity_->device_public_key;
+  plist_dict_set_item(values_.get(), "DevicePublicKey",
+                      plist_new_data(pub.data(), static_cast<uint64_t>(pub.size())));
+  if (!plist_dict_get_item(values_.get(), "WiFiAddress"))
+    plist_dict_set_item(values_.get(), "WiFiAddress", plist_new_string(identity_->wifi_mac.c_str()));
+}
+
+// The keys every phone answers in its default domain, so that ideviceinfo
+// and idevicedate see a whole device. A value the description gives wins.
+// Name, serial number, type and version stay the description's own: tests
+// describe devices that lack them to see how callers cope.
+void Device::fill_common_values() {
+  plist_t v = values_.get();
+  auto str = [&](const char* key) {
+    char* s = nullptr;
+    if (plist_t n = plist_dict_get_item(v, key); n && plist_get_node_type(n) == PLIST_STRING)
+      plist_get_string_val(n, &s);
+    std::string out = s ? s : "";
+    std::free(s);
+    return out;
+  };
+  auto fill = [&](const char* key, plist_t value) {
+    if (plist_dict_get_item(v, key)) plist_free(value);
+    else plist_dict_set_item(v, key, value);
+  };
+  std::string type = str("ProductType");
+  if (type.empty()) type = "iPhone12,1";
+  std::string cls = type.rfind("iPod", 0) == 0 ? "iPod" : type.rfind("iPad", 0) == 0 ? "iPad" : "iPhone";
+  std::string version = str("ProductVersion");
+  if (version.empty()) version = "15.7";
+  int major = std::atoi(version.c_str()), minor = 0;
+  if (auto dot = version.find('.'); dot != std::string::npos) minor = std::atoi(version.c_str() + dot + 1);
+  char build[32];
+  std::snprintf(build, sizeof build, "%d%c%d", major + 4, 'A' + std::min(minor, 25), 100 + minor);
+  std::string hex = hex_id("chip:" + udid_, 16);
+  std::string bt = identity_->wifi_mac;
+  bt.back() = bt.back() == 'f' ? '0' : static_cast<char>(bt.back() == '9' ? 'a' : bt.back() + 1);
+
+  fill("ActivationState", plist_new_string("Activated"));
+  fill("BluetoothAddress", plist_new_string(bt.c_str()));
+  fill("BuildVersion", plist_new_string(build));
+  fill("CPUArchitecture", plist_new_string(major >= 11 ? "arm64" : "armv7"));
+  fill("DeviceClass", plist_new_string(cls.c_str()));
+  fill("DeviceColor", plist_new_string("1"));
+  fill("HardwareModel", plist_new_string(cls == "iPod" ? "N78AP" : cls == "iPad" ? "J71AP" : "N104AP"));
+  fill("HardwarePlatform", plist_new_string(major >= 11 ? "t8030" : "s5l8942x"));
+  fill("ProductName", plist_new_string("iPhone OS"));
+  fill("ProtocolVersion", plist_new_string("2"));
+  fill("TimeZone", plist_new_string("UTC"));
+  fill("TimeZoneOffsetFromUTC", plist_new_real(0.0));
+  fill("Uses24HourClock", plist_new_bool(1));
+  fill("UniqueChipID", plist_new_uint(std::strtoull(hex.c_str(), nullptr, 16) >> 12));
 }
 
 std::string Device::set_option(const std::string& key, const std::string& value, bool running) {
@@ -170,12 +228,33 @@ std::string Device::set_option(const std::string& key, const std::string& value,
     plist_dict_set_item(values_.get(), "DeviceName", plist_new_string(value.c_str()));
     return {};
   }
-  auto f = std::make_shared<Faults>(*faults_);
-  uint64_t n = 0;
-  if (key == "refuse_handshake" || key == "refuse_afc") {
+  if (key == "paired") {
     bool b = false;
     if (!parse_bool(value, b)) return key + " takes 0 or 1";
-    (key == "refuse_handshake" ? f->refuse_handshake : f->refuse_afc) = b;
+    // Both sides at once: paired=1 is a fresh pairing with the default
+    // record, paired=0 a phone and a host that have never met.
+    host_has_record_ = b;
+    saved_record_.reset();
+    trusts_default_ = b;
+    trusted_.clear();
+    fault_gen_.fetch_add(1, std::memory_order_acq_rel);
+    return {};
+  }
+  auto f = std::make_shared<Faults>(*faults_);
+  uint64_t n = 0;
+  static const std::map<std::string, bool Faults::*> switches = {
+      {"refuse_handshake", &Faults::refuse_handshake}, {"refuse_afc", &Faults::refuse_afc},
+      {"ssl", &Faults::ssl}, {"ssl_fail", &Faults::ssl_fail}, {"locked", &Faults::locked},
+      {"stale_pairing", &Faults::stale_pairing}, {"syncing", &Faults::syncing},
+      {"sorted_listing", &Faults::sorted_listing}};
+  if (auto sw = switches.find(key); sw != switches.end()) {
+    bool b = false;
+    if (!parse_bool(value, b)) return key + " takes 0 or 1";
+    (*f).*(sw->second) = b;
+  } else if (key == "pair_answer") {
+    if (value != "pending" && value != "denied" && value != "passcode" && value != "accept")
+      return "pair_answer takes pending, denied, passcode or accept";
+    f->pair_answer = value;
   } else if (key == "afc_error") {
     if (value.empty()) {
       f->afc_errors.clear();
@@ -187,11 +266,13 @@ std::string Device::set_option(const std::string& key, const std::string& value,
       f->afc_errors.emplace_back(n, value.substr(colon + 1));
     }
   } else if (key == "drop_after_requests" || key == "drop_after_bytes" || key == "latency_us" ||
-             key == "max_files") {
+             key == "max_files" || key == "handshake_delay_us" || key == "stall_after_requests") {
     if (!parse_u64(value, n)) return key + " takes a number";
     if (key == "drop_after_requests") f->drop_after_requests = n;
     else if (key == "drop_after_bytes") f->drop_after_bytes = n;
     else if (key == "latency_us") f->latency_us = n;
+    else if (key == "handshake_delay_us") f->handshake_delay_us = n;
+    else if (key == "stall_after_requests") f->stall_after_requests = n;
     else f->max_files = n;
   } else {
     return "unknown option " + key;
@@ -224,9 +305,27 @@ Plist Device::get_value(const std::string& domain, const std::string& key) const
     if (it == domains_.end()) return nullptr;
     dict = it->second.get();
   }
-  if (key.empty()) return Plist(plist_copy(dict));
+  // Values a phone computes when asked: its clock, and whether it has a
+  // passcode (which every locked state implies).
+  auto live = [&](const std::string& k) -> plist_t {
+    if (!domain.empty()) return nullptr;
+    if (k == "TimeIntervalSince1970") {
+      auto now = std::chrono::system_clock::now().time_since_epoch();
+      return plist_new_real(std::chrono::duration<double>(now).count());
+    }
+    if (k == "PasswordProtected")
+      return plist_new_bool(faults_->locked || faults_->pair_answer == "passcode");
+    return nullptr;
+  };
+  if (key.empty()) {
+    Plist all(plist_copy(dict));
+    for (const char* k : {"TimeIntervalSince1970", "PasswordProtected"})
+      if (domain.empty() && !plist_dict_get_item(all.get(), k)) plist_dict_set_item(all.get(), k, live(k));
+    return all;
+  }
   plist_t v = plist_dict_get_item(dict, key.c_str());
-  return v ? Plist(plist_copy(v)) : nullptr;
+  if (v) return Plist(plist_copy(v));
+  return Plist(live(key));
 }
 
 void Device::set_value(const std::string& domain, const std::string& key, plist_t value) {
@@ -263,6 +362,57 @@ void Device::fs_info(uint64_t& total, uint64_t& free_bytes, uint64_t& block) con
   }
 }
 
+Plist Device::pair_record(const std::string& buid) const {
+  std::lock_guard lk(mu_);
+  if (!host_has_record_) return nullptr;
+  if (saved_record_) return Plist(plist_copy(saved_record_.get()));
+  // The record usbmuxd keeps for a paired phone, every key a real one has.
+  const Identity& id = *identity_;
+  plist_t r = plist_new_dict();
+  auto data = [&](const char* key, const std::string& v) {
+    plist_dict_set_item(r, key, plist_new_data(v.data(), static_cast<uint64_t>(v.size())));
+  };
+  data("DeviceCertificate", id.device_cert);
+  data("EscrowBag", id.escrow_bag);
+  data("HostCertificate", id.host_cert);
+  plist_dict_set_item(r, "HostID", plist_new_string(host_id_.c_str()));
+  data("HostPrivateKey", id.host_key);
+  data("RootCertificate", id.root_cert);
+  data("RootPrivateKey", id.root_key);
+  plist_dict_set_item(r, "SystemBUID", plist_new_string(buid.c_str()));
+  plist_dict_set_item(r, "WiFiMACAddress", plist_new_string(id.wifi_mac.c_str()));
+  return Plist(r);
+}
+
+void Device::save_pair_record(plist_t record) {
+  std::lock_guard lk(mu_);
+  saved_record_.reset(plist_copy(record));
+  host_has_record_ = true;
+}
+
+void Device::delete_pair_record() {
+  std::lock_guard lk(mu_);
+  saved_record_.reset();
+  host_has_record_ = false;
+}
+
+bool Device::trusts(const std::string& host_id) const {
+  std::lock_guard lk(mu_);
+  if (host_id.empty()) return false;
+  return (trusts_default_ && host_id == host_id_) || trusted_.count(host_id) > 0;
+}
+
+void Device::trust(const std::string& host_id) {
+  std::lock_guard lk(mu_);
+  trusted_.insert(host_id);
+}
+
+void Device::distrust(const std::string& host_id) {
+  std::lock_guard lk(mu_);
+  if (host_id == host_id_) trusts_default_ = false;
+  trusted_.erase(host_id);
+}
+
 uint16_t Device::open_service_port() {
   std::lock_guard lk(mu_);
   uint16_t p = next_port_;
@@ -288,6 +438,7 @@ std::vector<LogEntry> Device::take_log() const {
 
 void Device::reset_stats() {
   for (auto& r : requests_) r.store(0);
+  tls_sessions.store(0);
   std::lock_guard lk(log_mu_);
   log_.clear();
 }

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 
@@ -67,16 +68,48 @@ TEST_F(AfcTest, DeviceAndFileInformation) {
   EXPECT_EQ(e, AFC_E_OBJECT_NOT_FOUND);
 }
 
-TEST_F(AfcTest, DirectoriesListDotsFirstThenSortedBytewise) {
-  EXPECT_EQ(client->list("/Music/F00"),
+// Like a phone's file system: dots first, then an order that is stable for
+// one directory but not sorted, so no caller can lean on it.
+TEST_F(AfcTest, DirectoriesListDotsFirstInAStableUnsortedOrder) {
+  auto sorted_tail = [](std::vector<std::string> v) {
+    std::sort(v.begin() + 2, v.end());
+    return v;
+  };
+  EXPECT_EQ(sorted_tail(client->list("/Music/F00")),
             (std::vector<std::string>{".", "..", "A.mp3", "a.mp3", "b.mp3"}));
   EXPECT_EQ(client->list("/empty"), (std::vector<std::string>{".", ".."}));
+  ASSERT_EQ(afc_make_directory(afc(), "/order"), AFC_E_SUCCESS);
+  for (char c = 'a'; c <= 'x'; ++c) ASSERT_EQ(client->put(std::string("/order/") + c, "x"), AFC_E_SUCCESS);
+  const auto listed = client->list("/order");
+  ASSERT_EQ(listed.size(), 26u);
+  EXPECT_EQ(client->list("/order"), listed);
+  EXPECT_NE(sorted_tail(listed), listed);
   // Through a symlink to an ancestor: a cycle that stays listable.
   EXPECT_EQ(client->list("/Music/up/Music/up/Music/F00").size(), 5u);
   // Removing a link removes the link, not what it points at.
   EXPECT_EQ(afc_remove_path(afc(), "/Music/up"), AFC_E_SUCCESS);
   EXPECT_TRUE(fs::exists(media("Music/F00/a.mp3")));
   EXPECT_EQ(afc_remove_path(afc(), "/Music"), AFC_E_DIR_NOT_EMPTY);
+}
+
+// Names as APFS keeps them: UTF-8 only, found in either normalisation,
+// stored as first written.
+TEST_F(AfcTest, NamesAreUtf8AndFoundInEitherNormalisation) {
+  const std::string composed = "/caf\xC3\xA9", decomposed = "/cafe\xCC\x81";
+  for (const std::string bad : {"/bad\xFF", "/dir\xC3/x", "/\xED\xA0\x80"}) {
+    EXPECT_EQ(client->put(bad, "x"), AFC_E_INVALID_ARG) << bad;
+    EXPECT_EQ(afc_make_directory(afc(), bad.c_str()), AFC_E_INVALID_ARG) << bad;
+  }
+  ASSERT_EQ(client->put(composed, "one"), AFC_E_SUCCESS);
+  std::string back;
+  EXPECT_EQ(client->get(decomposed, back), AFC_E_SUCCESS);
+  EXPECT_EQ(back, "one");
+  ASSERT_EQ(client->put(decomposed, "two"), AFC_E_SUCCESS);  // the same file, rewritten
+  EXPECT_EQ(client->get(composed, back), AFC_E_SUCCESS);
+  EXPECT_EQ(back, "two");
+  const auto root = client->list("/");
+  EXPECT_EQ(std::count(root.begin(), root.end(), composed.substr(1)), 1);
+  EXPECT_EQ(std::count(root.begin(), root.end(), decomposed.substr(1)), 0);
 }
 
 TEST_F(AfcTest, NothingOutsideTheRootIsReachable) {

@@ -66,9 +66,12 @@ TEST_F(FaultTest, EachSwitchBreaksWhatItNamesUntilCleared) {
        }},
       {{{"drop_after_bytes", "300000"}},
        [](AfcClient& c) {
+         // The cut falls inside a data packet. libimobiledevice 1.3 then
+         // reports the whole read as done (its tail unfilled); only the
+         // next request fails.
          std::string data;
-         c.get("/big.bin", data);
-         EXPECT_LE(data.size(), 300000u);
+         EXPECT_NE(c.get("/big.bin", data), AFC_E_SUCCESS);
+         EXPECT_LE(data.size(), 300000u + 65536u);
          EXPECT_GT(data.size(), 100000u);
        }},
       {{{"max_files", "3"}},

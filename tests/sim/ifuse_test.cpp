@@ -72,6 +72,8 @@ TEST(IfuseTest, CopyListMoveRemoveAndDf) {
   // df reports the described capacity: 16e9 bytes in 1K blocks.
   std::string df = sh("df -k " + m.dir);
   EXPECT_NE(df.find("15625000"), std::string::npos) << df;
+  // ifuse came in through an encrypted lockdown session, as on a phone.
+  EXPECT_GT(sim.stats("fuse-dev").tls_sessions, 0u);
 }
 
 }  // namespace

@@ -80,7 +80,7 @@ TEST_F(ProtocolTest, GetValueAnswersWhatTheDescriptionHolds) {
   } cases[] = {
       {nullptr, "DeviceName", LOCKDOWN_E_SUCCESS, "Bare"},
       {nullptr, "UniqueDeviceID", LOCKDOWN_E_SUCCESS, "second-device"},
-      {nullptr, "SerialNumber", LOCKDOWN_E_MISSING_VALUE, nullptr},
+      {nullptr, "NoSuchKey", LOCKDOWN_E_MISSING_VALUE, nullptr},
       {"com.apple.disk_usage", nullptr, LOCKDOWN_E_MISSING_VALUE, nullptr},
       {"com.apple.nothing", "X", LOCKDOWN_E_MISSING_VALUE, nullptr},
   };
@@ -95,7 +95,12 @@ TEST_F(ProtocolTest, GetValueAnswersWhatTheDescriptionHolds) {
   plist_t all = nullptr;
   ASSERT_EQ(lockdownd_get_value(ld, nullptr, nullptr, &all), LOCKDOWN_E_SUCCESS);
   EXPECT_EQ(PlistJson(plist_dict_get_item(all, "ProductVersion")), "12.4");
-  EXPECT_EQ(plist_dict_get_size(all), 3u);  // name, version and the identifier only
+  // Beside the description, the keys every phone answers (ideviceinfo and
+  // idevicedate rely on them).
+  for (const char* key : {"ActivationState", "BuildVersion", "CPUArchitecture", "DeviceClass", "DevicePublicKey",
+                          "HardwareModel", "PasswordProtected", "TimeIntervalSince1970",
+                          "TimeZone", "TimeZoneOffsetFromUTC", "UniqueChipID", "WiFiAddress"})
+    EXPECT_NE(plist_dict_get_item(all, key), nullptr) << key;
   plist_free(all);
 
   lockdownd_service_descriptor_t svc = nullptr;

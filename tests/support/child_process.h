@@ -6,6 +6,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -30,10 +31,13 @@ struct Result {
 // A running program. Collects its standard output, and its standard error
 // unless `capture_err` is false (then it goes where the test's own goes),
 // until it exits. `env` adds to or replaces the test's environment.
+// With `die_with_parent` the kernel kills the program when the thread that
+// started it ends, so a test killed by ctest's timeout leaves no server
+// behind holding ctest's output pipe open.
 class ChildProcess {
  public:
   ChildProcess(std::vector<std::string> words, const std::map<std::string, std::string> &env = {},
-               bool capture_err = true) {
+               bool capture_err = true, bool die_with_parent = false) {
     std::vector<std::string> vars;
     for (char **e = environ; *e != nullptr; ++e) {
       const std::string var = *e;
@@ -49,6 +53,15 @@ class ChildProcess {
     int out[2], err[2] = {-1, -1};
     if (::pipe2(out, O_CLOEXEC) != 0 || (capture_err && ::pipe2(err, O_CLOEXEC) != 0))
       throw std::runtime_error("pipe");
+    if (die_with_parent) {
+      SpawnDyingWithParent(argv, envp, out[1], err[1]);
+      ::close(out[1]);
+      if (capture_err) ::close(err[1]);
+      out_fd_ = out[0];
+      err_fd_ = err[0];
+      if (pid_ < 0) throw std::runtime_error("cannot start " + words[0] + ": fork failed");
+      return;
+    }
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
@@ -99,6 +112,28 @@ class ChildProcess {
   }
 
  private:
+  // posix_spawn cannot ask for a parent-death signal, so fork and exec; the
+  // child only makes async-signal-safe calls. A parent that died before
+  // prctl took effect has already re-parented us: then there is no one to
+  // serve and the child ends at once.
+  void SpawnDyingWithParent(std::vector<char *> &argv, std::vector<char *> &envp, int out_w, int err_w) {
+    const pid_t parent = ::getpid();
+    pid_ = ::fork();
+    if (pid_ != 0) return;
+    if (::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || ::getppid() != parent) ::_exit(127);
+    const int devnull = ::open("/dev/null", O_RDONLY);
+    if (devnull < 0 || ::dup2(devnull, STDIN_FILENO) < 0 || ::dup2(out_w, STDOUT_FILENO) < 0 ||
+        (err_w >= 0 && ::dup2(err_w, STDERR_FILENO) < 0))
+      ::_exit(127);
+    // The test has blocked or ignored signals of its own; the program starts clean.
+    sigset_t none;
+    sigemptyset(&none);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+    ::signal(SIGPIPE, SIG_DFL);
+    ::execve(argv[0], argv.data(), envp.data());
+    ::_exit(127);
+  }
+
   void Drain(int timeout_ms) {
     pollfd fds[2] = {{out_fd_, POLLIN, 0}, {err_fd_, POLLIN, 0}};
     if (::poll(fds, 2, timeout_ms) <= 0) return;

@@ -7,6 +7,7 @@
 #include "catalogue/pictures.h"
 #include "common/connection.h"
 #include "common/db_entry.h"
+#include "common/error.h"
 #include "common/raii.h"
 #include "devicefs/walk.h"
 #include "tarn/tarn_device.h"
@@ -21,6 +22,7 @@ constexpr const char *kCameraQuery = "select ('/' || directory || '/' || filenam
 extern "C" {
 
 TARN_API int CameraPictureCallback(void *context, int columns, char **values, char **) {
+  const tarn::ApiCall api_call;
   auto *ctx = static_cast<CameraRowContext *>(context);
   if (ctx == nullptr || columns < 1 || values == nullptr || values[0] == nullptr) return 0;
   tarn::FileInfo info(GetFileInfo(ctx->client, values[0]));
@@ -29,6 +31,7 @@ TARN_API int CameraPictureCallback(void *context, int columns, char **values, ch
 }
 
 TARN_API plist_t ReadCameraDbTypeSQLITE(PodDevice *device, const char *path) {
+  const tarn::ApiCall api_call;
   sqlite3 *raw = nullptr;
   // Read only: a missing copy must not turn into a new empty database in
   // the working directory.
@@ -57,11 +60,13 @@ TARN_API plist_t ReadCameraDbTypeSQLITE(PodDevice *device, const char *path) {
 }
 
 TARN_API plist_t ReadCameraDbTypeFromDevice(PodDevice *device) {
+  const tarn::ApiCall api_call;
   const char *folders[] = {kCameraDir};
   return GetPictureListFromDevice(device, folders, 1);
 }
 
 TARN_API plist_t GetCameraPVList(PodDevice *device, uint32_t, uint32_t) {
+  const tarn::ApiCall api_call;
   std::puts("GetCameraPVList");
   plist_t result = nullptr;
   const bool listed = tarn::WalkDbFiles(device, "CameraDb", [&](uint64_t type, const char *device_path) {

@@ -7,6 +7,7 @@
 
 #include "catalogue/media_item.h"
 #include "common/connection.h"
+#include "common/error.h"
 #include "common/host_plist.h"
 #include "common/raii.h"
 #include "tarn/tarn_device.h"
@@ -15,6 +16,7 @@ extern "C" {
 
 TARN_API uint32_t GetPurchaseMusicListFromPlist(PodDevice *device, const char *path, plist_t items, uint64_t *total,
                                                 PodPlistParser parser) {
+  const tarn::ApiCall api_call;
   tarn::PlistPtr root = tarn::ParseHostPlist(path, parser);
   if (!root || plist_get_node_type(root.get()) != PLIST_DICT || plist_dict_get_size(root.get()) == 0) return 0;
   plist_t purchases = plist_dict_get_item(root.get(), "contentInfoByXMLFilename");

@@ -9,6 +9,7 @@
 
 #include "common/connection.h"
 #include "common/db_entry.h"
+#include "common/error.h"
 #include "common/raii.h"
 #include "devicefs/transfer.h"
 #include "tarn/tarn_device.h"
@@ -39,6 +40,7 @@ plist_t BuildEntry(afc_client_t client, const char *const (&table)[N]) {
 extern "C" {
 
 TARN_API int IsPodFileValid(afc_client_t client, const char *path) {
+  const tarn::ApiCall api_call;
   char **attrs = nullptr;
   if (client == nullptr || path == nullptr || afc_get_file_info(client, path, &attrs) != AFC_E_SUCCESS) {
     if (attrs) g_strfreev(attrs);
@@ -55,21 +57,47 @@ TARN_API int IsPodFileValid(afc_client_t client, const char *path) {
   return 1;
 }
 
-TARN_API plist_t GetMusicDBFileInfo(afc_client_t client) { return BuildEntry(client, tarn::kTrackDbPath); }
+TARN_API plist_t GetMusicDBFileInfo(afc_client_t client) {
+  const tarn::ApiCall api_call;
+  return BuildEntry(client, tarn::kTrackDbPath);
+}
 // Every media kind lives in the one music database; each kind keeps a
 // builder of its own name for callers that ask by kind.
-TARN_API plist_t GetPodcastDBFileInfo(afc_client_t client) { return GetMusicDBFileInfo(client); }
-TARN_API plist_t GetTvshowDBFileInfo(afc_client_t client) { return GetMusicDBFileInfo(client); }
-TARN_API plist_t GetAudioBookDBFileInfo(afc_client_t client) { return GetMusicDBFileInfo(client); }
-TARN_API plist_t GetMovieDBFileInfo(afc_client_t client) { return GetMusicDBFileInfo(client); }
-TARN_API plist_t GetBookDBFileInfo(afc_client_t client) { return BuildEntry(client, tarn::kBookDbPath); }
-TARN_API plist_t GetCameraDBFileInfo(afc_client_t client) { return BuildEntry(client, tarn::kCameraDbPath); }
-TARN_API plist_t GetRecordingDBFileInfo(afc_client_t client) { return BuildEntry(client, tarn::kRecordingDbPath); }
+TARN_API plist_t GetPodcastDBFileInfo(afc_client_t client) {
+  const tarn::ApiCall api_call;
+  return GetMusicDBFileInfo(client);
+}
+TARN_API plist_t GetTvshowDBFileInfo(afc_client_t client) {
+  const tarn::ApiCall api_call;
+  return GetMusicDBFileInfo(client);
+}
+TARN_API plist_t GetAudioBookDBFileInfo(afc_client_t client) {
+  const tarn::ApiCall api_call;
+  return GetMusicDBFileInfo(client);
+}
+TARN_API plist_t GetMovieDBFileInfo(afc_client_t client) {
+  const tarn::ApiCall api_call;
+  return GetMusicDBFileInfo(client);
+}
+TARN_API plist_t GetBookDBFileInfo(afc_client_t client) {
+  const tarn::ApiCall api_call;
+  return BuildEntry(client, tarn::kBookDbPath);
+}
+TARN_API plist_t GetCameraDBFileInfo(afc_client_t client) {
+  const tarn::ApiCall api_call;
+  return BuildEntry(client, tarn::kCameraDbPath);
+}
+TARN_API plist_t GetRecordingDBFileInfo(afc_client_t client) {
+  const tarn::ApiCall api_call;
+  return BuildEntry(client, tarn::kRecordingDbPath);
+}
 TARN_API plist_t GetUserPictureDBFileInfo(afc_client_t client) {
+  const tarn::ApiCall api_call;
   return BuildEntry(client, tarn::kUserPictureDbPath);
 }
 
 TARN_API int CopyDbFileToNativeDir(PodDevice *device, afc_client_t client, plist_t entry) {
+  const tarn::ApiCall api_call;
   if (entry == nullptr) return 1;
   tarn::WalkDbEntry(entry, [&](uint64_t, const char *device_path) {
     const char *name = GetFileName(device_path);
@@ -94,6 +122,7 @@ TARN_API int CopyDbFileToNativeDir(PodDevice *device, afc_client_t client, plist
 }
 
 TARN_API int InitDevice(PodDevice *device, const char *host_dir) {
+  const tarn::ApiCall api_call;
   std::puts("InitDevice");
   if (device == nullptr) return 1;
   // A second initialisation of the same handle replaces the directory and

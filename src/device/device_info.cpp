@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "common/connection.h"
+#include "common/error.h"
 #include "common/raii.h"
 #include "device/music_database.h"
 #include "tarn/tarn_device.h"
@@ -23,6 +24,7 @@ uint64_t ListTotal(plist_t list) {
 extern "C" {
 
 TARN_API void SetDeviceUsage(PodDevice *device, afc_client_t client, plist_t info) {
+  const tarn::ApiCall api_call;
   if (info == nullptr) return;
   int64_t capacity = 0, available = 0;
   char **attrs = nullptr;
@@ -58,6 +60,7 @@ TARN_API void SetDeviceUsage(PodDevice *device, afc_client_t client, plist_t inf
 }
 
 TARN_API plist_t GetDeviceInfo(PodDevice *device) {
+  const tarn::ApiCall api_call;
   std::puts("GetDeviceInfo");
   if (device == nullptr) return nullptr;
   tarn::LockdownSession session(device->deviceId, "iPod");

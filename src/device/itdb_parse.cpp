@@ -35,6 +35,7 @@
 #include <thread>
 #include <vector>
 
+#include "common/error.h"
 #include "common/raii.h"
 #include "device/itdb_check.h"
 #include "tarn/tarn_device.h"
@@ -314,6 +315,7 @@ MusicDatabase::MusicDatabase(const char *path) {
 extern "C" {
 
 TARN_API Itdb_iTunesDB *m_itdb_parse_file(const char *path, GError **error) {
+  const tarn::ApiCall api_call;
   if (path == nullptr) {
     g_return_if_fail_warning(nullptr, "m_itdb_parse_file", "filename");
     return nullptr;

@@ -6,6 +6,7 @@
 #include <glib.h>
 
 #include "common/connection.h"
+#include "common/error.h"
 #include "common/raii.h"
 #include "devicefs/walk.h"
 #include "tarn/tarn_device.h"
@@ -40,6 +41,7 @@ int SlotOfKey(const char *key) {
 extern "C" {
 
 TARN_API char **GetFileInfo(afc_client_t client, const char *path) {
+  const tarn::ApiCall api_call;
   // g_malloc0/g_strdup, because the vector is released with g_strfreev.
   char **info = static_cast<char **>(g_malloc0(tarn::kInfoSlots * sizeof(char *)));
   char **attrs = nullptr;
@@ -59,11 +61,13 @@ TARN_API char **GetFileInfo(afc_client_t client, const char *path) {
 }
 
 TARN_API char **GetDirOrFileInfo(PodDevice *device, const char *path) {
+  const tarn::ApiCall api_call;
   tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
   return GetFileInfo(conn.afc(), path);
 }
 
 TARN_API int IsDirExist(PodDevice *device, const char *path) {
+  const tarn::ApiCall api_call;
   std::puts("IsDirExist");
   tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
   char **names = nullptr;
@@ -80,6 +84,7 @@ TARN_API int IsDirExist(PodDevice *device, const char *path) {
 }
 
 TARN_API int IsFileExist(PodDevice *device, const char *path) {
+  const tarn::ApiCall api_call;
   std::puts("IsFileExist");
   tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
   const tarn::AfcFile file(conn.afc(), path, AFC_FOPEN_RDONLY);
@@ -92,6 +97,7 @@ TARN_API int IsFileExist(PodDevice *device, const char *path) {
 }
 
 TARN_API int MakeDir(PodDevice *device, const char *path) {
+  const tarn::ApiCall api_call;
   std::puts("MakeDir");
   tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
   if (!conn) return 1;

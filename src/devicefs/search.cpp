@@ -5,6 +5,7 @@
 #include <string>
 
 #include "common/connection.h"
+#include "common/error.h"
 #include "devicefs/records.h"
 #include "devicefs/walk.h"
 #include "tarn/tarn_device.h"
@@ -70,12 +71,14 @@ class Searcher {
 extern "C" {
 
 TARN_API void InternalSearchFile(afc_client_t client, const char *dir, PodSearchState *state) {
+  const tarn::ApiCall api_call;
   if (dir == nullptr || state == nullptr || state->keyword == nullptr) return;
   Searcher searcher(state);
   tarn::WalkDirectory(client, dir, state->depth, searcher);
 }
 
 TARN_API PodSearchItem *SearchFile(PodDevice *device, const char *dir, const char *keyword) {
+  const tarn::ApiCall api_call;
   if (keyword == nullptr) return nullptr;
   tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
   PodSearchState state{keyword, nullptr, nullptr, 0};
@@ -97,6 +100,7 @@ TARN_API void FreeSearchResult(PodSearchItem *first) {
 }
 
 TARN_API int RenamePath(PodDevice *device, const char *old_path, const char *new_path) {
+  const tarn::ApiCall api_call;
   std::puts("RenamePath");
   tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
   const afc_error_t err = afc_rename_path(conn.afc(), old_path, new_path);
@@ -108,6 +112,7 @@ TARN_API int RenamePath(PodDevice *device, const char *old_path, const char *new
 }
 
 TARN_API int DeleteFile(PodDevice *device, const char *path) {
+  const tarn::ApiCall api_call;
   std::puts("DeleteFile");
   tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
   const afc_error_t err = afc_remove_path(conn.afc(), path);
@@ -120,6 +125,7 @@ TARN_API int DeleteFile(PodDevice *device, const char *path) {
 }
 
 TARN_API void _TarnDeleteDir(afc_client_t client, PodDir *dir, PodDir *root) {
+  const tarn::ApiCall api_call;
   if (dir == nullptr) return;
   for (PodDir *sub = dir->first_dir; sub != nullptr;) {
     std::printf("next_dir %s\n", tarn::Printable(sub->path));
@@ -143,6 +149,7 @@ TARN_API void _TarnDeleteDir(afc_client_t client, PodDir *dir, PodDir *root) {
 }
 
 TARN_API int DeleteDir(PodDevice *device, const char *path) {
+  const tarn::ApiCall api_call;
   if (path == nullptr) return 0;
   tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
   auto *root = static_cast<PodDir *>(std::calloc(1, sizeof(PodDir)));

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "common/connection.h"
+#include "common/error.h"
 #include "common/raii.h"
 #include "devicefs/transfer.h"
 #include "devicefs/walk.h"
@@ -157,11 +158,13 @@ extern "C" {
 
 TARN_API void _CopyFileFromDeviceToNative(PodDevice *device, afc_client_t client, const char *device_path,
                                           const char *host_path, PodProgressCallback progress) {
+  const tarn::ApiCall api_call;
   tarn::DownloadWhole(device, client, device_path, host_path, progress);
 }
 
 TARN_API void CopyFileFromDeviceToNative(PodDevice *device, const char *device_path, const char *host_path,
                                          PodProgressCallback progress) {
+  const tarn::ApiCall api_call;
   std::puts("CopyDeviceFile");
   {
     tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
@@ -175,6 +178,7 @@ TARN_API void CopyFileFromDeviceToNative(PodDevice *device, const char *device_p
 
 TARN_API void _TarnCopyFileFromNativeToDevice(PodDevice *device, afc_client_t client, const char *host_path,
                                               const char *device_path, PodProgressCallback progress) {
+  const tarn::ApiCall api_call;
   const uint64_t total = static_cast<uint64_t>(WGetFileSize(host_path));
   tarn::HostFile source = OpenHostFile(host_path, "rb");
   if (!source) {
@@ -219,6 +223,7 @@ TARN_API void _TarnCopyFileFromNativeToDevice(PodDevice *device, afc_client_t cl
 
 TARN_API int CopyFileFromNativeToDevice(PodDevice *device, const char *host_path, const char *device_path,
                                         PodProgressCallback progress) {
+  const tarn::ApiCall api_call;
   std::puts("CopyFileFromNativeToDevice");
   tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
   if (!conn) return 1;
@@ -230,6 +235,7 @@ TARN_API int CopyFileFromNativeToDevice(PodDevice *device, const char *host_path
 
 TARN_API void _CopyDirectory(PodDevice *device, afc_client_t client, const char *device_parent, const char *name,
                              const char *host_parent) {
+  const tarn::ApiCall api_call;
   // An empty name copies the parent itself (the start of a directory copy);
   // any other name must be one a walk could have listed.
   if (name == nullptr || (name[0] != '\0' && !tarn::IsWalkableName(name))) return;
@@ -250,6 +256,7 @@ TARN_API void _CopyDirectory(PodDevice *device, afc_client_t client, const char 
 }
 
 TARN_API void CopyDeviceDirectory(PodDevice *device, const char *device_dir, const char *host_dir) {
+  const tarn::ApiCall api_call;
   std::puts("CopyDeviceDirectory");
   // Neither a failed connection nor a lock file that cannot be opened stops
   // the copy: it then reads nothing, or reads without the lock.

@@ -85,9 +85,13 @@ extern "C" {
 
 TARN_API int GetDirAllPicture(afc_client_t client, plist_t items, const char *folder, uint64_t *total) {
   const tarn::ApiCall api_call;
-  if (client == nullptr || items == nullptr || folder == nullptr || total == nullptr) return 0;
+  if (client == nullptr || items == nullptr || folder == nullptr || total == nullptr) {
+    tarn::SetError(TARN_E_INVALID_ARGUMENT, "A picture walk needs a connection, a folder and somewhere to put the items.");
+    return 0;
+  }
   PictureVisitor visitor{items, total};
-  tarn::WalkDirectory(client, folder, 0, visitor);
+  // A folder the device does not have is simply one without pictures.
+  tarn::WalkDirectory(client, folder, 0, visitor, tarn::PathJoin::kAlwaysSlash, true);
   return 0;
 }
 

@@ -44,7 +44,11 @@ TARN_API uint32_t GetPurchaseMusicListFromPlist(PodDevice *device, const char *p
     if (id == nullptr || plist_get_node_type(name_node) != PLIST_STRING) continue;
     const tarn::CString name = tarn::StringOf(name_node);
     tarn::CString device_path(ConcatFilePath("/Purchases", name.get()));
-    tarn::FileInfo info(GetFileInfo(conn.afc(), device_path.get()));
+    tarn::FileInfo info;
+    {
+      const tarn::KeepReason quiet;
+      info.reset(GetFileInfo(conn.afc(), device_path.get()));
+    }
     const char *size_text = info.get()[1];
     if (size_text == nullptr) continue;
     const uint64_t size = std::strtoull(size_text, nullptr, 10);

@@ -59,7 +59,12 @@ TARN_API int RecordingDbCallback(void *context, int columns, char **values, char
   // part from the recordings folder on exists on the media partition.
   const char *device_path = std::strstr(values[1], kRecordingFolder);
   if (device_path == nullptr) return 0;
-  tarn::FileInfo info(GetFileInfo(ctx->client, device_path));
+  tarn::FileInfo info;
+  {
+    // A recording the database names but the device no longer has is left out.
+    const tarn::KeepReason quiet;
+    info.reset(GetFileInfo(ctx->client, device_path));
+  }
   if (info.get()[tarn::kInfoSize] == nullptr) return 0;
   const uint64_t size = std::strtoull(info.get()[tarn::kInfoSize], nullptr, 10);
 
@@ -86,7 +91,10 @@ TARN_API plist_t ReadRecordingDbTypeSQLITE(PodDevice *device, const char *path) 
   // the working directory.
   const int rc = sqlite3_open_v2(path ? path : "", &raw, SQLITE_OPEN_READONLY, nullptr);
   tarn::SqliteDb db(raw);
-  if (rc != SQLITE_OK) return nullptr;
+  if (rc != SQLITE_OK) {
+    tarn::SetDatabaseError(path, raw ? sqlite3_errmsg(raw) : "");
+    return nullptr;
+  }
 
   tarn::PlistPtr result(tarn::NewTrackListResult());
   RecordingRowContext ctx{0, tarn::ListItems(result.get()), 0, nullptr};
@@ -96,10 +104,10 @@ TARN_API plist_t ReadRecordingDbTypeSQLITE(PodDevice *device, const char *path) 
     // The device's own sync must not remove recordings while they are sized.
     tarn::SyncLock lock(conn.afc());
     ctx.client = conn.afc();
-    sqlite3_exec(db.get(), kRecordingQuery, RecordingDbCallback, &ctx, &error);
+    if (sqlite3_exec(db.get(), kRecordingQuery, RecordingDbCallback, &ctx, &error) != SQLITE_OK)
+      tarn::SetDatabaseError(path, error ? error : "");
   }
-  // A failed query keeps the rows handed over before it; its message is
-  // of no use to the application.
+  // A failed query keeps the rows handed over before it.
   tarn::SqliteText owned_error(error);
   if (ctx.count == 0) return nullptr;
   tarn::AddToListCounts(result.get(), ctx.count, ctx.total);

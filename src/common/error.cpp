@@ -48,7 +48,7 @@ std::string DeviceName(const char *device_id) {
   return device_id && *device_id ? std::string("Device ") + device_id : std::string("The device");
 }
 
-std::string Quoted(const char *path) { return path ? std::string("\"") + path + "\"" : std::string("the path"); }
+std::string Quoted(const char *path) { return path ? std::string("\"") + path + "\"" : std::string("the request"); }
 
 // " (after 1234 of 5678 bytes)"; the walks' entries have no total.
 std::string ProgressText(Progress p, const char *unit) {

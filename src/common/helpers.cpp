@@ -2,6 +2,7 @@
 // texts, missing values and paths are handled everywhere in the library.
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -160,7 +161,10 @@ TARN_API int64_t WGetFileSize(const char *path) {
 
 TARN_API int Mkdir(const char *path) {
   const tarn::ApiCall api_call;
-  return TarnMkdir(path);
+  errno = 0;
+  const int status = TarnMkdir(path);
+  if (status != 0) tarn::SetHostError(path == nullptr || *path == '\0' ? EINVAL : errno != 0 ? errno : EEXIST, path);
+  return status;
 }
 
 }  // extern "C"

@@ -24,6 +24,8 @@ namespace {
 template <size_t N>
 plist_t BuildEntry(afc_client_t client, const char *const (&table)[N]) {
   tarn::PlistPtr entry(plist_new_array());
+  // A database the device does not have is an answer, not a failure.
+  const tarn::KeepReason quiet;
   for (size_t i = 0; i < N; ++i) {
     if (IsPodFileValid(client, table[i]) != 1) continue;
     plist_t pair = plist_new_dict();
@@ -42,8 +44,15 @@ extern "C" {
 TARN_API int IsPodFileValid(afc_client_t client, const char *path) {
   const tarn::ApiCall api_call;
   char **attrs = nullptr;
-  if (client == nullptr || path == nullptr || afc_get_file_info(client, path, &attrs) != AFC_E_SUCCESS) {
+  if (client == nullptr || path == nullptr) {
+    tarn::SetError(TARN_E_INVALID_ARGUMENT,
+                   client ? "No device path was given." : "No file-service connection was given.");
+    return 0;
+  }
+  const afc_error_t err = afc_get_file_info(client, path, &attrs);
+  if (err != AFC_E_SUCCESS) {
     if (attrs) g_strfreev(attrs);
+    tarn::SetAfcError(err, path);
     return 0;
   }
   // A success that carries no information (an empty answer gives no
@@ -98,7 +107,10 @@ TARN_API plist_t GetUserPictureDBFileInfo(afc_client_t client) {
 
 TARN_API int CopyDbFileToNativeDir(PodDevice *device, afc_client_t client, plist_t entry) {
   const tarn::ApiCall api_call;
-  if (entry == nullptr) return 1;
+  if (entry == nullptr) {
+    tarn::SetError(TARN_E_INVALID_ARGUMENT, "No database entry was given.");
+    return 1;
+  }
   tarn::WalkDbEntry(entry, [&](uint64_t, const char *device_path) {
     const char *name = GetFileName(device_path);
     tarn::CString local(ConcatFilePath(device->hostDir, name));
@@ -124,7 +136,10 @@ TARN_API int CopyDbFileToNativeDir(PodDevice *device, afc_client_t client, plist
 TARN_API int InitDevice(PodDevice *device, const char *host_dir) {
   const tarn::ApiCall api_call;
   std::puts("InitDevice");
-  if (device == nullptr) return 1;
+  if (device == nullptr) {
+    tarn::SetError(TARN_E_INVALID_ARGUMENT, "No device handle was given.");
+    return 1;
+  }
   // A second initialisation of the same handle replaces the directory and
   // the database information; the old ones are released here rather than
   // lost.
@@ -156,7 +171,7 @@ TARN_API int InitDevice(PodDevice *device, const char *host_dir) {
   device->dbInfo = info.release();
 
   for (const tarn::PlistPtr *entry : {&music, &books, &camera, &recordings, &pictures}) {
-    CopyDbFileToNativeDir(device, client, entry->get());
+    if (*entry) CopyDbFileToNativeDir(device, client, entry->get());
   }
   return 0;
 }

@@ -45,8 +45,15 @@ TARN_API char **GetFileInfo(afc_client_t client, const char *path) {
   // g_malloc0/g_strdup, because the vector is released with g_strfreev.
   char **info = static_cast<char **>(g_malloc0(tarn::kInfoSlots * sizeof(char *)));
   char **attrs = nullptr;
-  if (client == nullptr || path == nullptr || afc_get_file_info(client, path, &attrs) != AFC_E_SUCCESS) {
+  if (client == nullptr || path == nullptr) {
+    tarn::SetError(TARN_E_INVALID_ARGUMENT,
+                   client ? "No device path was given." : "No file-service connection was given.");
+    return info;
+  }
+  const afc_error_t err = afc_get_file_info(client, path, &attrs);
+  if (err != AFC_E_SUCCESS) {
     if (attrs) g_strfreev(attrs);
+    tarn::SetAfcError(err, path);
     return info;
   }
   tarn::StrVec owned(attrs);
@@ -78,6 +85,7 @@ TARN_API int IsDirExist(PodDevice *device, const char *path) {
   std::printf("1afc_error_t %d\n", static_cast<int>(err));
   if (err != AFC_E_SUCCESS) {
     std::printf("afc_error_t %d\n", static_cast<int>(err));
+    tarn::SetAfcError(err, path);
     return 0;
   }
   return 1;
@@ -105,7 +113,7 @@ TARN_API int MakeDir(PodDevice *device, const char *path) {
   if (!lock.opened()) return 1;
   // Whether the directory was made is not reported: the device also answers
   // an existing directory with success, so callers test for it themselves.
-  afc_make_directory(conn.afc(), path);
+  tarn::SetAfcError(afc_make_directory(conn.afc(), path), path);
   return 0;
 }
 

@@ -2,7 +2,6 @@
 // reasons, each produced against the simulator and checked by code, detail
 // and the words a person reads.
 #include <cerrno>
-#include <cstdlib>
 #include <functional>
 #include <thread>
 
@@ -52,13 +51,24 @@ TEST_F(ReasonsTest, AConnectionThatCannotBeMadeSaysWhy) {
     int lockdown_error;
   } rows[] = {
       {{"refuse_handshake=1", "version=14.0"}, kUdid, {TARN_E_PAIRING_INVALID, kUdid}, LOCKDOWN_E_INVALID_HOST_ID},
+      // libimobiledevice answers a host ID the phone no longer knows by
+      // pairing anew, which opens the Trust dialog.
+      {{"stale_pairing=1"}, kUdid, {TARN_E_PAIRING_PENDING, "tap \"Trust\""}, LOCKDOWN_E_PAIRING_DIALOG_RESPONSE_PENDING},
+      {{"ssl_fail=1"}, kUdid, {TARN_E_PAIRING_INVALID, "secure handshake"}, LOCKDOWN_E_SSL_ERROR},
+      {{"paired=0"}, kUdid, {TARN_E_PAIRING_PENDING, "tap \"Trust\""}, LOCKDOWN_E_PAIRING_DIALOG_RESPONSE_PENDING},
+      {{"paired=0", "pair_answer=denied"}, kUdid, {TARN_E_TRUST_DENIED, "not to trust"}, LOCKDOWN_E_USER_DENIED_PAIRING},
+      {{"paired=0", "pair_answer=passcode"}, kUdid, {TARN_E_LOCKED, "unlock it"}, LOCKDOWN_E_PASSWORD_PROTECTED},
+      {{"locked=1"}, kUdid, {TARN_E_LOCKED, kUdid}, LOCKDOWN_E_PASSWORD_PROTECTED},
       {{"refuse_afc=1", "version=14.0"}, kUdid, {TARN_E_SERVICE_REFUSED, "file service"}, LOCKDOWN_E_SERVICE_PROHIBITED},
       {{}, "00008030-0000NOTTHERE01", {TARN_E_NO_DEVICE, "00008030-0000NOTTHERE01 is not attached"}, 0},
   };
   for (const Row &row : rows) {
     Start(row.options);
     PodDevice *handle = CreatePodDevice(row.udid);
-    for (const Call &call : {kOpen, kInit, kExists}) {
+    // A pairing costs libimobiledevice a new key of seconds; one entry
+    // stands for all there.
+    const bool pairs = !row.options.empty() && (row.options[0] == "paired=0" || row.options[0] == "stale_pairing=1");
+    for (const Call &call : pairs ? std::vector<Call>{kOpen} : std::vector<Call>{kOpen, kInit, kExists}) {
       ExpectReason(handle, call, row.want, row.want.words);
       EXPECT_EQ(TarnLastError()->lockdown_error, row.lockdown_error);
     }
@@ -69,12 +79,11 @@ TEST_F(ReasonsTest, AConnectionThatCannotBeMadeSaysWhy) {
   }
   // No daemon listens at the socket at all.
   Start();
-  const char *saved = std::getenv("USBMUXD_SOCKET_ADDRESS");
-  const std::string restore = saved ? saved : "";
-  setenv("USBMUXD_SOCKET_ADDRESS", ("UNIX:" + Host("no-such.sock")).c_str(), 1);
-  for (const Call &call : {kOpen, kInit, kExists}) ExpectReason(device, call, {TARN_E_NO_USBMUXD, "no-such.sock"}, "no usbmuxd");
-  ExpectReason(device, [](PodDevice *) { GetDevicesId(); }, {TARN_E_NO_USBMUXD, "usbmuxd"}, "device list");
-  setenv("USBMUXD_SOCKET_ADDRESS", restore.c_str(), 1);
+  {
+    const tarn::testing::NoUsbmux none;
+    for (const Call &call : {kOpen, kInit, kExists}) ExpectReason(device, call, {TARN_E_NO_USBMUXD, "cannot be reached"}, "no usbmuxd");
+    ExpectReason(device, [](PodDevice *) { GetDevicesId(); }, {TARN_E_NO_USBMUXD, "usbmuxd"}, "device list");
+  }
   // A call that succeeds clears what the last one left.
   ExpectReason(device, kExists, {TARN_OK, ""}, "after a failure");
 }
@@ -101,6 +110,8 @@ TEST_F(ReasonsTest, FileServiceAndHostFailuresNameThePath) {
       {[](PodDevice *d) { CopyFileFromDeviceToNative(d, "/f", "/dev/full", nullptr); }, {TARN_E_HOST_IO, "after 0 of 200000 bytes"}, 0, ENOSPC},
       {[](PodDevice *d) { CopyFileFromNativeToDevice(d, "/nonexistent/up", "/g", nullptr); }, {TARN_E_NOT_FOUND, "/nonexistent/up"}, 0, ENOENT},
       {[](PodDevice *d) { PodDir *r = GetPodDir(d, "/", 0); FreePodDir(r, 1, r); }, {TARN_OK, ""}, 0, 0},
+      {[&](PodDevice *d) { sim->set_option(kUdid, "syncing", "1"); CopyFileFromDeviceToNative(d, "/f", Host("f").c_str(), nullptr); },
+       {TARN_E_SYNC_LOCK_BUSY, "syncing with another computer"}, 0, 0},
   };
   for (const Row &row : rows) {
     ExpectReason(device, row.call, row.want, row.want.words);

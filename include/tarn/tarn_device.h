@@ -18,8 +18,9 @@
  *  - Most functions print a few progress lines on standard output; the lines
  *    are part of the interface and are listed with each function.
  *
- * Threads: the library keeps no global state, and no thread of its own
- * outlives a call (a parse of the music database verifies the file's
+ * Threads: the library keeps no global state but one record per thread of
+ * the reason for its last failure (TarnLastError()), and no thread of its
+ * own outlives a call (a parse of the music database verifies the file's
  * checksum on a second thread, which ends before the parse returns).
  *  - May be shared: nothing of the library's own. Different handles, also
  *    for the same device, may be used from different threads at the same
@@ -238,8 +239,9 @@ TARN_API void FreePodDeviceService(PodDeviceService *service);
  *
  * Prints "GetDevicesId"; on success also "GetDevicesId END" and the array
  * (PrintPlist()).
- * @return A new array of strings, or NULL when no device is attached or the
- *         device list cannot be read.
+ * @return A new array of strings, or NULL when no device is attached
+ *         (TARN_E_NO_DEVICE) or the device list cannot be read
+ *         (TARN_E_NO_USBMUXD).
  */
 TARN_API plist_t GetDevicesId(void);
 
@@ -261,8 +263,10 @@ TARN_API void FreePodDevice(PodDevice *device);
  * @param device Out: receives the device connection as soon as it is made,
  *        also when a later step fails. Set it to NULL before the call.
  * @param device_id Device identifier.
- * @return The file-conduit client, or NULL on failure. Release both with
- *         CloseIdeviceAndAfC().
+ * @return The file-conduit client, or NULL on failure (TarnLastError()
+ *         says why: no usbmuxd, no device, a pairing or lock state of the
+ *         device, the file service refused). Release both with
+ *         CloseIdeviceAndAfC(), which leaves the reason in place.
  */
 TARN_API afc_client_t OpenIdeviceAndAfC(idevice_t *device, const char *device_id);
 
@@ -315,8 +319,9 @@ TARN_API void SetDeviceUsage(PodDevice *device, afc_client_t client, plist_t inf
  * CopyDeviceFile" around every copy made.
  * @param host_dir Host working directory; must contain a '/' and not end with one.
  * @return 0 on success, 1 when the device cannot be connected or refuses the
- *         handshake. A refused file-conduit service still gives 0 with an
- *         empty dbInfo.
+ *         handshake (TarnLastError() says why). A refused file-conduit
+ *         service still gives 0 with an empty dbInfo, and records
+ *         TARN_E_SERVICE_REFUSED; so does a copy that failed (its reason).
  */
 TARN_API int InitDevice(PodDevice *device, const char *host_dir);
 
@@ -569,6 +574,12 @@ TARN_API int CopyFileFromNativeToDevice(PodDevice *device, const char *host_path
  * a trace per entry.
  */
 TARN_API void CopyDeviceDirectory(PodDevice *device, const char *device_dir, const char *host_dir);
+/*
+ * The workers below serve batches over one connection (OpenIdeviceAndAfC(),
+ * TarnSyncLock()). Each clears the record on entry; after each file,
+ * TarnLastError() tells how it ended, and TARN_E_CONNECTION_LOST means that
+ * the client is of no further use: stop the batch there.
+ */
 /** Download worker over an open client; takes no lock. */
 TARN_API void _CopyFileFromDeviceToNative(PodDevice *device, afc_client_t client, const char *device_path,
                                           const char *host_path, PodProgressCallback progress);
@@ -677,10 +688,96 @@ TARN_API int Mkdir(const char *path);
  *
  * Every exported function clears the calling thread's record on entry and
  * sets it where it fails, so the record always describes the most recent
- * call. A call may also succeed and leave a record: a reason that did not
- * stop it (TARN_E_SYNC_LOCK_BUSY: the call went on without the device's sync
- * lock; TARN_E_WALK_CUT: a listing that is complete up to the walk bounds).
+ * call. Exceptions: TarnLastError(), TarnErrorMessage() and the functions
+ * that only release (FreePodDeviceService(), FreePodDevice(),
+ * CloseIdeviceAndAfC(), FreePodDir(), FreeSearchResult(), TarnSyncUnlock())
+ * leave the record alone, so that a caller may release first and report
+ * after. The library's own calls to its exported functions add to the
+ * caller's record rather than clear it.
+ *
+ * A call may also succeed and leave a record: a reason that did not stop it
+ * (TARN_E_SYNC_LOCK_BUSY: the call went on without the device's sync lock;
+ * TARN_E_WALK_CUT: a listing complete up to the walk bounds; a list returned
+ * although one of its databases could not be read; InitDevice() and
+ * GetDeviceInfo() without the file service). When a call meets several
+ * failures, the first is kept, except that a reason that breaks the
+ * connection (codes 1 to 9) replaces any other, since it explains every
+ * failure after it, and any failure replaces TARN_E_SYNC_LOCK_BUSY.
  * Records are per thread: a failure on one thread is never seen on another.
+ *
+ * Which functions record which reasons:
+ *  - TARN_E_NO_USBMUXD, TARN_E_NO_DEVICE: GetDevicesId() and every function
+ *    that opens a connection: OpenIdeviceAndAfC(), InitDevice(),
+ *    GetDeviceInfo(), CopyFileFromDeviceToNative(),
+ *    CopyFileFromNativeToDevice(), CopyDeviceDirectory(), MakeDir(),
+ *    IsDirExist(), IsFileExist(), RenamePath(), DeleteFile(), DeleteDir(),
+ *    GetPodDir(), GetDirOrFileInfo(), SearchFile(),
+ *    GetUserPictureListFromDevice(), GetPictureListFromDevice(),
+ *    ReadCameraDbTypeFromDevice(), ReadCameraDbTypeSQLITE(),
+ *    ReadRecordingDbTypeSQLITE(), GetPurchaseMusicListFromPlist(), and the
+ *    lists that call them (GetMusicList(), GetRecordingList(),
+ *    GetCameraPVList()).
+ *  - TARN_E_NOT_PAIRED, TARN_E_PAIRING_PENDING, TARN_E_TRUST_DENIED,
+ *    TARN_E_LOCKED, TARN_E_PAIRING_INVALID, TARN_E_SERVICE_REFUSED
+ *    (lockdown_error set): the same functions except GetDevicesId().
+ *    InitDevice() and GetDeviceInfo() record TARN_E_SERVICE_REFUSED and
+ *    still succeed.
+ *  - TARN_E_CONNECTION_LOST: the functions that open a connection, and
+ *    those that work over a client: GetFileInfo(), IsPodFileValid(), the
+ *    database entry builders, CopyDbFileToNativeDir(), SetDeviceUsage(),
+ *    _CopyFileFromDeviceToNative(), _TarnCopyFileFromNativeToDevice(),
+ *    _CopyDirectory(), StoreSubFolderAndFilesInfo(), InternalSearchFile(),
+ *    _TarnDeleteDir(), GetDirAllPicture(), TarnSyncLock(). done/total are
+ *    bytes for the single-file copies and their workers, and done is the
+ *    entries visited for walks (GetPodDir(), SearchFile(), DeleteDir(),
+ *    CopyDeviceDirectory(), _CopyDirectory(), StoreSubFolderAndFilesInfo(),
+ *    InternalSearchFile(), the picture walks). Once lost, every later request
+ *    over the same client records it again, so a batch can stop at the first.
+ *  - TARN_E_NOT_FOUND, TARN_E_PERMISSION, TARN_E_FILE_SERVICE (afc_error
+ *    set): every function that asks the device about a path: GetFileInfo(),
+ *    GetDirOrFileInfo(), IsPodFileValid(), IsDirExist(), IsFileExist(),
+ *    MakeDir(), RenamePath(), DeleteFile(), DeleteDir(), _TarnDeleteDir(),
+ *    GetPodDir(), SearchFile(), InternalSearchFile(),
+ *    StoreSubFolderAndFilesInfo(), the copies and their workers,
+ *    CopyDbFileToNativeDir(), InitDevice(), TarnSyncLock(). Only the start
+ *    directory of a walk counts: entries that vanish or cannot be read
+ *    below it are passed over as before, and the picture walks pass over
+ *    folders the device does not have.
+ *  - TARN_E_NOT_FOUND, TARN_E_PERMISSION, TARN_E_HOST_IO with host_errno:
+ *    the host side of CopyFileFromDeviceToNative(),
+ *    CopyFileFromNativeToDevice(), CopyDeviceDirectory(), their workers,
+ *    CopyDbFileToNativeDir(), InitDevice(), and Mkdir().
+ *  - TARN_E_DEVICE_FULL: any request that writes: the uploads, MakeDir().
+ *  - TARN_E_DATABASE_ABSENT, TARN_E_DATABASE_UNREADABLE: the catalogue
+ *    lists (GetMusicList() ... GetCameraPVList(), GetPlayList(),
+ *    GetBookList(), GetRecordingList(), GetUserPictureList()) and the
+ *    readers of host copies (ReadTrackDbTypeCdb(), ReadPlaylistDbTypeCdb(),
+ *    ReadRecordingDbTypeCdb(), ReadRecordingDbTypeSQLITE(),
+ *    ReadCameraDbTypeSQLITE(), ReadBookDbTypePLIST(),
+ *    ReadBookDbTypePLISTBin(), ReadBookFromPLIST(),
+ *    GetPurchaseMusicListFromPlist(), m_itdb_parse_file()).
+ *    GetCameraPVList() records no absent database: it walks the camera
+ *    folder instead.
+ *  - TARN_E_WALK_CUT (done = entries visited): GetPodDir(), SearchFile(),
+ *    InternalSearchFile(), StoreSubFolderAndFilesInfo(), DeleteDir(),
+ *    CopyDeviceDirectory(), _CopyDirectory(), the picture walks
+ *    (GetUserPictureListFromDevice(), GetPictureListFromDevice(),
+ *    GetDirAllPicture(), ReadCameraDbTypeFromDevice(), GetCameraPVList()).
+ *  - TARN_E_SHORT_COPY: the downloads (CopyFileFromDeviceToNative(),
+ *    _CopyFileFromDeviceToNative(), CopyDeviceDirectory(), _CopyDirectory(),
+ *    InitDevice(), CopyDbFileToNativeDir()).
+ *  - TARN_E_CANCELLED: the single-file copies and their workers.
+ *  - TARN_E_SYNC_LOCK_BUSY: TarnSyncLock() and every function that takes
+ *    the lock: CopyFileFromDeviceToNative(), CopyFileFromNativeToDevice(),
+ *    CopyDeviceDirectory(), MakeDir(), GetPurchaseMusicListFromPlist(),
+ *    ReadRecordingDbTypeSQLITE(), ReadCameraDbTypeSQLITE(),
+ *    GetPictureListFromDevice() and the lists that call them.
+ *  - TARN_E_INVALID_ARGUMENT: a function given NULL (or an unusable value)
+ *    where it needs one.
+ *  - TARN_E_DEVICE: a lockdown error with no reason of its own
+ *    (lockdown_error set).
+ * The helpers (plist, path and string helpers) record nothing but
+ * TARN_E_HOST_IO from Mkdir().
  */
 typedef enum TarnErrorCode {
     TARN_OK = 0,                      /**< No failure recorded. */
@@ -757,7 +854,7 @@ TARN_API void TarnClearError(void);
  *         that the caller can decide whether to go on.
  */
 TARN_API uint64_t TarnSyncLock(afc_client_t client);
-/** Releases a lock from TarnSyncLock(); 0 is accepted. Prints nothing. */
+/** Releases a lock from TarnSyncLock(); 0 is accepted. Prints nothing and leaves the reason record alone. */
 TARN_API void TarnSyncUnlock(afc_client_t client, uint64_t lock);
 
 #ifdef __cplusplus

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <plist/plist.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <cstdlib>
 #include <ctime>
@@ -61,6 +62,16 @@ inline std::string Text(const json &j) {
   return "?";
 }
 inline std::string Text(plist_t node) { return node ? Text(tarn::testing::PlistJson(node)) : "null"; }
+// As Text, with the items of a walked list sorted by path: a device lists a
+// directory in an order of its own, and the walk keeps that order.
+inline std::string TextByPath(plist_t node) {
+  if (!node) return "null";
+  json j = tarn::testing::PlistJson(node);
+  if (j.contains("item"))
+    std::sort(j["item"].begin(), j["item"].end(),
+              [](const json &a, const json &b) { return a.value("path", "") < b.value("path", ""); });
+  return Text(j);
+}
 
 inline uint64_t Uint(plist_t dict, const char *key) {
   uint64_t v = 0;

@@ -34,7 +34,7 @@ TEST_F(SearchDeleteTest, SearchMatchesLowerCasedNamesInPreOrder) {
   Start();
   struct Case {
     const char *keyword;
-    std::vector<std::string> expected;  // pre-order, siblings in the device's (byte-wise) listing order
+    std::vector<std::string> expected;  // sorted; the device lists siblings in an order of its own
   } cases[] = {
       // Capitals in names do not hinder a lower-case keyword.
       {"mp3", {"dir /m/Mp3s", "file /m/Mp3s/a.mp3", "file /m/Song.MP3", "file /m/other/deeper/x.mp3"}},
@@ -44,7 +44,19 @@ TEST_F(SearchDeleteTest, SearchMatchesLowerCasedNamesInPreOrder) {
       {"x.mp", {"file /m/other/deeper/x.mp3"}},
       {"deep", {"dir /m/other/deeper"}},
   };
-  for (auto &c : cases) EXPECT_EQ(Search("/m", c.keyword), c.expected) << c.keyword;
+  for (auto &c : cases) {
+    std::vector<std::string> found = Search("/m", c.keyword);
+    // Pre-order: a directory comes before everything found below it.
+    for (size_t i = 0; i < found.size(); ++i) {
+      const std::string path = found[i].substr(found[i].find(' ') + 1);
+      for (size_t j = 0; j < i; ++j) {
+        const std::string earlier = found[j].substr(found[j].find(' ') + 1);
+        EXPECT_NE(earlier.rfind(path + "/", 0), 0u) << earlier << " listed before its directory " << path;
+      }
+    }
+    std::sort(found.begin(), found.end());
+    EXPECT_EQ(found, c.expected) << c.keyword;
+  }
 }
 
 TEST_F(SearchDeleteTest, SearchResultsDescribeFilesAndDirectories) {

@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <libimobiledevice/afc.h>
+
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -13,9 +15,10 @@
 namespace tarn::app {
 namespace fs = std::filesystem;
 
-std::vector<std::string> AttachedDevices() {
+std::vector<std::string> AttachedDevices(std::string *why_none) {
   std::vector<std::string> ids;
   PlistPtr list(GetDevicesId());
+  if (why_none != nullptr && TarnLastError()->code == TARN_E_NO_USBMUXD) *why_none = LastReason();
   if (!list || plist_get_node_type(list.get()) != PLIST_ARRAY) return ids;
   for (uint32_t i = 0; i < plist_array_get_size(list.get()); ++i) {
     char *text = nullptr;
@@ -27,8 +30,10 @@ std::vector<std::string> AttachedDevices() {
 }
 
 std::string ChooseDevice(const SessionOptions &options) {
-  const std::vector<std::string> ids = AttachedDevices();
-  if (ids.empty()) Fail(kNoDevice, "no device attached");
+  std::string why_none;
+  const std::vector<std::string> ids = AttachedDevices(&why_none);
+  if (ids.empty() && !why_none.empty()) Fail(kNoUsbmuxd, why_none);
+  if (ids.empty()) Fail(kNoDevice, "no device attached. Connect the device with a USB cable.");
   if (!options.udid.empty()) {
     for (const auto &id : ids)
       if (id == options.udid) return id;
@@ -76,6 +81,7 @@ void Session::Connect() {
   if (client == nullptr) {
     CloseIdeviceAndAfC(nullptr, connection);
     // Without even a device connection the device went away since listing.
+    if (TarnLastError()->code != TARN_OK) FailWithReason(kUnreachable, "cannot reach device " + udid_);
     if (connection == nullptr) Fail(kDeviceNotFound, "device " + udid_ + " not found");
     Fail(kUnreachable, "cannot reach device " + udid_ + ": handshake or file service refused");
   }
@@ -83,9 +89,21 @@ void Session::Connect() {
   afc_ = client;
 }
 
-PathInfo Session::Stat(const std::string &device_path) {
-  Connect();
-  FileInfo vector(GetFileInfo(afc_, device_path.c_str()));
+PathInfo Session::Stat(const std::string &device_path) { return StatIn(client(), device_path); }
+
+bool Session::Alive() { return StatIn(client(), "/").is_dir; }
+
+void Session::RefuseWhileSyncing() {
+  const uint64_t lock = TarnSyncLock(client());
+  const bool busy = TarnLastError()->code == TARN_E_SYNC_LOCK_BUSY;
+  TarnSyncUnlock(afc_, lock);
+  if (busy)
+    Fail(kBusy, "the device is syncing with another computer; nothing was changed. Wait until the sync has "
+                "finished and try again.");
+}
+
+PathInfo Session::StatIn(afc_client_t client, const std::string &device_path) {
+  FileInfo vector(GetFileInfo(client, device_path.c_str()));
   PathInfo info;
   char **v = vector.get();
   if (v == nullptr || v[0] == nullptr) return info;
@@ -104,6 +122,18 @@ PathInfo Session::Require(const std::string &device_path) {
   PathInfo info = Stat(device_path);
   if (!info.exists) Fail(kNotOnDevice, device_path + ": no such file or directory on the device");
   return info;
+}
+
+std::string Session::LinkTarget(const std::string &device_path) {
+  char **pairs = nullptr;
+  if (afc_get_file_info(client(), device_path.c_str(), &pairs) != AFC_E_SUCCESS || pairs == nullptr) return "";
+  std::string kind, target;
+  for (int i = 0; pairs[i] != nullptr && pairs[i + 1] != nullptr; i += 2) {
+    if (std::string(pairs[i]) == "st_ifmt") kind = pairs[i + 1];
+    if (std::string(pairs[i]) == "LinkTarget") target = pairs[i + 1];
+  }
+  afc_dictionary_free(pairs);
+  return kind == "S_IFLNK" ? target : "";
 }
 
 namespace {
@@ -152,8 +182,10 @@ void Session::InitCatalogue() {
   }
   if (owned || IsEmptyDir(dir)) WriteMarker(dir, "incomplete");
   if (::access(dir.c_str(), W_OK) != 0) Fail(kHostPath, "cannot write to working directory " + dir.string());
-  if (InitDevice(device_.get(), dir.c_str()) != 0)
+  if (InitDevice(device_.get(), dir.c_str()) != 0) {
+    if (TarnLastError()->code != TARN_OK) FailWithReason(kUnreachable, "cannot reach device " + udid_);
     Fail(kUnreachable, "cannot reach device " + udid_ + ": handshake refused");
+  }
   if (fs::exists(dir / kMarker, ec)) WriteMarker(dir, "complete");
 }
 

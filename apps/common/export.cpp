@@ -151,6 +151,7 @@ class Exporter {
     for (const auto &item : items_) {
       if (!item.wanted) continue;
       ++report_.wanted;
+      if (displaced_.count(item.rel) != 0) NoteDisplaced(item.rel);
       const fs::path host = dir_ / item.rel;
       std::error_code ec;
       const nlohmann::json *mine = manifest_.Find(item.rel, item.device_path);
@@ -228,6 +229,7 @@ class Exporter {
     std::error_code ec;
     fs::rename(partial, path, ec);
     if (ec) Fail(kHostPath, "cannot write " + path.string() + ": " + ec.message());
+    if (displaced_.count(rel) != 0) NoteDisplaced(rel);
     manifest_.Record(rel, PlaylistKey(name), text.str().size(), 0);
     manifest_.Save();
     ++report_.playlists;
@@ -255,14 +257,19 @@ class Exporter {
                  manifest_.Find(candidate, key) == nullptr;
         },
         &displaced);
-    if (displaced && wanted)
-      report_.notes.push_back("left alone a file that tarn did not export, at the name for " + Printable(key) +
-                              "; writing " + Printable(rel) + " instead");
+    if (displaced) displaced_.insert(rel);
+    (void)wanted;
     return rel;
+  }
+
+  void NoteDisplaced(const std::string &rel) {
+    report_.notes.push_back("wrote " + Printable(rel) + ": a file that tarn did not export holds the first name " +
+                            "chosen for it and is left alone");
   }
 
   Session &session_;
   fs::path dir_;
+  std::set<std::string> displaced_;  // names given because a person's file held the first choice
   Manifest manifest_;
   NameRegistry names_;
   std::deque<ExportItem> items_;  // stable addresses: playlists keep pointers

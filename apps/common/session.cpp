@@ -174,8 +174,11 @@ void Session::InitCatalogue() {
   // only read afresh once the old copies are gone. Only a directory the tool
   // set up itself is emptied; --workdir may name one that holds other files.
   const bool clear = owned ? options_.refresh || ReadMarker(dir) != "complete" : false;
-  if (!owned && options_.refresh && !IsEmptyDir(dir))
-    Fail(kHostPath, "refusing to empty " + dir.string() + ": it is not a tarn working directory");
+  // The library keeps any copy it finds: a file of a database's name that
+  // someone else left here would be read as the device's own.
+  if (!owned && !IsEmptyDir(dir))
+    Fail(kHostPath, "refusing to use " + dir.string() +
+                        ": it is not a tarn working directory and not empty. Give an empty directory.");
   if (clear) {
     for (const auto &entry : fs::directory_iterator(dir, ec)) fs::remove_all(entry.path(), ec);
     if (ec) Fail(kHostPath, "cannot empty working directory " + dir.string() + ": " + ec.message());

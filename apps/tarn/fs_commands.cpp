@@ -317,7 +317,12 @@ int CmdPull(Session &session, const Args &args) {
   bool cancelled = false;
   for (const auto &job : jobs) {
     const Outcome outcome = transfers.Download(job, no_clobber);
-    if (outcome == Outcome::kFailed) failed.push_back(Printable(job.device_path) + ": " + transfers.last_failure());
+    // A link's listed size is its target's name, never its content: it is
+    // left out rather than copied as whatever it points at.
+    if (outcome == Outcome::kFailed && !session.LinkTarget(job.device_path).empty())
+      PrintWarning("skipped the symbolic link " + job.device_path + " -> " + session.LinkTarget(job.device_path));
+    else if (outcome == Outcome::kFailed)
+      failed.push_back(Printable(job.device_path) + ": " + transfers.last_failure());
     if (outcome == Outcome::kCancelled || Interrupted()) {
       cancelled = true;
       break;

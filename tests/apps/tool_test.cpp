@@ -296,15 +296,19 @@ TEST_F(ToolTest, TheWorkingDirectoryIsPerDeviceAndNeverTrustsAnInterruptedCopy) 
   r = Tarn({"list", "music", "--json"});
   EXPECT_EQ(json::parse(r.out)["item"].size(), Tracks().size());
 
-  // --workdir takes the user's directory as it is and never empties one
-  // the tool did not set up.
+  // --workdir takes an empty directory of the user's; one holding files the
+  // tool did not write (a stale "iTunesCDB" would be read as the device's)
+  // is neither used nor emptied.
   const fs::path mine = host("mine");
-  WriteAll(mine / "notes.txt", "keep me");
+  fs::create_directories(mine);
   r = Tarn({"--workdir", mine.string(), "list", "music", "--json"});
   ASSERT_EQ(r.code, 0) << r.err;
   EXPECT_TRUE(fs::exists(mine / "iTunesCDB"));
-  ExpectFailure(Tarn({"--workdir", mine.string(), "--refresh", "list", "music"}), 8, "not a tarn working directory");
-  EXPECT_EQ(ReadAll(mine / "notes.txt"), "keep me");
+  const fs::path theirs = host("theirs");
+  WriteAll(theirs / "iTunesCDB", "not the device's");
+  for (const char *refresh : {"--refresh", "--no-progress"})
+    ExpectFailure(Tarn({"--workdir", theirs.string(), refresh, "list", "music"}), 8, "not a tarn working directory");
+  EXPECT_EQ(ReadAll(theirs / "iTunesCDB"), "not the device's");
 }
 
 }  // namespace

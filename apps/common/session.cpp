@@ -7,6 +7,9 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
+
+#include <nlohmann/json.hpp>
 #include <system_error>
 
 #include "common/owners.h"
@@ -143,6 +146,8 @@ namespace {
 // keeps any copy it finds, so a copy cut short by Ctrl-C or a crash would
 // otherwise be read as the device's database from then on.
 constexpr const char *kMarker = ".tarn-workdir";
+// The size and time of each database file on the device when it was copied.
+constexpr const char *kCopies = ".tarn-copies.json";
 
 std::string ReadMarker(const fs::path &dir) {
   std::ifstream in(dir / kMarker);
@@ -164,6 +169,26 @@ bool IsEmptyDir(const fs::path &dir) {
 
 }  // namespace
 
+// The device's database files and their size and time as the device
+// reports them: one file-information request each.
+std::map<std::string, std::pair<uint64_t, int64_t>> Session::DatabaseStates() {
+  std::map<std::string, std::pair<uint64_t, int64_t>> states;
+  for (auto builder : {GetMusicDBFileInfo, GetBookDBFileInfo, GetCameraDBFileInfo, GetRecordingDBFileInfo,
+                       GetUserPictureDBFileInfo}) {
+    PlistPtr entries(builder(client()));
+    for (uint32_t i = 0; entries && i < plist_array_get_size(entries.get()); ++i) {
+      plist_t node = plist_dict_get_item(plist_array_get_item(entries.get(), i), "Path");
+      char *text = nullptr;
+      if (node != nullptr) plist_get_string_val(node, &text);
+      CString path(text);
+      if (text == nullptr || states.count(text) != 0) continue;
+      const PathInfo info = Stat(text);
+      states[text] = {info.size, info.mtime};
+    }
+  }
+  return states;
+}
+
 void Session::InitCatalogue() {
   const fs::path dir = WorkDirFor(options_, udid_);
   std::error_code ec;
@@ -183,13 +208,30 @@ void Session::InitCatalogue() {
     for (const auto &entry : fs::directory_iterator(dir, ec)) fs::remove_all(entry.path(), ec);
     if (ec) Fail(kHostPath, "cannot empty working directory " + dir.string() + ": " + ec.message());
   }
+  // A copy is kept only while the device's file has the size and time it
+  // had when it was copied; anything else is copied again.
+  const auto states = DatabaseStates();
+  nlohmann::json copied = nlohmann::json::object();
+  if (std::ifstream in(dir / kCopies); in) copied = nlohmann::json::parse(in, nullptr, false);
+  if (!copied.is_object()) copied = nlohmann::json::object();
+  for (const auto &[path, state] : states) {
+    const auto it = copied.find(path);
+    const bool same = it != copied.end() && it->is_array() && it->size() == 2 && (*it)[0] == state.first &&
+                      (*it)[1] == state.second;
+    if (!same) fs::remove(dir / BaseName(path), ec);
+  }
   if (owned || IsEmptyDir(dir)) WriteMarker(dir, "incomplete");
   if (::access(dir.c_str(), W_OK) != 0) Fail(kHostPath, "cannot write to working directory " + dir.string());
   if (InitDevice(device_.get(), dir.c_str()) != 0) {
     if (TarnLastError()->code != TARN_OK) FailWithReason(kUnreachable, "cannot reach device " + udid_);
     Fail(kUnreachable, "cannot reach device " + udid_ + ": handshake refused");
   }
-  if (fs::exists(dir / kMarker, ec)) WriteMarker(dir, "complete");
+  if (fs::exists(dir / kMarker, ec)) {
+    nlohmann::json record = nlohmann::json::object();
+    for (const auto &[path, state] : states) record[path] = {state.first, state.second};
+    std::ofstream(dir / kCopies, std::ios::trunc) << record.dump() << "\n";
+    WriteMarker(dir, "complete");
+  }
 }
 
 }  // namespace tarn::app

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -79,6 +80,7 @@ class Session {
   void InitCatalogue();
 
  private:
+  std::map<std::string, std::pair<uint64_t, int64_t>> DatabaseStates();
   struct DeviceDeleter {
     void operator()(PodDevice *d) const;
   };

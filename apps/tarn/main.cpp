@@ -67,13 +67,16 @@ const std::vector<CommandSpec> &Commands() {
        "                 playlist's name) contains TEXT, ignoring case\n",
        {}, {"--match"}, 2, 2, {}, Needs::kCatalogue, CmdExport},
       {"ls", "ls [PATH] [-l] [-R | --depth N]", "list a device directory",
-       "  -l          type, size and modification time of each entry\n"
-       "  -R          the whole tree below PATH\n"
+       "  -l          type (d directory, - file, l link with its target), size and modification\n"
+       "              time of each entry\n"
+       "  -R          the whole tree below PATH; a tree deeper than the walk allows is reported\n"
+       "              and ends with exit code 1\n"
        "  --depth N   N levels below PATH\n",
        {"-l", "-R"}, {"--depth"}, 0, 1, {0}, Needs::kDevice, CmdLs},
       {"stat", "stat PATH", "file information of a device path", "", {}, {}, 1, 1, {0}, Needs::kDevice, CmdStat},
       {"find", "find DIR KEYWORD [--case-sensitive]", "search names below a device directory",
        "Prints the files and directories below DIR whose names contain KEYWORD, ignoring case.\n"
+       "A search cut short by the walk's bounds is reported and ends with exit code 1.\n"
        "  --case-sensitive   only names that contain KEYWORD exactly as written\n",
        {"--case-sensitive"}, {}, 2, 2, {0}, Needs::kDevice, CmdFind},
       {"mkdir", "mkdir [-p] PATH", "create a device directory",
@@ -107,12 +110,13 @@ const std::vector<CommandSpec> &Commands() {
 
 const char *const kGlobalHelp =
     "Options:\n"
-    "  -u, --udid UDID   the device to use (default: the only one attached)\n"
+    "  -u, --udid UDID   the device to use (default: the only one attached); also -uUDID\n"
     "  -v, --verbose     show the library's own console lines on standard error\n"
     "  --workdir DIR     where the device's databases are copied (default:\n"
     "                    $XDG_CACHE_HOME/tarn/UDID, or ~/.cache/tarn/UDID)\n"
-    "  --refresh         drop the copies first, so that a changed device is read afresh\n"
-    "                    (only in a working directory that tarn set up itself)\n"
+    "  --refresh         drop the copies first (a copy whose device file changed size or\n"
+    "                    time is read afresh anyway; only in a working directory that tarn\n"
+    "                    set up itself, or an empty one)\n"
     "  --progress, --no-progress\n"
     "                    show transfer progress or not (default: when stderr is a terminal)\n"
     "  -h, --help        help, also after a command: tarn ls --help\n"

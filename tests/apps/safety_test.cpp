@@ -67,8 +67,8 @@ TEST_F(ToolTest, PushReplacesAFileOnlyWhenEveryByteIsThere) {
   WriteAll(host("new.bin"), std::string(3 << 20, 'n'));
   // A device that fails the write, and a SIGTERM part-way: the old file
   // stays whole, no temporary file stays behind.
-  sim->set_option(kUdid, "afc_error", "15:*/.tarn-*");  // no space left
-  ExpectCode(Tarn({"push", host("new.bin"), target}), 1, "could not copy");
+  sim->set_option(kUdid, "afc_error", "18:*/.tarn-*");  // no space left
+  ExpectCode(Tarn({"push", host("new.bin"), target}), 11, "Free some space on the device");
   EXPECT_EQ(ReadAll(media(target)), original);
   EXPECT_EQ(Leftovers(dir), 0u);
   sim->clear_faults(kUdid);
@@ -155,7 +155,7 @@ TEST_F(HostileTest, NamesAndMetadataReachNoTerminalOrPlaylistRaw) {
   ASSERT_EQ(r.code, 0) << r.err;
   EXPECT_EQ(ReadAll(host("Hostile/" + std::string(251, 'L') + ".bin")), "a name of 255 bytes\n");
   for (const auto &args : std::vector<std::vector<std::string>>{
-           {"ls", "-l", "/Hostile"}, {"list", "music"}, {"list", "playlists"}, {"find", "/", "name"}, {"info"}}) {
+           {"ls", "-l", "/Hostile"}, {"list", "music"}, {"list", "playlists"}, {"find", "/Hostile", "name"}, {"info"}}) {
     r = Tarn(args);
     EXPECT_EQ(r.code, 0) << args[0] << r.err;
     EXPECT_FALSE(HasControl(r.out)) << args[0] << ": " << r.out;
@@ -169,6 +169,9 @@ TEST_F(HostileTest, NamesAndMetadataReachNoTerminalOrPlaylistRaw) {
     EXPECT_EQ(std::system(("xmllint --noout " + host("list.xml")).c_str()), 0) << kind;
   }
   EXPECT_EQ(Tarn({"list", "books", "--json"}).out, "[]\n");
+  // The camera roll of a current phone spans several folders.
+  r = Tarn({"export", "camera", host("camera")});
+  EXPECT_EQ(r.out.substr(0, r.out.find(':')), "3 camera-roll files") << r.err;
 
   ASSERT_EQ(Tarn({"export", "playlists", host("out")}).code, 0);
   for (const auto &entry : fs::directory_iterator(host("out"))) {
@@ -218,6 +221,47 @@ TEST_F(ToolTest, WrongArgumentsGetTheRightReason) {
     ExpectCode(Tarn(c.args), c.code, c.fragment);
   }
   EXPECT_EQ(Tarn({std::string("-u") + kUdid, "ls", "/iTunes_Control/Music/F01"}).out, "BBBB.m4a\n");
+  const Result r = RunTool({"ls", "/"}, {{"USBMUXD_SOCKET_ADDRESS", "UNIX:" + host("no-socket")}});
+  ExpectCode(r, 13, "usbmuxd");
+}
+
+TEST_F(ToolTest, EachDeviceStateGetsItsReasonAndRemedyAndWritesWaitForAnotherComputersSync) {
+  struct Case {
+    const char *option;
+    std::vector<std::string> args;
+    int code;
+    const char *fragment;
+  };
+  WriteAll(host("a.txt"), "a");
+  for (const Case &c : std::vector<Case>{{"locked", {"ls", "/"}, 6, "Unlock the device"},
+                                         {"stale_pairing", {"ls", "/"}, 6, "idevicepair unpair"},
+                                         {"ssl_fail", {"list", "music"}, 6, "idevicepair unpair"},
+                                         {"syncing", {"push", host("a.txt"), "/a.txt"}, 12, "syncing"},
+                                         {"syncing", {"rm", Tracks()[0].file}, 12, "syncing"},
+                                         {"syncing", {"mkdir", "/New"}, 12, "syncing"}}) {
+    SCOPED_TRACE(std::string(c.option) + " " + c.args[0]);
+    sim->set_option(kUdid, c.option, "1");
+    ExpectCode(Tarn(c.args), c.code, c.fragment);
+    sim->clear_faults(kUdid);
+  }
+  EXPECT_TRUE(fs::exists(media(Tracks()[0].file)));
+  EXPECT_FALSE(fs::exists(media("/a.txt")));
+  EXPECT_FALSE(fs::exists(media("/New")));
+}
+
+TEST(ToolBatch, ADirectoryPullOfAThousandFilesHoldsOneConnection) {
+  tarn::testing::TempDir dir;
+  tarn::testing::build_image({{"tree", {{"root", "/T"}, {"fanout", 10}, {"depth", 1}, {"files", 100}}}},
+                             dir.path() + "/image");
+  tarn::testing::Simulator sim({{dir.path() + "/image", kUdid, {}}});
+  const std::map<std::string, std::string> env = {{"USBMUXD_SOCKET_ADDRESS", sim.env_value()},
+                                                  {"XDG_CACHE_HOME", dir.path() + "/cache"}};
+  sim.reset_stats(kUdid);
+  const Result r = RunTool({"pull", "/T", dir.path() + "/T"}, env);
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(std::distance(fs::recursive_directory_iterator(dir.path() + "/T"), fs::recursive_directory_iterator()),
+            1010);
+  EXPECT_LE(sim.stats(kUdid).tls_sessions, 3u);
 }
 
 }  // namespace

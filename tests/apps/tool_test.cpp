@@ -296,6 +296,15 @@ TEST_F(ToolTest, TheWorkingDirectoryIsPerDeviceAndNeverTrustsAnInterruptedCopy) 
   r = Tarn({"list", "music", "--json"});
   EXPECT_EQ(json::parse(r.out)["item"].size(), Tracks().size());
 
+  // A device whose music database changed is read afresh without --refresh.
+  json fewer = Description();
+  fewer["music"]["tracks"].erase(fewer["music"]["tracks"].size() - 1);
+  fewer["music"]["playlists"] = json::array();
+  tarn::testing::build_image(fewer, image());
+  fs::last_write_time(media("/iTunes_Control/iTunes/iTunesCDB"), fs::file_time_type::clock::now() + std::chrono::hours(1));
+  r = Tarn({"list", "music", "--json"});
+  EXPECT_EQ(json::parse(r.out)["item"].size(), Tracks().size() - 1) << r.err;
+
   // --workdir takes an empty directory of the user's; one holding files the
   // tool did not write (a stale "iTunesCDB" would be read as the device's)
   // is neither used nor emptied.

@@ -300,7 +300,9 @@ TEST_F(ToolTest, TheWorkingDirectoryIsPerDeviceAndNeverTrustsAnInterruptedCopy) 
   json fewer = Description();
   fewer["music"]["tracks"].erase(fewer["music"]["tracks"].size() - 1);
   fewer["music"]["playlists"] = json::array();
-  tarn::testing::build_image(fewer, image());
+  tarn::testing::build_image(fewer, dir.path() + "/fewer");
+  fs::copy_file(dir.path() + "/fewer/media/iTunes_Control/iTunes/iTunesCDB", media("/iTunes_Control/iTunes/iTunesCDB"),
+                fs::copy_options::overwrite_existing);
   fs::last_write_time(media("/iTunes_Control/iTunes/iTunesCDB"), fs::file_time_type::clock::now() + std::chrono::hours(1));
   r = Tarn({"list", "music", "--json"});
   EXPECT_EQ(json::parse(r.out)["item"].size(), Tracks().size() - 1) << r.err;

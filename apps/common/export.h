@@ -20,6 +20,9 @@ struct ExportRequest {
   // Only items whose title, artist, album, name or file name contains this,
   // ignoring case (for playlists: the playlist's name); empty for all.
   std::string match;
+  // When not empty, only the items with these device paths (a selection of
+  // catalogue rows); for playlists, only the playlists with these names.
+  std::set<std::string> only;
 };
 
 struct ExportReport {

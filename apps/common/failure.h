@@ -28,7 +28,7 @@ enum Status : int {
   kBusy = 12,           // the device is syncing with another computer; nothing was written
   kNoUsbmuxd = 13,      // the usbmux daemon cannot be reached
   kCancelled = 130,     // interrupted by the user (128 + SIGINT, as shells report it)
-  kTerminated = 143,    // stopped by SIGTERM (128 + 15) or SIGHUP (129), after cleaning up
+  kTerminated = 143,    // stopped by SIGTERM (128 + 15; SIGHUP gives 129), after cleaning up
 };
 
 // Thrown to end the work: the program shows `message` and stops with `status`.

@@ -162,7 +162,7 @@ int CmdExport(Session &session, const Args &args) {
   ExportReport report;
   {
     TransferUi ui;
-    report = Export(session, {spec.kind, args.positional[1], args.has("--match") ? args.flags.at("--match") : ""},
+    report = Export(session, {spec.kind, args.positional[1], args.has("--match") ? args.flags.at("--match") : "", {}},
                     ui.hooks());
   }
   for (const auto &note : report.notes) PrintWarning(note);

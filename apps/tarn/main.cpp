@@ -130,7 +130,7 @@ const char *const kExitHelp =
     "  7 path not found on the device                  8 host path cannot be read or written\n"
     "  9 target exists      10 device disconnected     11 device full\n"
     "  12 device busy syncing with another computer   13 usbmuxd not running\n"
-    "  130 cancelled (Ctrl-C)                          143 stopped by SIGTERM or SIGHUP\n";
+    "  130 cancelled by Ctrl-C, 143 by SIGTERM, 129 by SIGHUP (temporary files removed)\n";
 
 void PrintUsage(std::FILE *out) {
   std::fprintf(out, "Usage: tarn [OPTIONS] COMMAND [ARGS]\n\nBrowse and move the content of iPod, iPhone and iPad "

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <chrono>
+#include <regex>
 #include <thread>
 
 #include "tool_fixture.h"
@@ -170,6 +171,9 @@ TEST_F(HostileTest, NamesAndMetadataReachNoTerminalOrPlaylistRaw) {
   }
   EXPECT_EQ(Tarn({"list", "books", "--json"}).out, "[]\n");
   // The camera roll of a current phone spans several folders.
+  // One date format in every table.
+  EXPECT_TRUE(std::regex_search(Tarn({"list", "camera"}).out,
+                                std::regex("IMG_0002.JPG +200 B  \\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d\n")));
   r = Tarn({"export", "camera", host("camera")});
   EXPECT_EQ(r.out.substr(0, r.out.find(':')), "3 camera-roll files") << r.err;
 

@@ -1,0 +1,85 @@
+// File copies in both directions over the session's one connection and one
+// hold of the device's sync lock, with one running total reported through a
+// progress callback and a cancel flag that stops them between blocks.
+//
+// Neither side ever shows a partial file under its final name: a download
+// goes to a temporary name in the target's host directory and an upload to
+// a temporary name in the target's device directory, each renamed over the
+// target only when every byte is there; a cancel or failure removes the
+// temporary file and leaves the target as it was.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "common/session.h"
+
+namespace tarn::app {
+
+struct Progress {
+  std::string label;  // the name of the file being copied
+  uint64_t done = 0;  // bytes of the whole batch
+  uint64_t total = 0;
+  bool finished = false;  // the last report of the batch
+};
+
+// What a batch of copies tells its caller, and how the caller stops it.
+// Both may be left empty; the callbacks run on the copying thread.
+struct TransferHooks {
+  std::function<void(const Progress &)> progress;
+  const std::atomic<bool> *cancel = nullptr;  // set it to stop at the next block
+  bool cancelled() const { return cancel != nullptr && cancel->load(); }
+};
+
+struct DownloadJob {
+  std::string device_path;
+  std::string host_path;
+  uint64_t size = 0;   // as the device reports it; the copy must reach it
+  int64_t mtime = -1;  // given to the host file; -1 leaves the copy's own
+};
+
+enum class Outcome { kCopied, kSkipped, kFailed, kCancelled };
+
+class Transfers {
+ public:
+  // `writes`: the batch changes the device, and so refuses (kBusy) while
+  // another computer syncs with it.
+  Transfers(Session &session, uint64_t total_bytes, size_t total_files, TransferHooks hooks, bool writes);
+  ~Transfers();
+  Transfers(const Transfers &) = delete;
+  Transfers &operator=(const Transfers &) = delete;
+
+  // A host path that is not a regular file (a directory, link, FIFO or
+  // device node) is never replaced: fails with kHostPath. With `no_clobber`
+  // an existing file is left as it is (kSkipped). Fails with kHostPath when
+  // the host side cannot be written, kDisconnected when the device went away.
+  Outcome Download(const DownloadJob &job, bool no_clobber = false);
+  Outcome Upload(const std::string &host_path, const std::string &device_path, uint64_t size);
+
+  // Why the last kFailed happened, for a person.
+  const std::string &last_failure() const { return last_failure_; }
+
+  // Sends the last progress report.
+  void Finish();
+  uint64_t bytes_copied() const { return base_; }
+  const TransferHooks &hooks() const { return hooks_; }
+
+ private:
+  void Report(uint64_t done, bool finished) const;
+  // After a failed file: ends the batch when the device went away or has no
+  // room, since every further file would fail the same way.
+  Outcome Failed(const std::string &what, const TarnError &error, const std::string &reason);
+  Session &session_;
+  TransferHooks hooks_;
+  uint64_t total_;
+  size_t total_files_;
+  size_t files_done_ = 0;
+  uint64_t lock_ = 0;
+  uint64_t base_ = 0;  // bytes of the files finished before the current one
+  std::string label_;
+  std::string last_failure_;
+};
+
+}  // namespace tarn::app

@@ -1,24 +1,18 @@
-// Commands over the catalogue: devices, info and list.
+// Commands over the catalogue: devices, info, list and export.
 #include <algorithm>
 #include <cstdio>
 #include <vector>
 
-#include "catalogue.h"
+#include "common/catalogue.h"
+#include "common/export.h"
+#include "common/plist_view.h"
+#include "common/text.h"
 #include "console.h"
-#include "naming.h"
+#include "progress.h"
 #include "render.h"
 
 namespace tarn::cli {
 namespace {
-
-const KindSpec kKindSpecs[] = {
-    {"music", Kind::kMusic, "tracks"},          {"movies", Kind::kMovies, "movies"},
-    {"podcasts", Kind::kPodcasts, "podcasts"},  {"tvshows", Kind::kTvShows, "TV shows"},
-    {"audiobooks", Kind::kAudiobooks, "audiobooks"}, {"ringtones", Kind::kRingtones, "ringtones"},
-    {"playlists", Kind::kPlaylists, "playlists"}, {"recordings", Kind::kRecordings, "recordings"},
-    {"books", Kind::kBooks, "books"},           {"camera", Kind::kCamera, "camera-roll files"},
-    {"pictures", Kind::kPictures, "pictures"},
-};
 
 // ---------------------------------------------------------------- info
 
@@ -95,117 +89,7 @@ void Render(std::FILE *out, const Args &args, plist_t list) {
   else std::fprintf(out, "%s\n", PlistToJson(list).dump(2).c_str());
 }
 
-void TrackTable(std::FILE *out, plist_t list, const char *noun) {
-  Table table({{"#", Table::kRight}, {"Title", Table::kLeft, 40}, {"Artist", Table::kLeft, 28},
-               {"Album", Table::kLeft, 28}, {"Genre", Table::kLeft, 16}, {"Time", Table::kRight},
-               {"Size", Table::kRight}});
-  uint64_t millis = 0;
-  size_t n = 0;
-  for (plist_t item : ArrayItems(DictArray(list, "item"))) {
-    millis += DictUint(item, "time");
-    table.AddRow({std::to_string(++n), DictString(item, "title"), Known(DictString(item, "artist")),
-                  Known(DictString(item, "album")), Known(DictString(item, "genre")), HumanDuration(DictUint(item, "time")),
-                  HumanSize(DictUint(item, "size"))});
-  }
-  table.Print(out);
-  std::fprintf(out, "%llu %s, %s, %s\n", static_cast<unsigned long long>(DictUint(list, "number")), noun,
-               HumanSize(DictUint(list, "total")).c_str(), HumanDuration(millis).c_str());
-}
-
-void PlaylistTable(std::FILE *out, plist_t list) {
-  Table table({{"Playlist", Table::kLeft, 40}, {"Tracks", Table::kRight}, {"Time", Table::kRight}});
-  for (plist_t playlist : ArrayItems(list)) {
-    uint64_t millis = 0;
-    for (plist_t item : ArrayItems(DictArray(playlist, "item"))) millis += DictUint(item, "time");
-    table.AddRow({DictString(playlist, "name"), std::to_string(DictUint(playlist, "number")), HumanDuration(millis)});
-  }
-  table.Print(out);
-  std::fprintf(out, "%u playlists\n", plist_array_get_size(list));
-}
-
-void RecordingTable(std::FILE *out, plist_t list) {
-  Table table({{"#", Table::kRight}, {"Label", Table::kLeft, 36}, {"Recorded", Table::kLeft, 24},
-               {"Time", Table::kRight}, {"Size", Table::kRight}, {"Path"}});
-  uint64_t total = 0;
-  for (plist_t item : ArrayItems(DictArray(list, "item"))) {
-    total += DictUint(item, "size");
-    table.AddRow({std::to_string(DictUint(item, "id")), DictString(item, "name"),
-                  RecordingTime(DictString(item, "title"), ":"), HumanDuration(DictUint(item, "time")),
-                  HumanSize(DictUint(item, "size")), DictString(item, "path")});
-  }
-  table.Print(out);
-  std::fprintf(out, "%llu recordings, %s\n", static_cast<unsigned long long>(DictUint(list, "number")),
-               HumanSize(total).c_str());
-}
-
-void BookTable(std::FILE *out, plist_t list) {
-  Table table({{"Catalogue"}, {"Title", Table::kLeft, 40}, {"Author", Table::kLeft, 28},
-               {"Genre", Table::kLeft, 20}, {"Path"}});
-  size_t n = 0;
-  for (plist_t catalogue : ArrayItems(list)) {
-    const std::string name = DictString(catalogue, "catalog") == "PurchaseBook" ? "purchased" : "user";
-    for (plist_t item : ArrayItems(DictArray(catalogue, "item"))) {
-      ++n;
-      table.AddRow({name, DictString(item, "title"), Known(DictString(item, "artist")), Known(DictString(item, "genre")),
-                    DictString(item, "path")});
-    }
-  }
-  table.Print(out);
-  std::fprintf(out, "%zu books\n", n);
-}
-
-void FileTable(std::FILE *out, plist_t list, const char *noun) {
-  Table table({{"Path"}, {"Size", Table::kRight}, {"Modified"}});
-  for (plist_t item : ArrayItems(DictArray(list, "item")))
-    table.AddRow({DictString(item, "path"), HumanSize(DictUint(item, "size")), DictString(item, "time")});
-  table.Print(out);
-  std::fprintf(out, "%llu %s, %s\n", static_cast<unsigned long long>(DictUint(list, "number")), noun,
-               HumanSize(DictUint(list, "total")).c_str());
-}
-
 }  // namespace
-
-size_t CountItems(plist_t list, Kind kind) {
-  size_t n = 0;
-  if (kind == Kind::kBooks) {
-    for (plist_t catalogue : ArrayItems(list)) n += ArrayItems(DictArray(catalogue, "item")).size();
-  } else if (kind == Kind::kPlaylists) {
-    // The master playlist is the library itself, there on every device.
-    n = ArrayItems(list).size() > 1 ? ArrayItems(list).size() - 1 : 0;
-  } else {
-    n = ArrayItems(DictArray(list, "item")).size();
-  }
-  return n;
-}
-
-const KindSpec &FindKind(const std::string &name) {
-  for (const auto &spec : kKindSpecs)
-    if (name == spec.name) return spec;
-  Fail(kExitUsage, "unknown kind '" + name + "' (see tarn --help)");
-}
-
-bool IsTrackKind(Kind kind) {
-  return kind == Kind::kMusic || kind == Kind::kMovies || kind == Kind::kPodcasts || kind == Kind::kTvShows ||
-         kind == Kind::kAudiobooks || kind == Kind::kRingtones;
-}
-
-PlistPtr FetchList(Session &session, Kind kind) {
-  PodDevice *d = session.device();
-  switch (kind) {
-    case Kind::kMusic: return PlistPtr(GetMusicList(d, 0, 0));
-    case Kind::kMovies: return PlistPtr(GetMovieList(d, 0, 0));
-    case Kind::kPodcasts: return PlistPtr(GetPodcastList(d, 0, 0));
-    case Kind::kTvShows: return PlistPtr(GetTvshowList(d, 0, 0));
-    case Kind::kAudiobooks: return PlistPtr(GetAudioBookList(d, 0, 0));
-    case Kind::kRingtones: return PlistPtr(GetRingtonesList(d, 0, 0));
-    case Kind::kPlaylists: return PlistPtr(GetPlayList(d, 0, 0));
-    case Kind::kRecordings: return PlistPtr(GetRecordingList(d, 0, 0));
-    case Kind::kBooks: return PlistPtr(GetBookList(d, 0, 0));
-    case Kind::kCamera: return PlistPtr(GetCameraPVList(d, 0, 0));
-    case Kind::kPictures: return PlistPtr(GetUserPictureListFromDevice(d));
-  }
-  return nullptr;
-}
 
 int CmdDevices(const GlobalOptions &options, const Args &) {
   const std::vector<std::string> ids = AttachedDevices();
@@ -213,7 +97,7 @@ int CmdDevices(const GlobalOptions &options, const Args &) {
   for (const auto &id : ids) {
     std::string name = "(cannot be reached)";
     try {
-      Session session(options, id);
+      Session session(options.session, id);
       session.Connect();
       session.InitCatalogue();
       PlistPtr info(GetDeviceInfo(session.device()));
@@ -244,8 +128,8 @@ int CmdInfo(Session &session, const Args &args) {
 }
 
 int CmdList(Session &session, const Args &args) {
-  const KindSpec &spec = FindKind(args.positional[0]);
-  PlistPtr list = FetchList(session, spec.kind);
+  const KindInfo &spec = FindKind(args.positional[0]);
+  PlistPtr list = FetchList(session.device(), spec.kind);
   std::FILE *out = Out();
   if (args.has("--json") || args.has("--xml")) {
     Render(out, args, list.get());
@@ -255,14 +139,37 @@ int CmdList(Session &session, const Args &args) {
     std::fprintf(out, "No %s on this device.\n", spec.noun);
     return kExitOk;
   }
-  switch (spec.kind) {
-    case Kind::kPlaylists: PlaylistTable(out, list.get()); break;
-    case Kind::kRecordings: RecordingTable(out, list.get()); break;
-    case Kind::kBooks: BookTable(out, list.get()); break;
-    case Kind::kCamera:
-    case Kind::kPictures: FileTable(out, list.get(), spec.noun); break;
-    default: TrackTable(out, list.get(), spec.noun); break;
+  Rows rows = RowsOf(list.get(), spec.kind);
+  Table table(rows.columns);
+  for (auto &row : rows.cells) table.AddRow(std::move(row));
+  table.Print(out);
+  std::fprintf(out, "%s\n", rows.summary.c_str());
+  return kExitOk;
+}
+
+int CmdExport(Session &session, const Args &args) {
+  const KindInfo &spec = FindKind(args.positional[0]);
+  const std::string noun = spec.kind == Kind::kPlaylists ? "playlist tracks" : spec.noun;
+  ExportReport report;
+  {
+    TransferUi ui;
+    report = Export(session, {spec.kind, args.positional[1], args.has("--match") ? args.flags.at("--match") : ""},
+                    ui.hooks());
   }
+  for (const auto &note : report.notes) PrintWarning(note);
+  if (report.nothing_listed) {
+    std::fprintf(Out(), "No %s on this device.\n", spec.noun);
+    return kExitOk;
+  }
+  if (report.cancelled) Fail(kExitCancelled, "export cancelled; run it again to go on");
+  for (const auto &path : report.failed) PrintError("could not copy " + path);
+  std::fprintf(Out(), "%zu %s: %zu copied (%s), %zu already there", report.wanted, noun.c_str(), report.copied,
+               HumanSize(report.bytes).c_str(), report.skipped);
+  if (!report.missing.empty()) std::fprintf(Out(), ", %zu missing on the device", report.missing.size());
+  if (report.playlists > 0)
+    std::fprintf(Out(), ", %zu playlist%s written", report.playlists, report.playlists == 1 ? "" : "s");
+  std::fprintf(Out(), "\n");
+  if (!report.failed.empty()) Fail(kExitFailed, std::to_string(report.failed.size()) + " file(s) could not be copied");
   return kExitOk;
 }
 

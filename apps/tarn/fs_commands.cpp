@@ -10,11 +10,11 @@
 
 #include <tarn/tarn_tool.h>
 
+#include "common/naming.h"
+#include "common/text.h"
+#include "common/transfer.h"
 #include "console.h"
-#include "naming.h"
-#include "render.h"
-#include "session.h"
-#include "transfer.h"
+#include "progress.h"
 
 namespace tarn::cli {
 namespace fs = std::filesystem;
@@ -244,7 +244,8 @@ int CmdPull(Session &session, const Args &args) {
     Fail(kExitHostPath, to.parent_path().string() + ": no such directory");
   }
   if (!info.is_dir) {
-    Transfers transfers(session, info.size);
+    TransferUi ui;
+    Transfers transfers(session, info.size, ui.hooks());
     const Outcome outcome = transfers.Download({from, to.string(), info.size, info.mtime});
     transfers.Finish();
     if (outcome == Outcome::kCancelled) Fail(kExitCancelled, "pull of " + from + " cancelled; nothing was kept");
@@ -261,7 +262,8 @@ int CmdPull(Session &session, const Args &args) {
   }
   uint64_t total = 0;
   for (const auto &job : jobs) total += job.size;
-  Transfers transfers(session, total);
+  TransferUi ui;
+  Transfers transfers(session, total, ui.hooks());
   std::vector<std::string> failed;
   bool cancelled = false;
   for (const auto &job : jobs) {
@@ -314,7 +316,8 @@ int CmdPush(Session &session, const Args &args) {
     if (MakeDir(session.device(), dir.c_str()) != 0 || !session.Stat(dir).is_dir)
       Fail(kExitFailed, "could not create " + dir + " on the device");
   }
-  Transfers transfers(session, total);
+  TransferUi ui;
+  Transfers transfers(session, total, ui.hooks());
   std::vector<std::string> failed;
   bool cancelled = false;
   for (const auto &[host, device] : files) {

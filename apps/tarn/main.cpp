@@ -6,15 +6,12 @@
 #include <string>
 #include <vector>
 
-#include "catalogue.h"
+#include "common/catalogue.h"
 #include "console.h"
 #include "progress.h"
-#include "session.h"
 #include "tool.h"
 
 namespace tarn::cli {
-
-[[noreturn]] void Fail(int code, std::string message) { throw Failure{code, std::move(message)}; }
 
 namespace {
 
@@ -178,10 +175,10 @@ CommandLine Parse(int argc, char **argv) {
       continue;
     }
     if (word == "--") options_done = true;
-    else if (word == "-u" || word == "--udid") line.options.udid = value(word);
+    else if (word == "-u" || word == "--udid") line.options.session.udid = value(word);
     else if (word == "-v" || word == "--verbose") line.options.verbose = true;
-    else if (word == "--workdir") line.options.workdir = value(word);
-    else if (word == "--refresh") line.options.refresh = true;
+    else if (word == "--workdir") line.options.session.workdir = value(word);
+    else if (word == "--refresh") line.options.session.refresh = true;
     else if (word == "--progress") line.options.progress = true;
     else if (word == "--no-progress") line.options.progress = false;
     else if (word == "-h" || word == "--help") line.help = true;
@@ -212,7 +209,8 @@ int Run(const CommandLine &line) {
   // A mistyped kind is a usage error whether or not a device is attached.
   if (c.run == CmdList || c.run == CmdExport) FindKind(line.args.positional[0]);
   if (c.needs == Needs::kNothing) return CmdDevices(line.options, line.args);
-  Session session(line.options, ChooseDevice(line.options));
+  SetProgressWanted(line.options.progress);
+  Session session(line.options.session, ChooseDevice(line.options.session));
   session.Connect();
   if (c.needs == Needs::kCatalogue) session.InitCatalogue();
   return c.run(session, line.args);
@@ -240,7 +238,7 @@ int main(int argc, char **argv) {
     code = Run(line);
   } catch (const Failure &failure) {
     PrintError(failure.message);
-    code = failure.code;
+    code = failure.status;
   } catch (const std::exception &e) {
     PrintError(e.what());
     code = kExitFailed;

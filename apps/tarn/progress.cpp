@@ -6,14 +6,16 @@
 #include <glib.h>
 
 #include "console.h"
-#include "render.h"
+#include "common/text.h"
 #include "tool.h"
 
 namespace tarn::cli {
 namespace {
 
-volatile std::sig_atomic_t g_interrupted = 0;
+std::atomic<bool> g_interrupted{false};
 volatile std::sig_atomic_t g_transferring = 0;
+std::optional<bool> g_progress;
+static_assert(std::atomic<bool>::is_always_lock_free, "set from a signal handler");
 
 void OnInterrupt(int) {
   std::signal(SIGINT, SIG_DFL);
@@ -21,7 +23,7 @@ void OnInterrupt(int) {
   // deep listing, a catalogue read): the tool ends at once, as a user
   // expects; the device releases what the closed connection held.
   if (g_transferring == 0) std::raise(SIGINT);
-  g_interrupted = 1;
+  g_interrupted = true;
 }
 
 constexpr int kBarCells = 24;
@@ -38,27 +40,31 @@ void CatchInterrupt() {
   sigaction(SIGINT, &action, nullptr);
 }
 
-bool Interrupted() { return g_interrupted != 0; }
+bool Interrupted() { return g_interrupted; }
 
-TransferScope::TransferScope() { g_transferring = 1; }
-TransferScope::~TransferScope() { g_transferring = 0; }
+void SetProgressWanted(std::optional<bool> wanted) { g_progress = wanted; }
 
-bool ProgressWanted(const GlobalOptions &options) {
-  return options.progress.has_value() ? *options.progress : ErrIsTerminal();
+TransferUi::TransferUi()
+    : bar_(std::make_shared<ProgressBar>(g_progress.has_value() ? *g_progress : ErrIsTerminal())) {
+  g_transferring = 1;
+  hooks_.progress = [bar = bar_](const Progress &progress) { bar->Update(progress); };
+  hooks_.cancel = &g_interrupted;
 }
 
-ProgressBar::ProgressBar(bool enabled, uint64_t total)
-    : enabled_(enabled), total_(total), start_(std::chrono::steady_clock::now()) {}
+TransferUi::~TransferUi() { g_transferring = 0; }
+
+ProgressBar::ProgressBar(bool enabled) : enabled_(enabled), start_(std::chrono::steady_clock::now()) {}
 
 ProgressBar::~ProgressBar() {
   if (drawn_) std::fputc('\n', stderr);
 }
 
-void ProgressBar::SetLabel(const std::string &label) { label_ = label; }
-
-void ProgressBar::Update(uint64_t done) {
-  done_ = done;
-  Draw(false);
+void ProgressBar::Update(const Progress &progress) {
+  label_ = progress.label;
+  done_ = progress.done;
+  total_ = progress.total;
+  if (progress.finished) Finish();
+  else Draw(false);
 }
 
 void ProgressBar::Finish() {

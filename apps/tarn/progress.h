@@ -1,10 +1,14 @@
 // The progress bar of transfers and the Ctrl-C that cancels them.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <memory>
+#include <optional>
 #include <string>
 
+#include "common/transfer.h"
 #include "tool.h"
 
 namespace tarn::cli {
@@ -16,24 +20,14 @@ namespace tarn::cli {
 void CatchInterrupt();
 bool Interrupted();
 
-// Marks the span in which a Ctrl-C becomes a cancel.
-class TransferScope {
- public:
-  TransferScope();
-  ~TransferScope();
-  TransferScope(const TransferScope &) = delete;
-  TransferScope &operator=(const TransferScope &) = delete;
-};
-
 // One bar on standard error, redrawn at most ten times a second:
 //   [#########-----------]  45%  12.3 MiB / 27.0 MiB  5.1 MiB/s  0:03 left  name
 // Disabled bars draw nothing.
 class ProgressBar {
  public:
-  ProgressBar(bool enabled, uint64_t total);
+  explicit ProgressBar(bool enabled);
   ~ProgressBar();
-  void SetLabel(const std::string &label);
-  void Update(uint64_t done);
+  void Update(const Progress &progress);
   // Draws the last state and ends the line.
   void Finish();
 
@@ -41,7 +35,7 @@ class ProgressBar {
   void Draw(bool force);
   bool enabled_;
   bool drawn_ = false;
-  uint64_t total_;
+  uint64_t total_ = 0;
   uint64_t done_ = 0;
   std::string label_;
   std::chrono::steady_clock::time_point start_;
@@ -50,6 +44,21 @@ class ProgressBar {
 
 // Whether transfers show a bar: --progress / --no-progress, else only when
 // standard error is a terminal.
-bool ProgressWanted(const GlobalOptions &options);
+void SetProgressWanted(std::optional<bool> wanted);
+
+// The hooks of one batch of transfers: a bar on standard error, and Ctrl-C
+// as the cancel flag for as long as the batch lives.
+class TransferUi {
+ public:
+  TransferUi();
+  ~TransferUi();
+  TransferUi(const TransferUi &) = delete;
+  TransferUi &operator=(const TransferUi &) = delete;
+  const TransferHooks &hooks() const { return hooks_; }
+
+ private:
+  std::shared_ptr<ProgressBar> bar_;
+  TransferHooks hooks_;
+};
 
 }  // namespace tarn::cli

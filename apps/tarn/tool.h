@@ -8,36 +8,30 @@
 #include <string>
 #include <vector>
 
+#include "common/failure.h"
+#include "common/session.h"
+
 namespace tarn::cli {
 
-// Each kind of failure has its own code so that scripts can tell them apart.
+// The exit codes are the statuses of the shared layer; scripts tell them apart.
+using namespace tarn::app;
 enum ExitCode : int {
-  kExitOk = 0,
-  kExitFailed = 1,          // the device did not do what was asked
-  kExitUsage = 2,           // bad command line
-  kExitNoDevice = 3,        // no device attached
-  kExitDeviceNotFound = 4,  // -u names a device that is not attached
-  kExitSeveralDevices = 5,  // several attached and none chosen
-  kExitUnreachable = 6,     // attached, but the handshake or a service was refused
-  kExitNotOnDevice = 7,     // a device path does not exist (or is of the wrong kind)
-  kExitHostPath = 8,        // a host path cannot be read or written
-  kExitExists = 9,          // the target already exists
-  kExitCancelled = 130,     // interrupted by the user (128 + SIGINT, as shells report it)
+  kExitOk = kOk,
+  kExitFailed = kFailed,
+  kExitUsage = kUsage,
+  kExitNoDevice = kNoDevice,
+  kExitDeviceNotFound = kDeviceNotFound,
+  kExitSeveralDevices = kSeveralDevices,
+  kExitUnreachable = kUnreachable,
+  kExitNotOnDevice = kNotOnDevice,
+  kExitHostPath = kHostPath,
+  kExitExists = kExists,
+  kExitCancelled = kCancelled,
 };
-
-// Thrown to end a command: main prints "tarn: <message>" on standard error
-// and exits with `code`.
-struct Failure {
-  int code;
-  std::string message;
-};
-[[noreturn]] void Fail(int code, std::string message);
 
 struct GlobalOptions {
-  std::string udid;
+  SessionOptions session;
   bool verbose = false;
-  std::string workdir;
-  bool refresh = false;
   std::optional<bool> progress;  // unset: a bar only when stderr is a terminal
 };
 
@@ -47,8 +41,6 @@ struct Args {
   std::map<std::string, std::string> flags;  // "--json" -> "", "--depth" -> "3"
   bool has(const std::string &flag) const { return flags.count(flag) != 0; }
 };
-
-class Session;
 
 int CmdDevices(const GlobalOptions &options, const Args &args);
 int CmdInfo(Session &session, const Args &args);

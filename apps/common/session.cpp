@@ -1,4 +1,4 @@
-#include "session.h"
+#include "common/session.h"
 
 #include <unistd.h>
 
@@ -7,10 +7,10 @@
 #include <fstream>
 #include <system_error>
 
-#include "owners.h"
-#include "naming.h"
+#include "common/owners.h"
+#include "common/naming.h"
 
-namespace tarn::cli {
+namespace tarn::app {
 namespace fs = std::filesystem;
 
 std::vector<std::string> AttachedDevices() {
@@ -26,20 +26,20 @@ std::vector<std::string> AttachedDevices() {
   return ids;
 }
 
-std::string ChooseDevice(const GlobalOptions &options) {
+std::string ChooseDevice(const SessionOptions &options) {
   const std::vector<std::string> ids = AttachedDevices();
-  if (ids.empty()) Fail(kExitNoDevice, "no device attached");
+  if (ids.empty()) Fail(kNoDevice, "no device attached");
   if (!options.udid.empty()) {
     for (const auto &id : ids)
       if (id == options.udid) return id;
-    Fail(kExitDeviceNotFound, "device " + options.udid + " not found");
+    Fail(kDeviceNotFound, "device " + options.udid + " not found");
   }
   if (ids.size() > 1)
-    Fail(kExitSeveralDevices, std::to_string(ids.size()) + " devices attached; choose one with -u UDID");
+    Fail(kSeveralDevices, std::to_string(ids.size()) + " devices attached; choose one with -u UDID");
   return ids.front();
 }
 
-std::string WorkDirFor(const GlobalOptions &options, const std::string &udid) {
+std::string WorkDirFor(const SessionOptions &options, const std::string &udid) {
   fs::path dir;
   if (!options.workdir.empty()) {
     dir = options.workdir;
@@ -53,7 +53,7 @@ std::string WorkDirFor(const GlobalOptions &options, const std::string &udid) {
   }
   std::error_code ec;
   fs::path absolute = fs::absolute(dir, ec);
-  if (ec) Fail(kExitHostPath, "cannot use working directory " + dir.string() + ": " + ec.message());
+  if (ec) Fail(kHostPath, "cannot use working directory " + dir.string() + ": " + ec.message());
   // InitDevice takes the directory without a trailing separator.
   std::string text = absolute.lexically_normal().string();
   while (text.size() > 1 && text.back() == '/') text.pop_back();
@@ -62,9 +62,9 @@ std::string WorkDirFor(const GlobalOptions &options, const std::string &udid) {
 
 void Session::DeviceDeleter::operator()(PodDevice *d) const { FreePodDevice(d); }
 
-Session::Session(const GlobalOptions &options, std::string udid)
+Session::Session(const SessionOptions &options, std::string udid)
     : options_(options), udid_(std::move(udid)), device_(CreatePodDevice(udid_.c_str())) {
-  if (!device_) Fail(kExitFailed, "cannot create a handle for " + udid_);
+  if (!device_) Fail(kFailed, "cannot create a handle for " + udid_);
 }
 
 Session::~Session() { CloseIdeviceAndAfC(afc_, idevice_); }
@@ -76,8 +76,8 @@ void Session::Connect() {
   if (client == nullptr) {
     CloseIdeviceAndAfC(nullptr, connection);
     // Without even a device connection the device went away since listing.
-    if (connection == nullptr) Fail(kExitDeviceNotFound, "device " + udid_ + " not found");
-    Fail(kExitUnreachable, "cannot reach device " + udid_ + ": handshake or file service refused");
+    if (connection == nullptr) Fail(kDeviceNotFound, "device " + udid_ + " not found");
+    Fail(kUnreachable, "cannot reach device " + udid_ + ": handshake or file service refused");
   }
   idevice_ = connection;
   afc_ = client;
@@ -102,7 +102,7 @@ PathInfo Session::Stat(const std::string &device_path) {
 
 PathInfo Session::Require(const std::string &device_path) {
   PathInfo info = Stat(device_path);
-  if (!info.exists) Fail(kExitNotOnDevice, device_path + ": no such file or directory on the device");
+  if (!info.exists) Fail(kNotOnDevice, device_path + ": no such file or directory on the device");
   return info;
 }
 
@@ -124,7 +124,7 @@ std::string ReadMarker(const fs::path &dir) {
 void WriteMarker(const fs::path &dir, const char *state) {
   std::ofstream out(dir / kMarker, std::ios::trunc);
   out << state << "\n";
-  if (!out.flush()) Fail(kExitHostPath, "cannot write to working directory " + dir.string());
+  if (!out.flush()) Fail(kHostPath, "cannot write to working directory " + dir.string());
 }
 
 bool IsEmptyDir(const fs::path &dir) {
@@ -138,23 +138,23 @@ void Session::InitCatalogue() {
   const fs::path dir = WorkDirFor(options_, udid_);
   std::error_code ec;
   fs::create_directories(dir, ec);
-  if (ec || !fs::is_directory(dir)) Fail(kExitHostPath, "cannot create working directory " + dir.string());
+  if (ec || !fs::is_directory(dir)) Fail(kHostPath, "cannot create working directory " + dir.string());
   const bool owned = fs::exists(dir / kMarker, ec);
   // The library never refreshes a copy it already has: a changed device is
   // only read afresh once the old copies are gone. Only a directory the tool
   // set up itself is emptied; --workdir may name one that holds other files.
   const bool clear = owned ? options_.refresh || ReadMarker(dir) != "complete" : false;
   if (!owned && options_.refresh && !IsEmptyDir(dir))
-    Fail(kExitHostPath, "refusing to empty " + dir.string() + ": it is not a tarn working directory");
+    Fail(kHostPath, "refusing to empty " + dir.string() + ": it is not a tarn working directory");
   if (clear) {
     for (const auto &entry : fs::directory_iterator(dir, ec)) fs::remove_all(entry.path(), ec);
-    if (ec) Fail(kExitHostPath, "cannot empty working directory " + dir.string() + ": " + ec.message());
+    if (ec) Fail(kHostPath, "cannot empty working directory " + dir.string() + ": " + ec.message());
   }
   if (owned || IsEmptyDir(dir)) WriteMarker(dir, "incomplete");
-  if (::access(dir.c_str(), W_OK) != 0) Fail(kExitHostPath, "cannot write to working directory " + dir.string());
+  if (::access(dir.c_str(), W_OK) != 0) Fail(kHostPath, "cannot write to working directory " + dir.string());
   if (InitDevice(device_.get(), dir.c_str()) != 0)
-    Fail(kExitUnreachable, "cannot reach device " + udid_ + ": handshake refused");
+    Fail(kUnreachable, "cannot reach device " + udid_ + ": handshake refused");
   if (fs::exists(dir / kMarker, ec)) WriteMarker(dir, "complete");
 }
 
-}  // namespace tarn::cli
+}  // namespace tarn::app

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-namespace tarn::cli {
+namespace tarn::app {
 
 // `name` as one path component: separators, characters that Windows and
 // macOS file systems reject, control characters and invalid UTF-8 become
@@ -42,4 +42,4 @@ class NameRegistry {
   std::set<std::string> taken_;                      // folded relative paths
 };
 
-}  // namespace tarn::cli
+}  // namespace tarn::app

@@ -1,5 +1,5 @@
-// export: a catalogue's files copied out of the device under names a
-// person recognises, and playlists as .m3u8 files that point at them.
+#include "common/export.h"
+
 #include <glib.h>
 #include <unistd.h>
 
@@ -12,13 +12,10 @@
 #include <sstream>
 #include <system_error>
 
-#include "catalogue.h"
-#include "console.h"
-#include "naming.h"
-#include "render.h"
-#include "transfer.h"
+#include "common/naming.h"
+#include "common/plist_view.h"
 
-namespace tarn::cli {
+namespace tarn::app {
 namespace fs = std::filesystem;
 namespace {
 
@@ -40,7 +37,8 @@ std::string StemOf(const std::string &device_path) {
 
 class Exporter {
  public:
-  Exporter(Session &session, fs::path dir) : session_(session), dir_(std::move(dir)) {}
+  Exporter(Session &session, fs::path dir, ExportReport &report)
+      : session_(session), dir_(std::move(dir)), report_(report) {}
 
   // Claims a name for one catalogue item of `kind`; `wanted` also queues
   // it for copying.
@@ -91,47 +89,46 @@ class Exporter {
   std::string ClaimPlaylist(const std::string &name) { return names_.Claim({}, SafeName(name, "Playlist"), ".m3u8"); }
 
   // Copies what is not there yet. Returns false when cancelled.
-  bool Copy() {
+  bool Copy(const TransferHooks &hooks) {
     std::vector<DownloadJob> jobs;
     for (const auto &item : items_) {
       if (!item.wanted) continue;
-      ++wanted_;
+      ++report_.wanted;
       const fs::path host = dir_ / item.rel;
       std::error_code ec;
       const uint64_t have = fs::is_regular_file(host, ec) ? fs::file_size(host, ec) : UINT64_MAX;
       // The catalogue's size settles most files without asking the device.
       if (item.size != 0 && have == item.size) {
-        ++skipped_;
+        ++report_.skipped;
         continue;
       }
       const PathInfo info = session_.Stat(item.device_path);
       if (!info.exists || info.is_dir) {
-        missing_.insert(item.device_path);
-        PrintWarning(item.device_path + " is listed in the catalogue but missing on the device");
+        report_.missing.insert(item.device_path);
+        report_.notes.push_back(item.device_path + " is listed in the catalogue but missing on the device");
         continue;
       }
       if (have == info.size) {
-        ++skipped_;
+        ++report_.skipped;
         continue;
       }
       jobs.push_back({item.device_path, host.string(), info.size, info.mtime});
     }
     uint64_t total = 0;
     for (const auto &job : jobs) total += job.size;
-    Transfers transfers(session_, total);
-    bool cancelled = false;
+    Transfers transfers(session_, total, hooks);
     for (const auto &job : jobs) {
       const Outcome outcome = transfers.Download(job);
-      if (outcome == Outcome::kCopied) ++copied_;
-      if (outcome == Outcome::kFailed) failed_.push_back(job.device_path);
-      if (outcome == Outcome::kCancelled || Interrupted()) {
-        cancelled = true;
+      if (outcome == Outcome::kCopied) ++report_.copied;
+      if (outcome == Outcome::kFailed) report_.failed.push_back(job.device_path);
+      if (outcome == Outcome::kCancelled || hooks.cancelled()) {
+        report_.cancelled = true;
         break;
       }
     }
     transfers.Finish();
-    bytes_ = transfers.bytes_copied();
-    return !cancelled;
+    report_.bytes = transfers.bytes_copied();
+    return !report_.cancelled;
   }
 
   // Writes a playlist unless the same text is there already.
@@ -139,7 +136,7 @@ class Exporter {
     std::ostringstream text;
     text << "#EXTM3U\n";
     for (const ExportItem *m : members) {
-      if (missing_.count(m->device_path) != 0) continue;
+      if (report_.missing.count(m->device_path) != 0) continue;
       text << "#EXTINF:" << m->millis / 1000 << "," << (m->artist.empty() ? "" : m->artist + " - ") << m->title
            << "\n"
            // A line starting with '#' would be read as a comment.
@@ -152,19 +149,8 @@ class Exporter {
     if (old && before.str() == text.str()) return;
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out << text.str();
-    if (!out.flush()) Fail(kExitHostPath, "cannot write " + path.string());
-    ++playlists_;
-  }
-
-  int Report(const char *noun) {
-    for (const auto &path : failed_) PrintError("could not copy " + path);
-    std::fprintf(Out(), "%zu %s: %zu copied (%s), %zu already there", wanted_, noun, copied_,
-                 HumanSize(bytes_).c_str(), skipped_);
-    if (!missing_.empty()) std::fprintf(Out(), ", %zu missing on the device", missing_.size());
-    if (playlists_ > 0) std::fprintf(Out(), ", %zu playlist%s written", playlists_, playlists_ == 1 ? "" : "s");
-    std::fprintf(Out(), "\n");
-    if (!failed_.empty()) Fail(kExitFailed, std::to_string(failed_.size()) + " file(s) could not be copied");
-    return kExitOk;
+    if (!out.flush()) Fail(kHostPath, "cannot write " + path.string());
+    ++report_.playlists;
   }
 
  private:
@@ -173,10 +159,7 @@ class Exporter {
   NameRegistry names_;
   std::deque<ExportItem> items_;  // stable addresses: playlists keep pointers
   std::map<std::string, size_t> by_path_;
-  std::set<std::string> missing_;
-  std::vector<std::string> failed_;
-  size_t wanted_ = 0, copied_ = 0, skipped_ = 0, playlists_ = 0;
-  uint64_t bytes_ = 0;
+  ExportReport &report_;
 };
 
 std::string Folded(const std::string &text) {
@@ -188,7 +171,7 @@ std::string Folded(const std::string &text) {
 // text, ignoring case. Everything matches without the option.
 class Filter {
  public:
-  explicit Filter(const Args &args) : text_(args.has("--match") ? Folded(args.flags.at("--match")) : "") {}
+  explicit Filter(const std::string &text) : text_(Folded(text)) {}
   bool Matches(plist_t item) const {
     if (text_.empty()) return true;
     for (const char *key : {"title", "artist", "album", "name"})
@@ -202,27 +185,27 @@ class Filter {
 
 }  // namespace
 
-int CmdExport(Session &session, const Args &args) {
-  const KindSpec &spec = FindKind(args.positional[0]);
-  const fs::path dir = args.positional[1];
+ExportReport Export(Session &session, const ExportRequest &request, const TransferHooks &hooks) {
+  const fs::path dir = request.host_dir;
   std::error_code ec;
   fs::create_directories(dir, ec);
   if (ec || !fs::is_directory(dir) || ::access(dir.c_str(), W_OK) != 0)
-    Fail(kExitHostPath, "cannot write to " + dir.string());
+    Fail(kHostPath, "cannot write to " + dir.string());
 
-  Exporter exporter(session, dir);
-  const Filter filter(args);
-  if (spec.kind == Kind::kPlaylists) {
+  ExportReport report;
+  Exporter exporter(session, dir, report);
+  const Filter filter(request.match);
+  if (request.kind == Kind::kPlaylists) {
     // Names come from the whole music list first, in its order, so that a
     // playlist points at the very files that "export music" gives; only the
     // members are copied.
-    PlistPtr music = FetchList(session, Kind::kMusic);
+    PlistPtr music = FetchList(session.device(), Kind::kMusic);
     for (plist_t item : ArrayItems(DictArray(music.get(), "item"))) exporter.Add(Kind::kMusic, item, false);
-    PlistPtr playlists = FetchList(session, Kind::kPlaylists);
+    PlistPtr playlists = FetchList(session.device(), Kind::kPlaylists);
     const std::vector<plist_t> all = ArrayItems(playlists.get());
     if (all.size() <= 1) {
-      std::fprintf(Out(), "No playlists on this device.\n");
-      return kExitOk;
+      report.nothing_listed = true;
+      return report;
     }
     std::vector<std::pair<std::string, std::vector<const ExportItem *>>> files;
     // The first playlist is the master playlist: the library itself, not one
@@ -234,26 +217,28 @@ int CmdExport(Session &session, const Args &args) {
         if (const ExportItem *e = exporter.Add(Kind::kPlaylists, item)) members.push_back(e);
       files.emplace_back(exporter.ClaimPlaylist(DictString(all[p], "name")), std::move(members));
     }
-    if (!exporter.Copy()) Fail(kExitCancelled, "export cancelled; run it again to go on");
+    if (!exporter.Copy(hooks)) return report;
     for (const auto &[rel, members] : files) exporter.WritePlaylist(rel, members);
-    return exporter.Report("playlist tracks");
+    return report;
   }
 
-  PlistPtr list = FetchList(session, spec.kind);
+  PlistPtr list = FetchList(session.device(), request.kind);
   if (!list) {
-    std::fprintf(Out(), "No %s on this device.\n", spec.noun);
-    return kExitOk;
+    report.nothing_listed = true;
+    return report;
   }
-  if (spec.kind == Kind::kBooks) {
+  if (request.kind == Kind::kBooks) {
     for (plist_t catalogue : ArrayItems(list.get()))
-      for (plist_t item : ArrayItems(DictArray(catalogue, "item"))) exporter.Add(spec.kind, item, filter.Matches(item));
+      for (plist_t item : ArrayItems(DictArray(catalogue, "item")))
+        exporter.Add(request.kind, item, filter.Matches(item));
   } else {
-    // Every item is named, also those --match leaves out, so that a file
+    // Every item is named, also those the match leaves out, so that a file
     // gets the same name in a partial export as in a whole one.
-    for (plist_t item : ArrayItems(DictArray(list.get(), "item"))) exporter.Add(spec.kind, item, filter.Matches(item));
+    for (plist_t item : ArrayItems(DictArray(list.get(), "item")))
+      exporter.Add(request.kind, item, filter.Matches(item));
   }
-  if (!exporter.Copy()) Fail(kExitCancelled, "export cancelled; run it again to go on");
-  return exporter.Report(spec.noun);
+  exporter.Copy(hooks);
+  return report;
 }
 
-}  // namespace tarn::cli
+}  // namespace tarn::app

@@ -1,4 +1,4 @@
-// Owners for what the library's C functions hand to the tool. The tool is a
+// Owners for what the library's C functions hand to a program. Each program is a
 // client like any other application: it sees only the public header, so it
 // keeps its own small owners rather than borrowing the library's internals.
 #pragma once
@@ -9,7 +9,7 @@
 #include <glib.h>
 #include <plist/plist.h>
 
-namespace tarn::cli {
+namespace tarn::app {
 
 struct PlistFree {
   void operator()(void *node) const { plist_free(static_cast<plist_t>(node)); }
@@ -32,4 +32,4 @@ struct FileInfoFree {
 };
 using FileInfo = std::unique_ptr<char *, FileInfoFree>;
 
-}  // namespace tarn::cli
+}  // namespace tarn::app

@@ -1,10 +1,10 @@
-#include "naming.h"
+#include "common/naming.h"
 
 #include <glib.h>
 
 #include <memory>
 
-namespace tarn::cli {
+namespace tarn::app {
 namespace {
 
 // Room is left for " (NNN)", an extension and a temporary suffix within the
@@ -98,4 +98,4 @@ std::string NameRegistry::Claim(const std::vector<std::string> &dirs, const std:
   }
 }
 
-}  // namespace tarn::cli
+}  // namespace tarn::app

@@ -1,0 +1,39 @@
+// Export: a catalogue's files copied out of the device under names a person
+// recognises, and playlists as .m3u8 files that point at them.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "common/catalogue.h"
+#include "common/session.h"
+#include "common/transfer.h"
+
+namespace tarn::app {
+
+struct ExportRequest {
+  Kind kind = Kind::kMusic;
+  std::string host_dir;
+  // Only items whose title, artist, album, name or file name contains this,
+  // ignoring case (for playlists: the playlist's name); empty for all.
+  std::string match;
+};
+
+struct ExportReport {
+  bool nothing_listed = false;  // the device has no list of this kind
+  size_t wanted = 0, copied = 0, skipped = 0, playlists = 0;
+  uint64_t bytes = 0;
+  std::set<std::string> missing;      // listed in the catalogue, absent on the device
+  std::vector<std::string> failed;    // device paths that could not be copied
+  std::vector<std::string> notes;     // what a person should hear about, in order
+  bool cancelled = false;
+};
+
+// Runs an export over an initialised session (Session::InitCatalogue()).
+// Fails with kHostPath when the target cannot be written.
+ExportReport Export(Session &session, const ExportRequest &request, const TransferHooks &hooks);
+
+}  // namespace tarn::app

@@ -171,8 +171,10 @@ std::string Folded(const std::string &text) {
 // text, ignoring case. Everything matches without the option.
 class Filter {
  public:
-  explicit Filter(const std::string &text) : text_(Folded(text)) {}
+  Filter(const std::string &text, const std::set<std::string> &only) : text_(Folded(text)), only_(only) {}
   bool Matches(plist_t item) const {
+    if (!only_.empty() && only_.count(DictString(item, "path")) == 0 && only_.count(DictString(item, "name")) == 0)
+      return false;
     if (text_.empty()) return true;
     for (const char *key : {"title", "artist", "album", "name"})
       if (Folded(DictString(item, key)).find(text_) != std::string::npos) return true;
@@ -181,11 +183,13 @@ class Filter {
 
  private:
   std::string text_;
+  const std::set<std::string> &only_;
 };
 
 }  // namespace
 
-ExportReport Export(Session &session, const ExportRequest &request, const TransferHooks &hooks) {
+ExportReport Export(Session &session, const ExportRequest &request, const TransferHooks &hooks,
+                    const std::set<std::string> &only) {
   const fs::path dir = request.host_dir;
   std::error_code ec;
   fs::create_directories(dir, ec);
@@ -194,7 +198,7 @@ ExportReport Export(Session &session, const ExportRequest &request, const Transf
 
   ExportReport report;
   Exporter exporter(session, dir, report);
-  const Filter filter(request.match);
+  const Filter filter(request.match, only);
   if (request.kind == Kind::kPlaylists) {
     // Names come from the whole music list first, in its order, so that a
     // playlist points at the very files that "export music" gives; only the

@@ -34,6 +34,9 @@ struct ExportReport {
 
 // Runs an export over an initialised session (Session::InitCatalogue()).
 // Fails with kHostPath when the target cannot be written.
-ExportReport Export(Session &session, const ExportRequest &request, const TransferHooks &hooks);
+// `only`: just these device paths (for playlists: these playlist names), as
+// a person picked them in a list; empty for all that match.
+ExportReport Export(Session &session, const ExportRequest &request, const TransferHooks &hooks,
+                    const std::set<std::string> &only = {});
 
 }  // namespace tarn::app

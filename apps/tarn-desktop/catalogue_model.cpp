@@ -1,5 +1,7 @@
 #include "catalogue_model.h"
 
+#include "common/naming.h"
+
 namespace tarn::desktop {
 namespace {
 
@@ -42,54 +44,32 @@ uint64_t PlaylistMillis(plist_t playlist) {
   return millis;
 }
 
-// A recording's title starts with its time of recording, "20220601 093012".
-QString RecordingTime(const QString &title) {
-  if (title.size() < 15 || title[8] != ' ') return title;
-  for (int i : {0, 1, 2, 3, 4, 5, 6, 7, 9, 10, 11, 12, 13, 14})
-    if (!title[i].isDigit()) return title;
-  return title.left(4) + '-' + title.mid(4, 2) + '-' + title.mid(6, 2) + ' ' + title.mid(9, 2) + ':' + title.mid(11, 2) +
-         ':' + title.mid(13, 2);
-}
 
 }  // namespace
 
-const std::vector<KindInfo> &Kinds() {
-  static const std::vector<KindInfo> kinds = {
-      {Kind::kMusic, "music", QT_TRANSLATE_NOOP("Kinds", "Music")},
-      {Kind::kMovies, "movies", QT_TRANSLATE_NOOP("Kinds", "Movies")},
-      {Kind::kTvShows, "tvshows", QT_TRANSLATE_NOOP("Kinds", "TV Shows")},
-      {Kind::kPodcasts, "podcasts", QT_TRANSLATE_NOOP("Kinds", "Podcasts")},
-      {Kind::kAudiobooks, "audiobooks", QT_TRANSLATE_NOOP("Kinds", "Audiobooks")},
-      {Kind::kRingtones, "ringtones", QT_TRANSLATE_NOOP("Kinds", "Ringtones")},
-      {Kind::kPlaylists, "playlists", QT_TRANSLATE_NOOP("Kinds", "Playlists")},
-      {Kind::kRecordings, "recordings", QT_TRANSLATE_NOOP("Kinds", "Voice Memos")},
-      {Kind::kBooks, "books", QT_TRANSLATE_NOOP("Kinds", "Books")},
-      {Kind::kCamera, "camera", QT_TRANSLATE_NOOP("Kinds", "Camera Roll")},
-      {Kind::kPictures, "pictures", QT_TRANSLATE_NOOP("Kinds", "Pictures")},
-  };
+const std::vector<PageKind> &PageKinds() {
+  static const std::vector<PageKind> kinds = [] {
+    std::vector<PageKind> out;
+    for (const app::KindInfo &info : app::Kinds()) {
+      const char *title = "";
+      switch (info.kind) {
+        case Kind::kMusic: title = QT_TRANSLATE_NOOP("Kinds", "Music"); break;
+        case Kind::kMovies: title = QT_TRANSLATE_NOOP("Kinds", "Movies"); break;
+        case Kind::kPodcasts: title = QT_TRANSLATE_NOOP("Kinds", "Podcasts"); break;
+        case Kind::kTvShows: title = QT_TRANSLATE_NOOP("Kinds", "TV Shows"); break;
+        case Kind::kAudiobooks: title = QT_TRANSLATE_NOOP("Kinds", "Audiobooks"); break;
+        case Kind::kRingtones: title = QT_TRANSLATE_NOOP("Kinds", "Ringtones"); break;
+        case Kind::kPlaylists: title = QT_TRANSLATE_NOOP("Kinds", "Playlists"); break;
+        case Kind::kRecordings: title = QT_TRANSLATE_NOOP("Kinds", "Voice Memos"); break;
+        case Kind::kBooks: title = QT_TRANSLATE_NOOP("Kinds", "Books"); break;
+        case Kind::kCamera: title = QT_TRANSLATE_NOOP("Kinds", "Camera Roll"); break;
+        case Kind::kPictures: title = QT_TRANSLATE_NOOP("Kinds", "Pictures"); break;
+      }
+      out.push_back({info.kind, info.name, title});
+    }
+    return out;
+  }();
   return kinds;
-}
-
-bool IsTrackKind(Kind kind) {
-  return kind == Kind::kMusic || kind == Kind::kMovies || kind == Kind::kPodcasts || kind == Kind::kTvShows ||
-         kind == Kind::kAudiobooks || kind == Kind::kRingtones;
-}
-
-SharedPlist FetchList(PodDevice *d, Kind kind) {
-  switch (kind) {
-    case Kind::kMusic: return Share(GetMusicList(d, 0, 0));
-    case Kind::kMovies: return Share(GetMovieList(d, 0, 0));
-    case Kind::kPodcasts: return Share(GetPodcastList(d, 0, 0));
-    case Kind::kTvShows: return Share(GetTvshowList(d, 0, 0));
-    case Kind::kAudiobooks: return Share(GetAudioBookList(d, 0, 0));
-    case Kind::kRingtones: return Share(GetRingtonesList(d, 0, 0));
-    case Kind::kPlaylists: return Share(GetPlayList(d, 0, 0));
-    case Kind::kRecordings: return Share(GetRecordingList(d, 0, 0));
-    case Kind::kBooks: return Share(GetBookList(d, 0, 0));
-    case Kind::kCamera: return Share(GetCameraPVList(d, 0, 0));
-    case Kind::kPictures: return Share(GetUserPictureListFromDevice(d));
-  }
-  return nullptr;
 }
 
 void CatalogueModel::setList(Kind kind, SharedPlist list, plist_t items) {
@@ -138,15 +118,15 @@ QVariant CatalogueModel::Display(const Row &row, Field field) const {
   switch (field) {
     case Field::kTitle: return DictString(item, "title");
     case Field::kArtist:
-    case Field::kAuthor: return Known(DictString(item, "artist"));
-    case Field::kAlbum: return Known(DictString(item, "album"));
-    case Field::kGenre: return Known(DictString(item, "genre"));
+    case Field::kAuthor: return Known(item, "artist");
+    case Field::kAlbum: return Known(item, "album");
+    case Field::kGenre: return Known(item, "genre");
     case Field::kTime: return HumanDuration(kind_ == Kind::kPlaylists ? PlaylistMillis(item) : DictUint(item, "time"));
     case Field::kSize: return HumanSize(DictUint(item, "size"));
     case Field::kPlaylist: return DictString(item, "name");
     case Field::kTracks: return QString::number(DictUint(item, "number"));
     case Field::kLabel: return DictString(item, "name");
-    case Field::kRecorded: return RecordingTime(DictString(item, "title"));
+    case Field::kRecorded: return Q(app::RecordingTime(app::DictString(item, "title"), ":"));
     case Field::kPath: return DictString(item, "path");
     case Field::kCatalogue: return row.purchased ? tr("purchased") : tr("user");
     case Field::kModified: return DictString(item, "time");

@@ -7,25 +7,20 @@
 
 #include <QAbstractTableModel>
 
+#include "common/catalogue.h"
 #include "device.h"
 
 namespace tarn::desktop {
 
-enum class Kind {
-  kMusic, kMovies, kPodcasts, kTvShows, kAudiobooks, kRingtones,
-  kPlaylists, kRecordings, kBooks, kCamera, kPictures,
-};
+using app::Kind;
 
-struct KindInfo {
+// A catalogue page: its kind and the title on its tab.
+struct PageKind {
   Kind kind;
   const char *key;    // as `tarn list` names it
-  const char *title;  // the page's title
+  const char *title;
 };
-const std::vector<KindInfo> &Kinds();
-bool IsTrackKind(Kind kind);
-
-// The library's list for a kind, fetched over `device` on the calling thread.
-SharedPlist FetchList(PodDevice *device, Kind kind);
+const std::vector<PageKind> &PageKinds();
 
 class CatalogueModel : public QAbstractTableModel {
   Q_OBJECT

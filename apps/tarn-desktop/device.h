@@ -1,11 +1,12 @@
-// The window's hold on the library: owners for what its C functions hand
-// out, a handle per worker, the attached devices, and failures turned into
-// sentences a person can act on. Only the public header is used, as any
-// application would.
+// The window's hold on the library, over what it shares with tarn
+// (apps/common): handles per worker, the attached devices, failures as
+// sentences a person can act on, and the shared text and plist readers
+// handed over as Qt strings.
 #pragma once
 
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include <QString>
@@ -13,60 +14,57 @@
 
 #include <tarn/tarn_device.h>
 
+#include "common/owners.h"
+#include "common/plist_view.h"
+#include "common/session.h"
+#include "common/text.h"
+
 namespace tarn::desktop {
 
-struct PlistFree {
-  void operator()(void *node) const { plist_free(static_cast<plist_t>(node)); }
-};
-using PlistPtr = std::unique_ptr<void, PlistFree>;
+using app::ArrayItems;
+using app::DictArray;
+using app::DictUint;
+using app::PlistPtr;
+
 // Lists are shared between the worker that fetched them and the models that
-// show them; the last owner frees the list on its own thread.
+// show them; the last owner frees the list.
 using SharedPlist = std::shared_ptr<void>;
-SharedPlist Share(plist_t node);
+SharedPlist Share(PlistPtr list);
+
+inline QString Q(const std::string &text) { return QString::fromStdString(text); }
+inline QString DictString(plist_t dict, const char *key) { return Q(app::DictString(dict, key)); }
+inline QString Known(plist_t dict, const char *key) { return Q(app::Known(app::DictString(dict, key))); }
+inline QString HumanSize(uint64_t bytes) { return Q(app::HumanSize(bytes)); }
+inline QString HumanDuration(uint64_t millis) { return Q(app::HumanDuration(millis)); }
+inline QString LocalTime(int64_t seconds) { return Q(app::LocalTime(seconds)); }
 
 struct DeviceFree {
   void operator()(PodDevice *device) const { FreePodDevice(device); }
 };
 using DevicePtr = std::unique_ptr<PodDevice, DeviceFree>;
 
-// Why something failed and what the person can do about it.
+// Why something failed, for a person: what happened and what to do.
 struct Reason {
-  int code = 0;        // TarnErrorCode, 0 when the library said nothing
-  QString what;        // empty: no failure
-  QString remedy;
-  bool failed() const { return !what.isEmpty(); }
-  QString text() const { return remedy.isEmpty() ? what : what + " " + remedy; }
+  int code = 0;  // TarnErrorCode, 0 when the library said nothing
+  QString text;  // empty: no failure
+  bool failed() const { return !text.isEmpty(); }
 };
 
 // The reason the last library call on this thread recorded, or `fallback`
-// (with a remedy of its own when the device has gone) when it recorded none.
+// when it recorded none (naming the unplugged device when that is why).
 Reason LastReason(const QString &udid, const QString &fallback);
+// A failure that apps/common threw.
+Reason FromFailure(const app::Failure &failure);
 
 // Identifiers of the attached devices, in the daemon's order.
 QStringList AttachedDevices();
 
-// The folder the databases of a device are copied into; the window owns it.
-QString WorkDirFor(const QString &udid);
-// Empties the folder so that the next handle reads the databases afresh.
-void ClearWorkDir(const QString &udid);
-
 // A bare handle for one worker's file operations (they need no databases).
 DevicePtr HandleFor(const QString &udid);
-// A handle initialised over the device's work folder, for one worker.
-// Null with `why` filled when the device cannot be reached.
-DevicePtr OpenDevice(const QString &udid, Reason *why);
 
-// Property-list lookups that tolerate missing keys and other node types.
-QString DictString(plist_t dict, const char *key);
-uint64_t DictUint(plist_t dict, const char *key);
-plist_t DictArray(plist_t dict, const char *key);
-std::vector<plist_t> ArrayItems(plist_t array);
-// The library writes "(None)" for a missing artist, album or genre.
-QString Known(const QString &text);
-
-QString HumanSize(uint64_t bytes);
-QString HumanDuration(uint64_t millis);
-QString LocalTime(int64_t seconds);
+// The options of a worker's session with the device; `refresh` reads the
+// databases afresh.
+app::SessionOptions SessionFor(const QString &udid, bool refresh = false);
 
 // A device path cleaned of "." and ".." and doubled separators; empty when
 // it would name the root or leave it, so that nothing destructive reaches it.

@@ -161,7 +161,7 @@ void FilesPage::Load(QTreeWidgetItem *item) {
         qDeleteAll(item->takeChildren());
         if (listing.why.failed()) {
           auto *note = new QTreeWidgetItem(item);
-          note->setText(0, listing.why.text());
+          note->setText(0, listing.why.text);
           note->setFlags(Qt::ItemIsEnabled);
           item->setData(0, kLoadedRole, false);
         }
@@ -288,7 +288,7 @@ void FilesPage::MakeFolder(const QString &parent, const QString &name) {
       },
       [this, path](const Reason &why) {
         ReloadFolder(ParentOf(path));
-        emit OperationDone(why.failed() ? why.text() : tr("Made %1.").arg(path));
+        emit OperationDone(why.failed() ? why.text : tr("Made %1.").arg(path));
       });
 }
 
@@ -315,7 +315,7 @@ void FilesPage::RenameTo(const QString &path, const QString &name) {
       },
       [this, from, to](const Reason &why) {
         ReloadFolder(ParentOf(from));
-        emit OperationDone(why.failed() ? why.text() : tr("Renamed %1 to %2.").arg(from, to));
+        emit OperationDone(why.failed() ? why.text : tr("Renamed %1 to %2.").arg(from, to));
       });
 }
 
@@ -336,7 +336,7 @@ void FilesPage::Remove(const QStringList &paths) {
           else DeleteFile(device.get(), p.constData());
           const Reason why = LastReason(udid, QObject::tr("%1 could not be deleted.").arg(path));
           if (IsFileExist(device.get(), p.constData()) != 0 || IsDirExist(device.get(), p.constData()) != 0)
-            failed << why.text();
+            failed << why.text;
         }
         return failed;
       },
@@ -385,7 +385,7 @@ void FilesPage::StartSearch(const QString &text) {
         }
         if (found.hits.empty()) {
           auto *note = new QTreeWidgetItem(results_);
-          note->setText(0, found.why.failed() ? found.why.text() : tr("Nothing found."));
+          note->setText(0, found.why.failed() ? found.why.text : tr("Nothing found."));
         }
         emit SearchDone(static_cast<int>(found.hits.size()));
       });

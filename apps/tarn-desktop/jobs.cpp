@@ -5,6 +5,8 @@
 #include <QFile>
 #include <QFileInfo>
 
+#include "common/failure.h"
+
 namespace tarn::desktop {
 
 QThreadPool *JobPool() {
@@ -18,41 +20,26 @@ QThreadPool *JobPool() {
 
 QString TransferResult::Summary() const {
   QString text = QObject::tr("%n file(s) copied (%1)", nullptr, copied).arg(HumanSize(bytes));
+  if (skipped > 0) text += QObject::tr(", %n already there", nullptr, skipped);
   if (cancelled) text += QObject::tr(", cancelled");
   if (!failed.isEmpty()) text += QObject::tr(", %n failed", nullptr, static_cast<int>(failed.size()));
-  if (reason.failed()) text += QStringLiteral(". ") + reason.text();
+  for (const QString &note : notes) text += QStringLiteral("; ") + note;
+  if (reason.failed()) text += QStringLiteral(". ") + reason.text;
   return text;
 }
 
 namespace {
 
-struct FileInfo {
-  bool exists = false;
-  bool is_dir = false;
-  uint64_t size = 0;
-};
-
-FileInfo Stat(PodDevice *device, const QString &path) {
-  FileInfo info;
-  char **v = GetDirOrFileInfo(device, path.toUtf8().constData());
-  if (v == nullptr) return info;
-  if (v[0] != nullptr) {
-    info.exists = true;
-    info.is_dir = qstrcmp(v[0], "S_IFDIR") == 0;
-    info.size = v[1] != nullptr ? std::strtoull(v[1], nullptr, 10) : 0;
-  }
-  // Slots after a missing one would be leaked by g_strfreev.
-  for (int i = 0; i < 5; ++i) g_free(v[i]);
-  g_free(v);
-  return info;
-}
-
-int OnProgress(uint64_t, uint64_t done, int finished, void *user_data) {
-  auto *state = static_cast<Transfer::State *>(user_data);
-  if (state == nullptr) return 0;
-  // An upload's final call carries the last block alone, not the total.
-  if (!(state->upload && finished)) state->done = state->base + done;
-  return state->cancel && !finished ? 1 : 0;
+app::TransferHooks HooksFor(Transfer::State &state) {
+  app::TransferHooks hooks;
+  hooks.progress = [&state](const app::Progress &p) {
+    state.done = p.done;
+    state.total = p.total;
+    QMutexLocker lock(&state.mutex);
+    state.current = Q(p.label);
+  };
+  hooks.cancel = &state.cancel;
+  return hooks;
 }
 
 // A name the device sends becomes one host path component only when it
@@ -62,20 +49,18 @@ bool UsableName(const char *name) {
          std::strchr(name, '/') == nullptr;
 }
 
-class Worker {
+class Copier {
  public:
-  Worker(const QString &udid, Transfer::State &state, TransferResult &result)
-      : udid_(udid), state_(state), result_(result), device_(HandleFor(udid)) {
-    device_->userData = &state_;
+  Copier(const QString &udid, TransferResult &result) : udid_(udid), result_(result), session_(SessionFor(udid), udid.toStdString()) {
+    session_.Connect();
   }
-  ~Worker() { device_->userData = nullptr; }
 
-  // Turns folders into their files, so that the total is known up front.
+  // Folders become their files, so that the total is known up front.
   std::vector<std::pair<TransferItem, uint64_t>> Expand(const std::vector<TransferItem> &items, bool upload) {
     std::vector<std::pair<TransferItem, uint64_t>> files;
     for (const TransferItem &item : items) {
       if (upload) {
-        QFileInfo host(item.host_path);
+        const QFileInfo host(item.host_path);
         if (!host.isDir()) {
           files.push_back({item, static_cast<uint64_t>(host.size())});
           continue;
@@ -88,14 +73,18 @@ class Worker {
         }
         continue;
       }
-      const FileInfo info = Stat(device_.get(), item.device_path);
+      const app::PathInfo info = session_.Stat(item.device_path.toStdString());
+      if (!info.exists) {
+        Fail(item.device_path, LastReason(udid_, QObject::tr("%1 is not on the device.").arg(item.device_path)));
+        continue;
+      }
       if (!info.is_dir) {
         files.push_back({item, info.size});
         continue;
       }
-      PodDir *root = GetPodDir(device_.get(), item.device_path.toUtf8().constData(), 0);
+      PodDir *root = GetPodDir(session_.device(), item.device_path.toUtf8().constData(), 0);
       if (root == nullptr) {
-        Fail(item.device_path, tr("The folder cannot be read."));
+        Fail(item.device_path, LastReason(udid_, QObject::tr("The folder %1 cannot be read.").arg(item.device_path)));
         continue;
       }
       Walk(root, item.host_path, files);
@@ -104,73 +93,52 @@ class Worker {
     return files;
   }
 
-  void Download(const TransferItem &item, uint64_t expected) {
-    const QString partial = item.host_path + QStringLiteral(".tarn-part");
-    QDir().mkpath(QFileInfo(item.host_path).path());
-    {
-      QFile probe(partial);
-      if (!probe.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
-        Fail(item.host_path, tr("This computer refused to write the file (%1).").arg(probe.errorString()),
-             TARN_E_HOST_IO);
-        return;
-      }
-    }
-    SetCurrent(item.device_path);
-    CopyFileFromDeviceToNative(device_.get(), item.device_path.toUtf8().constData(), partial.toUtf8().constData(),
-                               OnProgress);
-    const Reason why = LastReason(udid_, tr("The copy of %1 ended early.").arg(item.device_path));
-    const uint64_t got = static_cast<uint64_t>(QFileInfo(partial).size());
-    if (state_.cancel || got != expected) {
-      QFile::remove(partial);
-      if (state_.cancel) result_.cancelled = true;
-      else Fail(item.device_path, why);
-      return;
-    }
-    QFile::remove(item.host_path);
-    if (!QFile::rename(partial, item.host_path)) {
-      QFile::remove(partial);
-      Fail(item.host_path, tr("The finished copy could not be put in place."), TARN_E_HOST_IO);
-      return;
-    }
-    Done(expected);
+  void Download(app::Transfers &transfers, const TransferItem &item, uint64_t size) {
+    const app::DownloadJob job{item.device_path.toStdString(), item.host_path.toStdString(), size, -1};
+    const app::Outcome outcome = transfers.Download(job);
+    if (outcome == app::Outcome::kCopied) ++result_.copied;
+    else if (outcome == app::Outcome::kCancelled) result_.cancelled = true;
+    else Fail(item.device_path, LastReason(udid_, QObject::tr("The copy of %1 ended early.").arg(item.device_path)));
   }
 
-  void Upload(const TransferItem &item, uint64_t expected) {
+  // The upload goes to a temporary name that replaces the target only
+  // once it is complete.
+  void Upload(app::Transfers &transfers, const TransferItem &item, uint64_t size) {
     const QString target = SafeDevicePath(item.device_path);
     if (target.isEmpty()) {
-      Fail(item.device_path, tr("That is not a place on the device a file can go."), TARN_E_INVALID_ARGUMENT);
+      Fail(item.device_path, {TARN_E_INVALID_ARGUMENT, QObject::tr("%1 is no place for a file.").arg(item.device_path)});
       return;
     }
-    const QString partial = target + QStringLiteral(".tarn-part");
-    const QByteArray parent = QFileInfo(target).path().toUtf8();
-    if (IsDirExist(device_.get(), parent.constData()) == 0) MakeDir(device_.get(), parent.constData());
-    SetCurrent(item.host_path);
-    const int status = CopyFileFromNativeToDevice(device_.get(), item.host_path.toUtf8().constData(),
-                                                  partial.toUtf8().constData(), OnProgress);
-    const Reason why = LastReason(udid_, tr("The copy of %1 ended early.").arg(item.host_path));
-    if (state_.cancel) {
-      DeleteFile(device_.get(), partial.toUtf8().constData());
+    const std::string partial = (target + QStringLiteral(".tarn-part")).toStdString();
+    const std::string parent = QFileInfo(target).path().toStdString();
+    if (!session_.Stat(parent).is_dir) MakeDir(session_.device(), parent.c_str());
+    const app::Outcome outcome = transfers.Upload(item.host_path.toStdString(), partial, size);
+    if (outcome == app::Outcome::kCancelled) {
       result_.cancelled = true;
       return;
     }
-    const FileInfo info = status == 0 ? Stat(device_.get(), partial) : FileInfo{};
-    if (!info.exists || info.size != expected) {
-      DeleteFile(device_.get(), partial.toUtf8().constData());
+    if (outcome == app::Outcome::kFailed) {
+      const Reason why = LastReason(udid_, QObject::tr("The copy of %1 ended early.").arg(item.host_path));
+      DeleteFile(session_.device(), partial.c_str());
       Fail(item.host_path, why);
       return;
     }
-    RenamePath(device_.get(), partial.toUtf8().constData(), target.toUtf8().constData());
-    const FileInfo placed = Stat(device_.get(), target);
-    if (!placed.exists || placed.size != expected) {
-      Fail(target, LastReason(udid_, tr("The finished copy could not be put in place.")));
+    RenamePath(session_.device(), partial.c_str(), target.toUtf8().constData());
+    const app::PathInfo placed = session_.Stat(target.toStdString());
+    if (!placed.exists || placed.size != size) {
+      Fail(target, LastReason(udid_, QObject::tr("The finished copy could not be put in place as %1.").arg(target)));
       return;
     }
-    Done(expected);
+    ++result_.copied;
   }
 
- private:
-  static QString tr(const char *text) { return QObject::tr(text); }
+  void Fail(const QString &path, const Reason &reason) {
+    result_.failed << path + QStringLiteral(": ") + reason.text;
+    if (!result_.reason.failed()) result_.reason = reason;
+  }
+  app::Session &session() { return session_; }
 
+ private:
   void Walk(PodDir *dir, const QString &host, std::vector<std::pair<TransferItem, uint64_t>> &files) {
     for (PodFile *f = dir->first_file; f != nullptr; f = f->next_file)
       if (UsableName(f->name))
@@ -180,50 +148,60 @@ class Worker {
       if (UsableName(d->name)) Walk(d, host + '/' + QString::fromUtf8(d->name), files);
   }
 
-  void SetCurrent(const QString &path) {
-    QMutexLocker lock(&state_.mutex);
-    state_.current = path;
-  }
-  void Done(uint64_t bytes) {
-    ++result_.copied;
-    result_.bytes += bytes;
-    state_.base += bytes;
-    state_.done = state_.base;
-  }
-  void Fail(const QString &path, const QString &what, int code = 0) {
-    Reason reason;
-    reason.code = code;
-    reason.what = what;
-    Fail(path, reason);
-  }
-  void Fail(const QString &path, const Reason &reason) {
-    result_.failed << path + QStringLiteral(": ") + reason.text();
-    if (!result_.reason.failed()) result_.reason = reason;
-  }
-
   QString udid_;
-  Transfer::State &state_;
   TransferResult &result_;
-  DevicePtr device_;
+  app::Session session_;
 };
 
-TransferResult Run(const QString &udid, bool upload, const std::vector<TransferItem> &items, Transfer::State &state) {
+TransferResult RunCopies(const QString &udid, bool upload, const std::vector<TransferItem> &items,
+                         Transfer::State &state) {
   TransferResult result;
-  state.upload = upload;
-  Worker worker(udid, state, result);
-  const auto files = worker.Expand(items, upload);
-  uint64_t total = 0;
-  for (const auto &f : files) total += f.second;
-  state.total = total;
-  for (const auto &[item, size] : files) {
-    if (state.cancel) {
-      result.cancelled = true;
-      break;
+  try {
+    Copier copier(udid, result);
+    const auto files = copier.Expand(items, upload);
+    uint64_t total = 0;
+    for (const auto &f : files) total += f.second;
+    state.total = total;
+    app::Transfers transfers(copier.session(), total, HooksFor(state));
+    for (const auto &[item, size] : files) {
+      if (state.cancel) {
+        result.cancelled = true;
+        break;
+      }
+      try {
+        if (upload) copier.Upload(transfers, item, size);
+        else copier.Download(transfers, item, size);
+      } catch (const app::Failure &failure) {
+        copier.Fail(upload ? item.host_path : item.device_path, FromFailure(failure));
+      }
+      // A device that went away fails every file after it the same way.
+      if (result.reason.code == TARN_E_NO_DEVICE || result.cancelled) break;
     }
-    if (upload) worker.Upload(item, size);
-    else worker.Download(item, size);
-    // A device that went away fails every file after it the same way.
-    if (result.reason.code == TARN_E_NO_DEVICE) break;
+    result.bytes = transfers.bytes_copied();
+  } catch (const app::Failure &failure) {
+    result.reason = FromFailure(failure);
+    if (result.reason.code == TARN_OK) result.reason = LastReason(udid, result.reason.text);
+  }
+  return result;
+}
+
+TransferResult RunExport(const QString &udid, const app::ExportRequest &request, const std::set<std::string> &only,
+                         Transfer::State &state) {
+  TransferResult result;
+  try {
+    app::Session session(SessionFor(udid), udid.toStdString());
+    session.InitCatalogue();
+    const app::ExportReport report = app::Export(session, request, HooksFor(state), only);
+    result.copied = static_cast<int>(report.copied);
+    result.skipped = static_cast<int>(report.skipped);
+    result.bytes = report.bytes;
+    result.cancelled = report.cancelled;
+    for (const std::string &path : report.failed) result.failed << Q(path);
+    for (const std::string &note : report.notes) result.notes << Q(note);
+    if (report.nothing_listed) result.notes << QObject::tr("nothing of this kind on the device");
+    if (!report.failed.empty()) result.reason = LastReason(udid, QObject::tr("Some files could not be copied."));
+  } catch (const app::Failure &failure) {
+    result.reason = FromFailure(failure);
   }
   return result;
 }
@@ -237,15 +215,25 @@ Transfer::Transfer(QString udid, Direction direction, std::vector<TransferItem> 
   connect(&tick_, &QTimer::timeout, this, &Transfer::Publish);
 }
 
+Transfer::Transfer(QString udid, app::ExportRequest request, std::set<std::string> only, QObject *parent)
+    : Transfer(std::move(udid), Direction::kExport, {}, parent) {
+  request_ = std::move(request);
+  only_ = std::move(only);
+}
+
 Transfer::~Transfer() { state_->cancel = true; }
 
 void Transfer::Start() {
   running_ = true;
   tick_.start();
   std::shared_ptr<State> state = state_;
-  const bool upload = direction_ == Direction::kUpload;
+  const Direction direction = direction_;
   RunInBackground(
-      this, [udid = udid_, upload, items = items_, state] { return Run(udid, upload, items, *state); },
+      this,
+      [udid = udid_, direction, items = items_, request = request_, only = only_, state] {
+        if (direction == Direction::kExport) return RunExport(udid, request, only, *state);
+        return RunCopies(udid, direction == Direction::kUpload, items, *state);
+      },
       [this](const TransferResult &result) {
         tick_.stop();
         Publish();

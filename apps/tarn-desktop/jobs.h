@@ -7,6 +7,8 @@
 
 #include <atomic>
 #include <memory>
+#include <set>
+#include <string>
 #include <type_traits>
 #include <vector>
 
@@ -17,6 +19,7 @@
 #include <QTimer>
 #include <QtConcurrent/QtConcurrentRun>
 
+#include "common/export.h"
 #include "device.h"
 
 namespace tarn::desktop {
@@ -46,9 +49,11 @@ struct TransferItem {
 
 struct TransferResult {
   int copied = 0;
+  int skipped = 0;  // already there
   uint64_t bytes = 0;
   bool cancelled = false;
   QStringList failed;  // "<path>: <reason>"
+  QStringList notes;   // what else a person should hear about
   Reason reason;       // the first failure's reason
   QString Summary() const;
 };
@@ -56,8 +61,10 @@ struct TransferResult {
 class Transfer : public QObject {
   Q_OBJECT
  public:
-  enum class Direction { kDownload, kUpload };
+  enum class Direction { kDownload, kUpload, kExport };
   Transfer(QString udid, Direction direction, std::vector<TransferItem> items, QObject *parent = nullptr);
+  // An export through the same code as `tarn export`.
+  Transfer(QString udid, app::ExportRequest request, std::set<std::string> only, QObject *parent = nullptr);
   ~Transfer() override;
 
   void Start();
@@ -75,8 +82,6 @@ class Transfer : public QObject {
     std::atomic<bool> cancel{false};
     std::atomic<uint64_t> done{0};
     std::atomic<uint64_t> total{0};
-    uint64_t base = 0;  // worker only: bytes of the files finished before
-    bool upload = false;
     QMutex mutex;
     QString current;
   };
@@ -86,6 +91,8 @@ class Transfer : public QObject {
   QString udid_;
   Direction direction_;
   std::vector<TransferItem> items_;
+  app::ExportRequest request_;
+  std::set<std::string> only_;
   std::shared_ptr<State> state_;
   QTimer tick_;
   bool running_ = false;

@@ -4,6 +4,7 @@
 #include <QApplication>
 #include <QCloseEvent>
 #include <QEventLoop>
+#include <QFileDialog>
 #include <QMenuBar>
 #include <QMessageBox>
 #include <QSettings>
@@ -28,9 +29,10 @@ MainWindow::MainWindow(QWidget *parent) : QMainWindow(parent) {
   pages_->setUsesScrollButtons(true);
   overview_ = new OverviewPage(pages_);
   pages_->addTab(overview_, tr("Overview"));
-  for (const KindInfo &kind : Kinds()) {
+  for (const PageKind &kind : PageKinds()) {
     auto *page = new CataloguePage(kind, pages_);
     catalogue_.push_back(page);
+    connect(page, &CataloguePage::ExportRequested, this, &MainWindow::AskExport);
     pages_->addTab(page, tr(kind.title));
   }
   files_ = new FilesPage(pages_);
@@ -161,7 +163,7 @@ void MainWindow::OnDevices(const QStringList &udids) {
   if (!changed) return;
   if (!udid_.isEmpty() && !udids.contains(udid_)) {
     ChooseDevice({});
-    overview_->Show(nullptr, {TARN_E_NO_DEVICE, tr("The device was unplugged."), tr("Plug it in again to go on.")});
+    overview_->Show(nullptr, {TARN_E_NO_DEVICE, tr("The device was unplugged. Plug it in again to go on.")});
   }
   if (udid_.isEmpty() && devices_->count() > 0 && devices_->currentItem() == nullptr) devices_->setCurrentRow(0);
   emit DevicesChanged(udids);
@@ -174,7 +176,7 @@ void MainWindow::ChooseDevice(const QString &udid) {
   for (CataloguePage *p : catalogue_) p->Clear();
   files_->SetDevice(udid);
   if (udid.isEmpty()) {
-    overview_->Show(nullptr, {0, tr("No device is chosen."), tr("Plug in a device and choose it on the left.")});
+    overview_->Show(nullptr, {0, tr("No device is chosen. Plug in a device and choose it on the left.")});
     return;
   }
   overview_->ShowLoading();
@@ -186,12 +188,15 @@ void MainWindow::ChooseDevice(const QString &udid) {
       this,
       [udid] {
         Opened out;
-        // The databases are read afresh each time a device is chosen.
-        ClearWorkDir(udid);
-        DevicePtr device = OpenDevice(udid, &out.why);
-        if (!device) return out;
-        out.info = Share(GetDeviceInfo(device.get()));
-        if (!out.info) out.why = LastReason(udid, QObject::tr("The device %1 cannot be reached.").arg(udid));
+        try {
+          // The databases are read afresh each time a device is chosen.
+          app::Session session(SessionFor(udid, true), udid.toStdString());
+          session.InitCatalogue();
+          out.info = Share(PlistPtr(GetDeviceInfo(session.device())));
+          if (!out.info) out.why = LastReason(udid, QObject::tr("The device %1 cannot be reached.").arg(udid));
+        } catch (const app::Failure &failure) {
+          out.why = FromFailure(failure);
+        }
         return out;
       },
       [this, generation, udid](const Opened &out) {
@@ -202,7 +207,7 @@ void MainWindow::ChooseDevice(const QString &udid) {
           QListWidgetItem *item = devices_->item(i);
           if (item->data(Qt::UserRole) != udid) continue;
           if (opened_) item->setText(DictString(static_cast<plist_t>(out.info.get()), "DeviceName"));
-          item->setToolTip(opened_ ? udid : out.why.text());
+          item->setToolTip(opened_ ? udid : out.why.text);
         }
         if (opened_) LoadCurrentPage();
         emit DeviceOpened(udid, opened_);
@@ -217,11 +222,20 @@ void MainWindow::LoadCurrentPage() {
 void MainWindow::Refresh() { ChooseDevice(udid_); }
 
 bool MainWindow::StartTransfer(Transfer::Direction direction, std::vector<TransferItem> items) {
+  return Begin(std::make_unique<Transfer>(udid_, direction, std::move(items)));
+}
+
+bool MainWindow::StartExport(app::ExportRequest request, std::set<std::string> only) {
+  return Begin(std::make_unique<Transfer>(udid_, std::move(request), std::move(only)));
+}
+
+bool MainWindow::Begin(std::unique_ptr<Transfer> transfer) {
   if ((transfer_ && transfer_->Running()) || udid_.isEmpty()) {
     statusBar()->showMessage(tr("Wait for the running transfer to end, or cancel it."));
     return false;
   }
-  transfer_ = std::make_unique<Transfer>(udid_, direction, std::move(items));
+  transfer_ = std::move(transfer);
+  const Transfer::Direction direction = transfer_->direction();
   connect(transfer_.get(), &Transfer::Progress, this, &MainWindow::ShowTransfer);
   connect(transfer_.get(), &Transfer::Finished, this, [this, direction](const TransferResult &result) {
     transfer_bar_->hide();
@@ -236,6 +250,28 @@ bool MainWindow::StartTransfer(Transfer::Direction direction, std::vector<Transf
   transfer_bar_->show();
   transfer_->Start();
   return true;
+}
+
+bool MainWindow::ExportPage(Kind kind, const QString &folder) {
+  CataloguePage *page = this->page(kind);
+  if (page == nullptr || !page->loaded()) return false;
+  app::ExportRequest request;
+  request.kind = kind;
+  request.host_dir = folder.toStdString();
+  // Playlists are picked by name, everything else by its file on the device.
+  const char *key = kind == Kind::kPlaylists ? "name" : "path";
+  std::set<std::string> only;
+  for (plist_t item : page->SelectedItems()) only.insert(app::DictString(item, key));
+  if (only.empty()) return false;
+  return StartExport(std::move(request), std::move(only));
+}
+
+void MainWindow::AskExport(Kind kind) {
+  QSettings settings;
+  const QString folder = QFileDialog::getExistingDirectory(this, tr("Export to"), settings.value("export/folder").toString());
+  if (folder.isEmpty()) return;
+  settings.setValue("export/folder", folder);
+  if (!ExportPage(kind, folder)) statusBar()->showMessage(tr("Nothing to export on this page."));
 }
 
 void MainWindow::ShowTransfer(quint64 done, quint64 total, const QString &current) {

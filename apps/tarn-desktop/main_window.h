@@ -38,6 +38,10 @@ class MainWindow : public QMainWindow {
   void ChooseDevice(const QString &udid);
   // Starts a transfer unless one runs already.
   bool StartTransfer(Transfer::Direction direction, std::vector<TransferItem> items);
+  bool StartExport(app::ExportRequest request, std::set<std::string> only);
+  // Exports a page's selected rows (all shown rows when none is selected)
+  // into `folder`, as `tarn export` would.
+  bool ExportPage(Kind kind, const QString &folder);
   // Polls the attached devices now instead of at the next tick.
   void PollDevices();
 
@@ -55,6 +59,8 @@ class MainWindow : public QMainWindow {
   void LoadCurrentPage();
   void Refresh();
   void ShowTransfer(quint64 done, quint64 total, const QString &current);
+  bool Begin(std::unique_ptr<Transfer> transfer);
+  void AskExport(Kind kind);
 
   QSplitter *split_;
   QListWidget *devices_;

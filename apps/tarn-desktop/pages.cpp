@@ -91,7 +91,7 @@ void OverviewPage::ShowLoading() {
 
 void OverviewPage::Show(plist_t info, const Reason &why) {
   if (info == nullptr) {
-    message_->setText(why.text());
+    message_->setText(why.text);
     for (auto &f : fields_) f.second->clear();
     bar_->SetShares(0, {});
     return;
@@ -123,7 +123,7 @@ QString OverviewPage::Field(const QString &name) const {
   return {};
 }
 
-CataloguePage::CataloguePage(const KindInfo &kind, QWidget *parent) : QWidget(parent), kind_(kind) {
+CataloguePage::CataloguePage(const PageKind &kind, QWidget *parent) : QWidget(parent), kind_(kind) {
   setObjectName(QString::fromLatin1(kind.key) + "Page");
   auto *layout = new QVBoxLayout(this);
   auto *top = new QHBoxLayout;
@@ -208,13 +208,16 @@ void CataloguePage::Load(const QString &udid) {
       this,
       [udid, kind] {
         LoadResult out;
-        DevicePtr device = OpenDevice(udid, &out.why);
-        if (device) {
-          out.list = FetchList(device.get(), kind);
+        try {
+          app::Session session(SessionFor(udid), udid.toStdString());
+          session.InitCatalogue();
+          out.list = Share(app::FetchList(session.device(), kind));
           // An empty catalogue is no failure; only a recorded reason is.
           const TarnError *error = TarnLastError();
           if (!out.list && error->code != TARN_OK && error->code != TARN_E_DATABASE_ABSENT)
             out.why = LastReason(udid, QObject::tr("The list cannot be read."));
+        } catch (const app::Failure &failure) {
+          out.why = FromFailure(failure);
         }
         return out;
       },
@@ -225,7 +228,7 @@ void CataloguePage::Load(const QString &udid) {
         members_.clear();
         loaded_ = true;
         const int n = model_.rowCount();
-        if (out.why.failed()) status_->setText(out.why.text());
+        if (out.why.failed()) status_->setText(out.why.text);
         else if (n == 0) status_->setText(tr("Nothing of this kind on the device."));
         else status_->setText(tr("%n item(s)", nullptr, n));
         emit Loaded(kind_.kind, n);

@@ -54,8 +54,8 @@ class OverviewPage : public QWidget {
 class CataloguePage : public QWidget {
   Q_OBJECT
  public:
-  CataloguePage(const KindInfo &kind, QWidget *parent = nullptr);
-  const KindInfo &kind() const { return kind_; }
+  CataloguePage(const PageKind &kind, QWidget *parent = nullptr);
+  const PageKind &kind() const { return kind_; }
   // Loads the list on a worker with a handle of its own.
   void Load(const QString &udid);
   void Clear();
@@ -79,7 +79,7 @@ class CataloguePage : public QWidget {
 
  private:
   void ShowMembers();
-  KindInfo kind_;
+  PageKind kind_;
   CatalogueModel model_;
   QSortFilterProxyModel proxy_;
   CatalogueModel members_;

@@ -1,5 +1,6 @@
 #include "files_page.h"
 
+#include <QDir>
 #include <QDragEnterEvent>
 #include <QFileDialog>
 #include <QFileInfo>
@@ -42,10 +43,12 @@ Listing ListFolder(const QString &udid, const QString &path) {
     return out;
   }
   auto number = [](const char *text) { return text != nullptr ? std::strtoll(text, nullptr, 10) : 0; };
+  // The library joins the root and a name as "//name".
+  auto clean = [](const char *path) { return QDir::cleanPath(QString::fromUtf8(path)); };
   for (PodDir *d = root->first_dir; d != nullptr; d = d->next_dir)
-    out.entries.push_back({QString::fromUtf8(d->name), QString::fromUtf8(d->path), true, 0, number(d->modify_date)});
+    out.entries.push_back({QString::fromUtf8(d->name), clean(d->path), true, 0, number(d->modify_date)});
   for (PodFile *f = root->first_file; f != nullptr; f = f->next_file)
-    out.entries.push_back({QString::fromUtf8(f->name), QString::fromUtf8(f->path), false,
+    out.entries.push_back({QString::fromUtf8(f->name), clean(f->path), false,
                            static_cast<uint64_t>(number(f->size)), number(f->modify_date)});
   FreePodDir(root, 1, root);
   return out;
@@ -124,10 +127,8 @@ void FilesPage::Refresh() {
   results_->clear();
   results_->hide();
   if (udid_.isEmpty()) return;
-  QTreeWidgetItem *root = tree_->invisibleRootItem();
-  root->setData(0, kPathRole, QStringLiteral("/"));
-  root->setData(0, kLoadedRole, false);
-  Load(root);
+  root_loaded_ = false;
+  Load(tree_->invisibleRootItem());
 }
 
 QTreeWidgetItem *FilesPage::NewItem(QTreeWidgetItem *parent, const QString &name, const QString &path, bool is_dir,
@@ -147,10 +148,20 @@ QTreeWidgetItem *FilesPage::NewItem(QTreeWidgetItem *parent, const QString &name
   return item;
 }
 
+bool FilesPage::Loaded(QTreeWidgetItem *item) const {
+  return item == tree_->invisibleRootItem() ? root_loaded_ : item->data(0, kLoadedRole).toBool();
+}
+
+// The tree's invisible root keeps no data of its own.
+void FilesPage::SetLoaded(QTreeWidgetItem *item, bool loaded) {
+  if (item == tree_->invisibleRootItem()) root_loaded_ = loaded;
+  else item->setData(0, kLoadedRole, loaded);
+}
+
 void FilesPage::Load(QTreeWidgetItem *item) {
-  if (item->data(0, kLoadedRole).toBool() || udid_.isEmpty()) return;
-  item->setData(0, kLoadedRole, true);
-  const QString path = item->data(0, kPathRole).toString();
+  if (Loaded(item) || udid_.isEmpty()) return;
+  SetLoaded(item, true);
+  const QString path = item == tree_->invisibleRootItem() ? QStringLiteral("/") : item->data(0, kPathRole).toString();
   const int generation = generation_;
   RunInBackground(
       this, [udid = udid_, path] { return ListFolder(udid, path); },
@@ -163,7 +174,7 @@ void FilesPage::Load(QTreeWidgetItem *item) {
           auto *note = new QTreeWidgetItem(item);
           note->setText(0, listing.why.text);
           note->setFlags(Qt::ItemIsEnabled);
-          item->setData(0, kLoadedRole, false);
+          SetLoaded(item, false);
         }
         for (const Entry &e : listing.entries) NewItem(item, e.name, e.path, e.is_dir, e.size, e.mtime);
         if (item != tree_->invisibleRootItem() && listing.entries.empty() && !listing.why.failed())
@@ -394,7 +405,7 @@ void FilesPage::StartSearch(const QString &text) {
 void FilesPage::ReloadFolder(const QString &path) {
   QTreeWidgetItem *item = Find(path);
   if (item == nullptr) return;
-  item->setData(0, kLoadedRole, false);
+  SetLoaded(item, false);
   Load(item);
 }
 

@@ -48,6 +48,8 @@ class FilesPage : public QWidget {
 
  private:
   void Load(QTreeWidgetItem *item);
+  bool Loaded(QTreeWidgetItem *item) const;
+  void SetLoaded(QTreeWidgetItem *item, bool loaded);
   void AskDownload();
   void AskUpload();
   void AskNewFolder();
@@ -62,6 +64,7 @@ class FilesPage : public QWidget {
   QTreeWidget *tree_;
   QLineEdit *search_;
   QTreeWidget *results_;
+  bool root_loaded_ = false;
   int generation_ = 0;
 };
 

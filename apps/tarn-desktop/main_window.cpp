@@ -80,7 +80,7 @@ MainWindow::MainWindow(QWidget *parent) : QMainWindow(parent) {
 
   QSettings settings;
   restoreGeometry(settings.value("window/geometry").toByteArray());
-  split_->restoreState(settings.value("window/split").toByteArray());
+  if (!split_->restoreState(settings.value("window/split").toByteArray())) split_->setSizes({190, 910});
   if (!settings.contains("window/geometry")) resize(1100, 700);
 
   poll_.setInterval(1000);

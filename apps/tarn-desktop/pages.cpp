@@ -156,7 +156,7 @@ CataloguePage::CataloguePage(const PageKind &kind, QWidget *parent) : QWidget(pa
   view_->verticalHeader()->setSectionResizeMode(QHeaderView::Fixed);
   view_->verticalHeader()->setDefaultSectionSize(view_->fontMetrics().height() + 6);
   view_->horizontalHeader()->setSectionResizeMode(QHeaderView::Interactive);
-  view_->horizontalHeader()->setDefaultSectionSize(160);
+  view_->horizontalHeader()->setDefaultSectionSize(150);
   view_->horizontalHeader()->setStretchLastSection(true);
   view_->horizontalHeader()->setSortIndicator(-1, Qt::AscendingOrder);
   view_->setSortingEnabled(true);

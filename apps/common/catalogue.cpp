@@ -10,6 +10,21 @@
 namespace tarn::app {
 namespace {
 
+// Times that the library gives as text ("2022/06/01 10:15:00") in the one
+// form every table uses, LocalTime's "2022-06-01 10:15"; other text as it is.
+std::string TableTime(const std::string &text) {
+  static const char kShape[] = "dddd-dd-dd dd:dd";
+  if (text.size() < sizeof kShape - 1) return text;
+  std::string out = text.substr(0, sizeof kShape - 1);
+  for (size_t i = 0; i < out.size(); ++i) {
+    const bool digit = out[i] >= '0' && out[i] <= '9';
+    if (kShape[i] == 'd' ? !digit : (kShape[i] == '-' ? out[i] != '/' && out[i] != '-' : out[i] != kShape[i]))
+      return text;
+    if (kShape[i] == '-') out[i] = '-';
+  }
+  return out;
+}
+
 Rows TrackRows(plist_t list, const char *noun) {
   Rows rows{{{"#", Align::kRight}, {"Title", Align::kLeft, 40}, {"Artist", Align::kLeft, 28},
              {"Album", Align::kLeft, 28}, {"Genre", Align::kLeft, 16}, {"Time", Align::kRight},
@@ -46,7 +61,7 @@ Rows RecordingRows(plist_t list) {
   for (plist_t item : ArrayItems(DictArray(list, "item"))) {
     total += DictUint(item, "size");
     rows.cells.push_back({std::to_string(DictUint(item, "id")), DictString(item, "name"),
-                          RecordingTime(DictString(item, "title"), ":"), HumanDuration(DictUint(item, "time")),
+                          TableTime(RecordingTime(DictString(item, "title"), ":")), HumanDuration(DictUint(item, "time")),
                           HumanSize(DictUint(item, "size")), DictString(item, "path")});
   }
   rows.summary = std::to_string(DictUint(list, "number")) + " recordings, " + HumanSize(total);
@@ -69,7 +84,7 @@ Rows BookRows(plist_t list) {
 Rows FileRows(plist_t list, const char *noun) {
   Rows rows{{{"Path"}, {"Size", Align::kRight}, {"Modified"}}, {}, ""};
   for (plist_t item : ArrayItems(DictArray(list, "item")))
-    rows.cells.push_back({DictString(item, "path"), HumanSize(DictUint(item, "size")), DictString(item, "time")});
+    rows.cells.push_back({DictString(item, "path"), HumanSize(DictUint(item, "size")), TableTime(DictString(item, "time"))});
   rows.summary = std::to_string(DictUint(list, "number")) + " " + noun + ", " + HumanSize(DictUint(list, "total"));
   return rows;
 }

@@ -11,9 +11,11 @@
 #include <set>
 #include <sstream>
 #include <system_error>
+#include <tuple>
 
 #include "common/naming.h"
 #include "common/plist_view.h"
+#include "common/text.h"
 
 namespace tarn::app {
 namespace fs = std::filesystem;
@@ -29,6 +31,59 @@ struct ExportItem {
   bool wanted = false;  // copied by this export, not only named
 };
 
+// The record of what was exported into a directory, kept in it: for each
+// file the device it came from, its device path, size and device time.
+// Only a file found here is ever skipped as "already there" or replaced; a
+// person's own file of the same name is left alone.
+class Manifest {
+ public:
+  static constexpr const char *kName = ".tarn-export.json";
+
+  Manifest(fs::path dir, std::string udid) : path_(std::move(dir) / kName), udid_(std::move(udid)) {
+    std::ifstream in(path_, std::ios::binary);
+    if (!in) return;
+    json_ = nlohmann::json::parse(in, nullptr, false);
+    if (!json_.is_object() || !json_["files"].is_object()) json_ = {{"files", nlohmann::json::object()}};
+  }
+
+  // The record of `rel` when it holds `device_path` of this device.
+  const nlohmann::json *Find(const std::string &rel, const std::string &device_path) const {
+    const auto &files = json_["files"];
+    const auto it = files.find(rel);
+    if (it == files.end() || !it->is_object() || it->value("device", "") != udid_ ||
+        it->value("path", "") != device_path)
+      return nullptr;
+    return &*it;
+  }
+  // Where an earlier export put `device_path` of this device, if anywhere.
+  std::string RelOf(const std::string &device_path) const {
+    for (const auto &[rel, entry] : json_["files"].items())
+      if (entry.is_object() && entry.value("device", "") == udid_ && entry.value("path", "") == device_path)
+        return rel;
+    return "";
+  }
+  void Record(const std::string &rel, const std::string &device_path, uint64_t size, int64_t mtime) {
+    json_["files"][rel] = {{"device", udid_}, {"path", device_path}, {"size", size}, {"mtime", mtime}};
+  }
+  // Written beside and renamed over, like every other file.
+  void Save() const {
+    const fs::path partial = path_.string() + ".part";
+    {
+      std::ofstream out(partial, std::ios::binary | std::ios::trunc);
+      out << json_.dump(1) << "\n";
+      if (!out.flush()) Fail(kHostPath, "cannot write " + partial.string());
+    }
+    std::error_code ec;
+    fs::rename(partial, path_, ec);
+    if (ec) Fail(kHostPath, "cannot write " + path_.string() + ": " + ec.message());
+  }
+
+ private:
+  fs::path path_;
+  std::string udid_;
+  nlohmann::json json_ = {{"files", nlohmann::json::object()}};
+};
+
 std::string StemOf(const std::string &device_path) {
   std::string base = BaseName(device_path);
   const size_t dot = base.find_last_of('.');
@@ -38,7 +93,7 @@ std::string StemOf(const std::string &device_path) {
 class Exporter {
  public:
   Exporter(Session &session, fs::path dir, ExportReport &report)
-      : session_(session), dir_(std::move(dir)), report_(report) {}
+      : session_(session), dir_(dir), manifest_(dir, session.udid()), report_(report) {}
 
   // Claims a name for one catalogue item of `kind`; `wanted` also queues
   // it for copying.
@@ -80,13 +135,15 @@ class Exporter {
       default:
         break;
     }
-    e.rel = names_.Claim(dirs, stem, ext);
+    e.rel = Place(dirs, stem, ext, e.device_path, wanted);
     by_path_[e.device_path] = items_.size();
     items_.push_back(std::move(e));
     return &items_.back();
   }
 
-  std::string ClaimPlaylist(const std::string &name) { return names_.Claim({}, SafeName(name, "Playlist"), ".m3u8"); }
+  std::string ClaimPlaylist(const std::string &name) {
+    return Place({}, SafeName(name, "Playlist"), ".m3u8", PlaylistKey(name), true);
+  }
 
   // Copies what is not there yet. Returns false when cancelled.
   bool Copy(const TransferHooks &hooks) {
@@ -94,21 +151,25 @@ class Exporter {
     for (const auto &item : items_) {
       if (!item.wanted) continue;
       ++report_.wanted;
+      if (displaced_.count(item.rel) != 0) NoteDisplaced(item.rel);
       const fs::path host = dir_ / item.rel;
       std::error_code ec;
-      const uint64_t have = fs::is_regular_file(host, ec) ? fs::file_size(host, ec) : UINT64_MAX;
-      // The catalogue's size settles most files without asking the device.
-      if (item.size != 0 && have == item.size) {
+      const nlohmann::json *mine = manifest_.Find(item.rel, item.device_path);
+      const uint64_t have = fs::is_regular_file(fs::symlink_status(host, ec)) ? fs::file_size(host, ec) : UINT64_MAX;
+      const uint64_t recorded = mine != nullptr ? mine->value("size", UINT64_MAX) : UINT64_MAX - 1;
+      // A file this export recorded, whole, with the catalogue's size, is
+      // settled without asking the device.
+      if (item.size != 0 && have == recorded && recorded == item.size) {
         ++report_.skipped;
         continue;
       }
       const PathInfo info = session_.Stat(item.device_path);
       if (!info.exists || info.is_dir) {
         report_.missing.insert(item.device_path);
-        report_.notes.push_back(item.device_path + " is listed in the catalogue but missing on the device");
+        report_.notes.push_back(Printable(item.device_path) + " is listed in the catalogue but missing on the device");
         continue;
       }
-      if (have == info.size) {
+      if (have == recorded && recorded == info.size && mine->value("mtime", int64_t{-1}) == info.mtime) {
         ++report_.skipped;
         continue;
       }
@@ -116,29 +177,41 @@ class Exporter {
     }
     uint64_t total = 0;
     for (const auto &job : jobs) total += job.size;
-    Transfers transfers(session_, total, hooks);
-    for (const auto &job : jobs) {
-      const Outcome outcome = transfers.Download(job);
-      if (outcome == Outcome::kCopied) ++report_.copied;
-      if (outcome == Outcome::kFailed) report_.failed.push_back(job.device_path);
-      if (outcome == Outcome::kCancelled || hooks.cancelled()) {
-        report_.cancelled = true;
-        break;
+    Transfers transfers(session_, total, jobs.size(), hooks, false);
+    try {
+      for (const auto &job : jobs) {
+        const Outcome outcome = transfers.Download(job);
+        if (outcome == Outcome::kCopied) {
+          ++report_.copied;
+          manifest_.Record(fs::relative(job.host_path, dir_).generic_string(), job.device_path, job.size, job.mtime);
+        }
+        if (outcome == Outcome::kFailed)
+          report_.failed.push_back(Printable(job.device_path) + ": " + transfers.last_failure());
+        if (outcome == Outcome::kCancelled || hooks.cancelled()) {
+          report_.cancelled = true;
+          break;
+        }
       }
+    } catch (const Failure &) {
+      manifest_.Save();  // what was copied stays known as ours
+      throw;
     }
     transfers.Finish();
+    manifest_.Save();
     report_.bytes = transfers.bytes_copied();
     return !report_.cancelled;
   }
 
   // Writes a playlist unless the same text is there already.
-  void WritePlaylist(const std::string &rel, const std::vector<const ExportItem *> &members) {
+  void WritePlaylist(const std::string &rel, const std::string &name,
+                     const std::vector<const ExportItem *> &members) {
     std::ostringstream text;
     text << "#EXTM3U\n";
     for (const ExportItem *m : members) {
       if (report_.missing.count(m->device_path) != 0) continue;
-      text << "#EXTINF:" << m->millis / 1000 << "," << (m->artist.empty() ? "" : m->artist + " - ") << m->title
-           << "\n"
+      // Device text never starts a line of its own in the playlist.
+      text << "#EXTINF:" << m->millis / 1000 << "," << Printable(m->artist.empty() ? "" : m->artist + " - ")
+           << Printable(m->title) << "\n"
            // A line starting with '#' would be read as a comment.
            << (m->rel[0] == '#' ? "./" : "") << m->rel << "\n";
     }
@@ -147,15 +220,57 @@ class Exporter {
     std::ostringstream before;
     before << old.rdbuf();
     if (old && before.str() == text.str()) return;
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << text.str();
-    if (!out.flush()) Fail(kHostPath, "cannot write " + path.string());
+    const fs::path partial = path.string() + ".tarn-part";
+    {
+      std::ofstream out(partial, std::ios::binary | std::ios::trunc);
+      out << text.str();
+      if (!out.flush()) Fail(kHostPath, "cannot write " + path.string());
+    }
+    std::error_code ec;
+    fs::rename(partial, path, ec);
+    if (ec) Fail(kHostPath, "cannot write " + path.string() + ": " + ec.message());
+    if (displaced_.count(rel) != 0) NoteDisplaced(rel);
+    manifest_.Record(rel, PlaylistKey(name), text.str().size(), 0);
+    manifest_.Save();
     ++report_.playlists;
   }
 
  private:
+  static std::string PlaylistKey(const std::string &name) { return "playlist:" + name; }
+
+  // The host name of one exported file: where an earlier export of this
+  // device put it, or a name of its own that no file of someone else's holds.
+  std::string Place(const std::vector<std::string> &dirs, const std::string &stem, const std::string &ext,
+                    const std::string &key, bool wanted) {
+    const std::string earlier = manifest_.RelOf(key);
+    std::error_code ec;
+    if (!earlier.empty() && fs::symlink_status(dir_ / earlier, ec).type() == fs::file_type::regular) {
+      names_.Reserve(earlier);
+      return earlier;
+    }
+    bool displaced = false;
+    const std::string rel = names_.Claim(
+        dirs, stem, ext,
+        [&](const std::string &candidate) {
+          std::error_code e;
+          return fs::symlink_status(dir_ / candidate, e).type() != fs::file_type::not_found &&
+                 manifest_.Find(candidate, key) == nullptr;
+        },
+        &displaced);
+    if (displaced) displaced_.insert(rel);
+    (void)wanted;
+    return rel;
+  }
+
+  void NoteDisplaced(const std::string &rel) {
+    report_.notes.push_back("wrote " + Printable(rel) + ": a file that tarn did not export holds the first name " +
+                            "chosen for it and is left alone");
+  }
+
   Session &session_;
   fs::path dir_;
+  std::set<std::string> displaced_;  // names given because a person's file held the first choice
+  Manifest manifest_;
   NameRegistry names_;
   std::deque<ExportItem> items_;  // stable addresses: playlists keep pointers
   std::map<std::string, size_t> by_path_;
@@ -183,13 +298,12 @@ class Filter {
 
  private:
   std::string text_;
-  const std::set<std::string> &only_;
+  std::set<std::string> only_;
 };
 
 }  // namespace
 
-ExportReport Export(Session &session, const ExportRequest &request, const TransferHooks &hooks,
-                    const std::set<std::string> &only) {
+ExportReport Export(Session &session, const ExportRequest &request, const TransferHooks &hooks) {
   const fs::path dir = request.host_dir;
   std::error_code ec;
   fs::create_directories(dir, ec);
@@ -198,7 +312,7 @@ ExportReport Export(Session &session, const ExportRequest &request, const Transf
 
   ExportReport report;
   Exporter exporter(session, dir, report);
-  const Filter filter(request.match, only);
+  const Filter filter(request.match, request.only);
   if (request.kind == Kind::kPlaylists) {
     // Names come from the whole music list first, in its order, so that a
     // playlist points at the very files that "export music" gives; only the
@@ -211,7 +325,7 @@ ExportReport Export(Session &session, const ExportRequest &request, const Transf
       report.nothing_listed = true;
       return report;
     }
-    std::vector<std::pair<std::string, std::vector<const ExportItem *>>> files;
+    std::vector<std::tuple<std::string, std::string, std::vector<const ExportItem *>>> files;
     // The first playlist is the master playlist: the library itself, not one
     // the user made.
     for (size_t p = 1; p < all.size(); ++p) {
@@ -219,10 +333,11 @@ ExportReport Export(Session &session, const ExportRequest &request, const Transf
       std::vector<const ExportItem *> members;
       for (plist_t item : ArrayItems(DictArray(all[p], "item")))
         if (const ExportItem *e = exporter.Add(Kind::kPlaylists, item)) members.push_back(e);
-      files.emplace_back(exporter.ClaimPlaylist(DictString(all[p], "name")), std::move(members));
+      const std::string name = DictString(all[p], "name");
+      files.emplace_back(exporter.ClaimPlaylist(name), name, std::move(members));
     }
     if (!exporter.Copy(hooks)) return report;
-    for (const auto &[rel, members] : files) exporter.WritePlaylist(rel, members);
+    for (const auto &[rel, name, members] : files) exporter.WritePlaylist(rel, name, members);
     return report;
   }
 

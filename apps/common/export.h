@@ -20,6 +20,9 @@ struct ExportRequest {
   // Only items whose title, artist, album, name or file name contains this,
   // ignoring case (for playlists: the playlist's name); empty for all.
   std::string match;
+  // When not empty, only the items with these device paths (a selection of
+  // catalogue rows); for playlists, only the playlists with these names.
+  std::set<std::string> only;
 };
 
 struct ExportReport {
@@ -34,9 +37,6 @@ struct ExportReport {
 
 // Runs an export over an initialised session (Session::InitCatalogue()).
 // Fails with kHostPath when the target cannot be written.
-// `only`: just these device paths (for playlists: these playlist names), as
-// a person picked them in a list; empty for all that match.
-ExportReport Export(Session &session, const ExportRequest &request, const TransferHooks &hooks,
-                    const std::set<std::string> &only = {});
+ExportReport Export(Session &session, const ExportRequest &request, const TransferHooks &hooks);
 
 }  // namespace tarn::app

@@ -47,7 +47,7 @@ std::string Because(const std::string &what) {
 
 int StatusOf(TarnErrorCode code, int fallback) {
   switch (code) {
-    case TARN_E_NO_USBMUXD: return kNoDevice;
+    case TARN_E_NO_USBMUXD: return kNoUsbmuxd;
     case TARN_E_NO_DEVICE: return kDeviceNotFound;
     case TARN_E_NOT_PAIRED:
     case TARN_E_PAIRING_PENDING:
@@ -57,6 +57,9 @@ int StatusOf(TarnErrorCode code, int fallback) {
     case TARN_E_SERVICE_REFUSED: return kUnreachable;
     case TARN_E_NOT_FOUND: return kNotOnDevice;
     case TARN_E_CANCELLED: return kCancelled;
+    case TARN_E_CONNECTION_LOST: return kDisconnected;
+    case TARN_E_DEVICE_FULL: return kDeviceFull;
+    case TARN_E_SYNC_LOCK_BUSY: return kBusy;
     default: return fallback;
   }
 }

@@ -23,7 +23,12 @@ enum Status : int {
   kNotOnDevice = 7,     // a device path does not exist (or is of the wrong kind)
   kHostPath = 8,        // a host path cannot be read or written
   kExists = 9,          // the target already exists
+  kDisconnected = 10,   // the device went away in the middle of the work
+  kDeviceFull = 11,     // the device has no space left
+  kBusy = 12,           // the device is syncing with another computer; nothing was written
+  kNoUsbmuxd = 13,      // the usbmux daemon cannot be reached
   kCancelled = 130,     // interrupted by the user (128 + SIGINT, as shells report it)
+  kTerminated = 143,    // stopped by SIGTERM (128 + 15; SIGHUP gives 129), after cleaning up
 };
 
 // Thrown to end the work: the program shows `message` and stops with `status`.

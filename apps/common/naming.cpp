@@ -87,15 +87,25 @@ std::string NameRegistry::Directory(const std::vector<std::string> &dirs) {
 }
 
 std::string NameRegistry::Claim(const std::vector<std::string> &dirs, const std::string &stem,
-                                const std::string &ext) {
+                                const std::string &ext, const std::function<bool(const std::string &)> &occupied,
+                                bool *displaced) {
   const std::string dir = Directory(dirs);
   const std::string prefix = dir.empty() ? "" : dir + "/";
+  if (displaced != nullptr) *displaced = false;
   for (int n = 1;; ++n) {
     std::string name = n == 1 ? stem + ext : stem + " (" + std::to_string(n) + ")" + ext;
     std::string path = prefix + name;
     const std::string folded = Folded(path);
-    if (dir_spelling_.count(folded) == 0 && taken_.insert(folded).second) return path;
+    if (dir_spelling_.count(folded) != 0 || taken_.count(folded) != 0) continue;
+    if (occupied && occupied(path)) {
+      if (displaced != nullptr) *displaced = true;
+      continue;
+    }
+    taken_.insert(folded);
+    return path;
   }
 }
+
+void NameRegistry::Reserve(const std::string &path) { taken_.insert(Folded(path)); }
 
 }  // namespace tarn::app

@@ -2,6 +2,7 @@
 // systems, readable, and never two entries for one name.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <set>
 #include <string>
@@ -34,7 +35,12 @@ std::string RecordingTime(const std::string &title, const char *separator);
 // gives the same paths, so a repeated export finds its earlier files.
 class NameRegistry {
  public:
-  std::string Claim(const std::vector<std::string> &dirs, const std::string &stem, const std::string &ext);
+  // `occupied`, when given, passes over names that are taken outside the
+  // registry (a person's own file); `displaced` tells whether it did.
+  std::string Claim(const std::vector<std::string> &dirs, const std::string &stem, const std::string &ext,
+                    const std::function<bool(const std::string &)> &occupied = {}, bool *displaced = nullptr);
+  // Marks a path as handed out (one found in an export's record).
+  void Reserve(const std::string &path);
 
  private:
   std::string Directory(const std::vector<std::string> &dirs);

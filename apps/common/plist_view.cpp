@@ -94,7 +94,17 @@ std::string PlistToXml(plist_t node) {
   plist_to_xml(node, &xml, &length);
   std::string text = xml != nullptr ? std::string(xml, length) : "";
   std::free(xml);
-  return text;
+  // libplist copies control characters from device text as they are, and
+  // XML 1.0 has no way to write them, escaped or not: they become U+FFFD
+  // so that the document stays well-formed.
+  std::string valid;
+  valid.reserve(text.size());
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte < 0x20 && c != '\t' && c != '\n' && c != '\r') valid += "\uFFFD";
+    else valid += c;
+  }
+  return valid;
 }
 
 std::string DictString(plist_t dict, const char *key) {

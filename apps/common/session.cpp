@@ -2,9 +2,14 @@
 
 #include <unistd.h>
 
+#include <libimobiledevice/afc.h>
+
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
+
+#include <nlohmann/json.hpp>
 #include <system_error>
 
 #include "common/owners.h"
@@ -13,9 +18,10 @@
 namespace tarn::app {
 namespace fs = std::filesystem;
 
-std::vector<std::string> AttachedDevices() {
+std::vector<std::string> AttachedDevices(std::string *why_none) {
   std::vector<std::string> ids;
   PlistPtr list(GetDevicesId());
+  if (why_none != nullptr && TarnLastError()->code == TARN_E_NO_USBMUXD) *why_none = LastReason();
   if (!list || plist_get_node_type(list.get()) != PLIST_ARRAY) return ids;
   for (uint32_t i = 0; i < plist_array_get_size(list.get()); ++i) {
     char *text = nullptr;
@@ -27,8 +33,10 @@ std::vector<std::string> AttachedDevices() {
 }
 
 std::string ChooseDevice(const SessionOptions &options) {
-  const std::vector<std::string> ids = AttachedDevices();
-  if (ids.empty()) Fail(kNoDevice, "no device attached");
+  std::string why_none;
+  const std::vector<std::string> ids = AttachedDevices(&why_none);
+  if (ids.empty() && !why_none.empty()) Fail(kNoUsbmuxd, why_none);
+  if (ids.empty()) Fail(kNoDevice, "no device attached. Connect the device with a USB cable.");
   if (!options.udid.empty()) {
     for (const auto &id : ids)
       if (id == options.udid) return id;
@@ -76,6 +84,7 @@ void Session::Connect() {
   if (client == nullptr) {
     CloseIdeviceAndAfC(nullptr, connection);
     // Without even a device connection the device went away since listing.
+    if (TarnLastError()->code != TARN_OK) FailWithReason(kUnreachable, "cannot reach device " + udid_);
     if (connection == nullptr) Fail(kDeviceNotFound, "device " + udid_ + " not found");
     Fail(kUnreachable, "cannot reach device " + udid_ + ": handshake or file service refused");
   }
@@ -83,9 +92,21 @@ void Session::Connect() {
   afc_ = client;
 }
 
-PathInfo Session::Stat(const std::string &device_path) {
-  Connect();
-  FileInfo vector(GetFileInfo(afc_, device_path.c_str()));
+PathInfo Session::Stat(const std::string &device_path) { return StatIn(client(), device_path); }
+
+bool Session::Alive() { return StatIn(client(), "/").is_dir; }
+
+void Session::RefuseWhileSyncing() {
+  const uint64_t lock = TarnSyncLock(client());
+  const bool busy = TarnLastError()->code == TARN_E_SYNC_LOCK_BUSY;
+  TarnSyncUnlock(afc_, lock);
+  if (busy)
+    Fail(kBusy, "the device is syncing with another computer; nothing was changed. Wait until the sync has "
+                "finished and try again.");
+}
+
+PathInfo Session::StatIn(afc_client_t client, const std::string &device_path) {
+  FileInfo vector(GetFileInfo(client, device_path.c_str()));
   PathInfo info;
   char **v = vector.get();
   if (v == nullptr || v[0] == nullptr) return info;
@@ -106,6 +127,18 @@ PathInfo Session::Require(const std::string &device_path) {
   return info;
 }
 
+std::string Session::LinkTarget(const std::string &device_path) {
+  char **pairs = nullptr;
+  if (afc_get_file_info(client(), device_path.c_str(), &pairs) != AFC_E_SUCCESS || pairs == nullptr) return "";
+  std::string kind, target;
+  for (int i = 0; pairs[i] != nullptr && pairs[i + 1] != nullptr; i += 2) {
+    if (std::string(pairs[i]) == "st_ifmt") kind = pairs[i + 1];
+    if (std::string(pairs[i]) == "LinkTarget") target = pairs[i + 1];
+  }
+  afc_dictionary_free(pairs);
+  return kind == "S_IFLNK" ? target : "";
+}
+
 namespace {
 
 // Marks a working directory as the tool's own. It reads "incomplete" while
@@ -113,6 +146,8 @@ namespace {
 // keeps any copy it finds, so a copy cut short by Ctrl-C or a crash would
 // otherwise be read as the device's database from then on.
 constexpr const char *kMarker = ".tarn-workdir";
+// The size and time of each database file on the device when it was copied.
+constexpr const char *kCopies = ".tarn-copies.json";
 
 std::string ReadMarker(const fs::path &dir) {
   std::ifstream in(dir / kMarker);
@@ -134,6 +169,26 @@ bool IsEmptyDir(const fs::path &dir) {
 
 }  // namespace
 
+// The device's database files and their size and time as the device
+// reports them: one file-information request each.
+std::map<std::string, std::pair<uint64_t, int64_t>> Session::DatabaseStates() {
+  std::map<std::string, std::pair<uint64_t, int64_t>> states;
+  for (auto builder : {GetMusicDBFileInfo, GetBookDBFileInfo, GetCameraDBFileInfo, GetRecordingDBFileInfo,
+                       GetUserPictureDBFileInfo}) {
+    PlistPtr entries(builder(client()));
+    for (uint32_t i = 0; entries && i < plist_array_get_size(entries.get()); ++i) {
+      plist_t node = plist_dict_get_item(plist_array_get_item(entries.get(), i), "Path");
+      char *text = nullptr;
+      if (node != nullptr) plist_get_string_val(node, &text);
+      CString path(text);
+      if (text == nullptr || states.count(text) != 0) continue;
+      const PathInfo info = Stat(text);
+      states[text] = {info.size, info.mtime};
+    }
+  }
+  return states;
+}
+
 void Session::InitCatalogue() {
   const fs::path dir = WorkDirFor(options_, udid_);
   std::error_code ec;
@@ -144,17 +199,39 @@ void Session::InitCatalogue() {
   // only read afresh once the old copies are gone. Only a directory the tool
   // set up itself is emptied; --workdir may name one that holds other files.
   const bool clear = owned ? options_.refresh || ReadMarker(dir) != "complete" : false;
-  if (!owned && options_.refresh && !IsEmptyDir(dir))
-    Fail(kHostPath, "refusing to empty " + dir.string() + ": it is not a tarn working directory");
+  // The library keeps any copy it finds: a file of a database's name that
+  // someone else left here would be read as the device's own.
+  if (!owned && !IsEmptyDir(dir))
+    Fail(kHostPath, "refusing to use " + dir.string() +
+                        ": it is not a tarn working directory and not empty. Give an empty directory.");
   if (clear) {
     for (const auto &entry : fs::directory_iterator(dir, ec)) fs::remove_all(entry.path(), ec);
     if (ec) Fail(kHostPath, "cannot empty working directory " + dir.string() + ": " + ec.message());
   }
+  // A copy is kept only while the device's file has the size and time it
+  // had when it was copied; anything else is copied again.
+  const auto states = DatabaseStates();
+  nlohmann::json copied = nlohmann::json::object();
+  if (std::ifstream in(dir / kCopies); in) copied = nlohmann::json::parse(in, nullptr, false);
+  if (!copied.is_object()) copied = nlohmann::json::object();
+  for (const auto &[path, state] : states) {
+    const auto it = copied.find(path);
+    const bool same = it != copied.end() && it->is_array() && it->size() == 2 && (*it)[0] == state.first &&
+                      (*it)[1] == state.second;
+    if (!same) fs::remove(dir / BaseName(path), ec);
+  }
   if (owned || IsEmptyDir(dir)) WriteMarker(dir, "incomplete");
   if (::access(dir.c_str(), W_OK) != 0) Fail(kHostPath, "cannot write to working directory " + dir.string());
-  if (InitDevice(device_.get(), dir.c_str()) != 0)
+  if (InitDevice(device_.get(), dir.c_str()) != 0) {
+    if (TarnLastError()->code != TARN_OK) FailWithReason(kUnreachable, "cannot reach device " + udid_);
     Fail(kUnreachable, "cannot reach device " + udid_ + ": handshake refused");
-  if (fs::exists(dir / kMarker, ec)) WriteMarker(dir, "complete");
+  }
+  if (fs::exists(dir / kMarker, ec)) {
+    nlohmann::json record = nlohmann::json::object();
+    for (const auto &[path, state] : states) record[path] = {state.first, state.second};
+    std::ofstream(dir / kCopies, std::ios::trunc) << record.dump() << "\n";
+    WriteMarker(dir, "complete");
+  }
 }
 
 }  // namespace tarn::app

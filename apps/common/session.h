@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -31,8 +32,9 @@ struct PathInfo {
   uint64_t blocks = 0;
 };
 
-// The identifiers of the attached devices; empty when there are none.
-std::vector<std::string> AttachedDevices();
+// The identifiers of the attached devices; empty when there are none, and
+// then `why_none` (when given) says so if usbmuxd cannot be reached.
+std::vector<std::string> AttachedDevices(std::string *why_none = nullptr);
 
 // Picks the device of -u, or the only one attached; fails with the
 // matching exit code otherwise.
@@ -51,10 +53,25 @@ class Session {
   PodDevice *device() const { return device_.get(); }
   const std::string &udid() const { return udid_; }
   const SessionOptions &options() const { return options_; }
+  PathInfo StatIn(afc_client_t client, const std::string &device_path);
+  // Where a symbolic link points; empty for anything else.
+  std::string LinkTarget(const std::string &device_path);
 
-  // Opens the tool's own connection; fails with kUnreachable when the
-  // device refuses the handshake or the file conduit.
+  // Opens the session's own connection; fails with kUnreachable (or the
+  // status of the library's reason) when the device refuses the handshake
+  // or the file conduit.
   void Connect();
+  // The session's file-conduit client, for batches of work over one
+  // connection with the library's workers that take a client.
+  afc_client_t client() {
+    Connect();
+    return afc_;
+  }
+  // Whether the session's connection still answers.
+  bool Alive();
+  // Fails with kBusy when another computer holds the device's sync lock,
+  // so that nothing is written beside its sync.
+  void RefuseWhileSyncing();
   PathInfo Stat(const std::string &device_path);
   // Stat that fails with kNotOnDevice when the path does not exist.
   PathInfo Require(const std::string &device_path);
@@ -63,6 +80,7 @@ class Session {
   void InitCatalogue();
 
  private:
+  std::map<std::string, std::pair<uint64_t, int64_t>> DatabaseStates();
   struct DeviceDeleter {
     void operator()(PodDevice *d) const;
   };

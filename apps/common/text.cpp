@@ -3,6 +3,7 @@
 #include <glib.h>
 
 #include <ctime>
+#include <memory>
 
 namespace tarn::app {
 
@@ -63,6 +64,23 @@ std::string Fit(const std::string &text, size_t width) {
     used += w;
   }
   return out + "\u2026";
+}
+
+std::string Printable(const std::string &text) {
+  std::string valid = text;
+  if (!g_utf8_validate(text.c_str(), static_cast<gssize>(text.size()), nullptr) ||
+      text.find('\0') != std::string::npos) {
+    std::unique_ptr<gchar, decltype(&g_free)> repaired(g_utf8_make_valid(text.c_str(), static_cast<gssize>(text.size())), g_free);
+    valid = repaired.get();
+  }
+  std::string out;
+  out.reserve(valid.size());
+  for (const char *p = valid.c_str(); *p != '\0'; p = g_utf8_next_char(p)) {
+    const gunichar c = g_utf8_get_char(p);
+    if (c < 0x20 || (c >= 0x7f && c <= 0x9f)) out += "\uFFFD";
+    else out.append(p, g_utf8_next_char(p) - p);
+  }
+  return out;
 }
 
 size_t DisplayWidth(const std::string &text) {

@@ -4,11 +4,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <libimobiledevice/afc.h>
+
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <random>
 #include <system_error>
 
+#include "common/device_path.h"
 #include "common/naming.h"
 
 namespace tarn::app {
@@ -47,51 +51,118 @@ class CallbackScope {
   PodDevice *device_;
 };
 
-}  // namespace
-
-Transfers::Transfers(Session &session, uint64_t total_bytes, TransferHooks hooks)
-    : session_(session), hooks_(std::move(hooks)), total_(total_bytes) {}
-
-void Transfers::Report(const std::string &label, uint64_t done, bool finished) const {
-  if (hooks_.progress) hooks_.progress(Progress{label, done, total_, finished});
+// A short hidden name: whatever the final name's length, the temporary one
+// fits the 255 bytes a name may have on either side.
+std::string TemporaryName() {
+  static std::mt19937_64 random{std::random_device{}()};
+  char text[32];
+  std::snprintf(text, sizeof text, ".tarn-%012llx.part", static_cast<unsigned long long>(random() & 0xffffffffffffULL));
+  return text;
 }
 
-void Transfers::Finish() { Report(label_, base_, true); }
+const char *KindOfHostFile(mode_t mode) {
+  if (S_ISDIR(mode)) return "a directory";
+  if (S_ISLNK(mode)) return "a symbolic link";
+  if (S_ISFIFO(mode)) return "a FIFO";
+  if (S_ISCHR(mode) || S_ISBLK(mode)) return "a device node";
+  if (S_ISSOCK(mode)) return "a socket";
+  return "not a regular file";
+}
 
-Outcome Transfers::Download(const DownloadJob &job) {
+// Whether `path` may be replaced: nothing there, or a regular file.
+void RefuseNonRegular(const std::string &path) {
+  struct stat st {};
+  if (::lstat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode))
+    Fail(kHostPath, "refusing to replace " + path + ": it is " + KindOfHostFile(st.st_mode));
+}
+
+}  // namespace
+
+Transfers::Transfers(Session &session, uint64_t total_bytes, size_t total_files, TransferHooks hooks, bool writes)
+    : session_(session), hooks_(std::move(hooks)), total_(total_bytes), total_files_(total_files) {
+  lock_ = TarnSyncLock(session_.client());
+  if (TarnLastError()->code == TARN_E_SYNC_LOCK_BUSY && writes) {
+    TarnSyncUnlock(session_.client(), lock_);
+    lock_ = 0;
+    Fail(kBusy, "the device is syncing with another computer; nothing was written. Wait until the sync has "
+                "finished and try again.");
+  }
+}
+
+Transfers::~Transfers() { TarnSyncUnlock(session_.client(), lock_); }
+
+void Transfers::Report(uint64_t done, bool finished) const {
+  if (hooks_.progress) hooks_.progress(Progress{label_, done, total_, finished});
+}
+
+void Transfers::Finish() { Report(base_, true); }
+
+Outcome Transfers::Failed(const std::string &what, const TarnError &error, const std::string &reason) {
+  if (error.code == TARN_E_CONNECTION_LOST || error.code == TARN_E_NO_DEVICE || !session_.Alive())
+    Fail(kDisconnected, "device disconnected after " + std::to_string(files_done_) + " of " +
+                            std::to_string(total_files_) + " files. Check the cable and try again.");
+  if (error.code == TARN_E_DEVICE_FULL) Fail(kDeviceFull, "could not copy " + what + ": " + reason);
+  if (error.code == TARN_E_HOST_IO && error.host_errno == ENOSPC)
+    Fail(kHostPath, "could not copy " + what + ": No space left on device");
+  last_failure_ = reason.empty() ? "the copy ended short of the file's size" : reason;
+  return Outcome::kFailed;
+}
+
+Outcome Transfers::Download(const DownloadJob &job, bool no_clobber) {
   const fs::path target(job.host_path);
   std::error_code ec;
-  if (target.has_parent_path()) fs::create_directories(target.parent_path(), ec);
-  if (ec) Fail(kHostPath, "cannot create " + target.parent_path().string() + ": " + ec.message());
-  const std::string partial = job.host_path + ".tarn-part";
-  // The library creates the host file without checking; a directory that
-  // cannot be written is found here, before the device is asked for anything.
-  const int fd = ::open(partial.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  const fs::path dir = target.has_parent_path() ? target.parent_path() : fs::path(".");
+  fs::create_directories(dir, ec);
+  if (ec) Fail(kHostPath, "cannot create " + dir.string() + ": " + ec.message());
+  RefuseNonRegular(job.host_path);
+  if (no_clobber && fs::symlink_status(target, ec).type() != fs::file_type::not_found) {
+    ++files_done_;
+    return Outcome::kSkipped;
+  }
+  // A fresh name, never one that is there: O_EXCL would not follow a link
+  // planted at it either.
+  std::string partial;
+  int fd = -1;
+  for (int attempt = 0; fd < 0 && attempt < 16; ++attempt) {
+    partial = (dir / TemporaryName()).string();
+    fd = ::open(partial.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (fd < 0 && errno != EEXIST) break;
+  }
   if (fd < 0) Fail(kHostPath, "cannot write " + job.host_path + ": " + std::strerror(errno));
   ::close(fd);
 
   label_ = BaseName(job.device_path);
-  CallbackState state{this, [this](uint64_t done) { Report(label_, base_ + done, false); }, false};
+  CallbackState state{this, [this](uint64_t done) { Report(base_ + done, false); }, false};
   {
     CallbackScope scope(session_.device(), &state);
-    CopyFileFromDeviceToNative(session_.device(), job.device_path.c_str(), partial.c_str(), OnProgress);
+    _CopyFileFromDeviceToNative(session_.device(), session_.client(), job.device_path.c_str(), partial.c_str(),
+                                OnProgress);
   }
   const uint64_t got = fs::file_size(partial, ec);
   if (state.cancelled || ec || got != job.size) {
     fs::remove(partial, ec);
-    return state.cancelled ? Outcome::kCancelled : Outcome::kFailed;
+    if (state.cancelled) return Outcome::kCancelled;
+    return Failed(job.device_path, *TarnLastError(), LastReason());
+  }
+  if (job.mtime >= 0) {
+    const timespec times[2] = {{0, UTIME_NOW}, {static_cast<time_t>(job.mtime), 0}};
+    ::utimensat(AT_FDCWD, partial.c_str(), times, 0);
+  }
+  // Whatever appeared at the target during the copy gets the same check.
+  try {
+    RefuseNonRegular(job.host_path);
+  } catch (const Failure &) {
+    fs::remove(partial, ec);
+    throw;
   }
   fs::rename(partial, target, ec);
   if (ec) {
     fs::remove(partial, ec);
     Fail(kHostPath, "cannot write " + job.host_path + ": " + ec.message());
   }
-  if (job.mtime >= 0) {
-    const timespec times[2] = {{0, UTIME_NOW}, {static_cast<time_t>(job.mtime), 0}};
-    ::utimensat(AT_FDCWD, job.host_path.c_str(), times, 0);
-  }
+  ++files_done_;
   base_ += job.size;
-  Report(label_, base_, false);
+  Report(base_, false);
   return Outcome::kCopied;
 }
 
@@ -100,22 +171,31 @@ Outcome Transfers::Upload(const std::string &host_path, const std::string &devic
   if (fd < 0) Fail(kHostPath, "cannot read " + host_path + ": " + std::strerror(errno));
   ::close(fd);
 
+  afc_client_t client = session_.client();
+  const std::string partial = JoinDevicePath(DeviceParent(device_path), TemporaryName());
   label_ = BaseName(host_path);
-  CallbackState state{this, [this](uint64_t done) { Report(label_, base_ + done, false); }, true};
-  int status;
+  CallbackState state{this, [this](uint64_t done) { Report(base_ + done, false); }, true};
   {
     CallbackScope scope(session_.device(), &state);
-    status = CopyFileFromNativeToDevice(session_.device(), host_path.c_str(), device_path.c_str(), OnProgress);
+    _TarnCopyFileFromNativeToDevice(session_.device(), client, host_path.c_str(), partial.c_str(), OnProgress);
   }
-  if (status != 0) Fail(kUnreachable, "cannot reach device " + session_.udid() + " to upload " + host_path);
-  if (state.cancelled) {
-    DeleteFile(session_.device(), device_path.c_str());
-    return Outcome::kCancelled;
+  const TarnError error = *TarnLastError();
+  const std::string reason = LastReason();
+  const PathInfo info = session_.Stat(partial);
+  const bool whole = info.exists && !info.is_dir && info.size == size;
+  if (state.cancelled || !whole) {
+    afc_remove_path(client, partial.c_str());
+    if (state.cancelled) return Outcome::kCancelled;
+    return Failed(host_path, error, reason);
   }
-  const PathInfo info = session_.Stat(device_path);
-  if (!info.exists || info.size != size) return Outcome::kFailed;
+  // The device's rename replaces the target in one step.
+  if (afc_rename_path(client, partial.c_str(), device_path.c_str()) != AFC_E_SUCCESS) {
+    afc_remove_path(client, partial.c_str());
+    return Failed(host_path, TarnError{}, "the device refused to rename " + partial + " to " + device_path);
+  }
+  ++files_done_;
   base_ += size;
-  Report(label_, base_, false);
+  Report(base_, false);
   return Outcome::kCopied;
 }
 

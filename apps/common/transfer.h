@@ -1,5 +1,12 @@
-// File copies in both directions with one running total, reported through
-// a progress callback, and a cancel flag that stops them between blocks.
+// File copies in both directions over the session's one connection and one
+// hold of the device's sync lock, with one running total reported through a
+// progress callback and a cancel flag that stops them between blocks.
+//
+// Neither side ever shows a partial file under its final name: a download
+// goes to a temporary name in the target's host directory and an upload to
+// a temporary name in the target's device directory, each renamed over the
+// target only when every byte is there; a cancel or failure removes the
+// temporary file and leaves the target as it was.
 #pragma once
 
 #include <atomic>
@@ -33,19 +40,26 @@ struct DownloadJob {
   int64_t mtime = -1;  // given to the host file; -1 leaves the copy's own
 };
 
-enum class Outcome { kCopied, kFailed, kCancelled };
+enum class Outcome { kCopied, kSkipped, kFailed, kCancelled };
 
 class Transfers {
  public:
-  Transfers(Session &session, uint64_t total_bytes, TransferHooks hooks);
+  // `writes`: the batch changes the device, and so refuses (kBusy) while
+  // another computer syncs with it.
+  Transfers(Session &session, uint64_t total_bytes, size_t total_files, TransferHooks hooks, bool writes);
+  ~Transfers();
+  Transfers(const Transfers &) = delete;
+  Transfers &operator=(const Transfers &) = delete;
 
-  // Downloads into "<host_path>.tarn-part" and renames it into place only
-  // once it has the device's size, so that neither a cancel nor a crash
-  // leaves a file that looks complete. Fails with kHostPath when the host
-  // side cannot be written.
-  Outcome Download(const DownloadJob &job);
-  // Uploads; a cancelled upload's partial device file is removed.
+  // A host path that is not a regular file (a directory, link, FIFO or
+  // device node) is never replaced: fails with kHostPath. With `no_clobber`
+  // an existing file is left as it is (kSkipped). Fails with kHostPath when
+  // the host side cannot be written, kDisconnected when the device went away.
+  Outcome Download(const DownloadJob &job, bool no_clobber = false);
   Outcome Upload(const std::string &host_path, const std::string &device_path, uint64_t size);
+
+  // Why the last kFailed happened, for a person.
+  const std::string &last_failure() const { return last_failure_; }
 
   // Sends the last progress report.
   void Finish();
@@ -53,12 +67,19 @@ class Transfers {
   const TransferHooks &hooks() const { return hooks_; }
 
  private:
-  void Report(const std::string &label, uint64_t done, bool finished) const;
+  void Report(uint64_t done, bool finished) const;
+  // After a failed file: ends the batch when the device went away or has no
+  // room, since every further file would fail the same way.
+  Outcome Failed(const std::string &what, const TarnError &error, const std::string &reason);
   Session &session_;
   TransferHooks hooks_;
   uint64_t total_;
+  size_t total_files_;
+  size_t files_done_ = 0;
+  uint64_t lock_ = 0;
   uint64_t base_ = 0;  // bytes of the files finished before the current one
   std::string label_;
+  std::string last_failure_;
 };
 
 }  // namespace tarn::app

@@ -95,41 +95,27 @@ class Copier {
 
   void Download(app::Transfers &transfers, const TransferItem &item, uint64_t size) {
     const app::DownloadJob job{item.device_path.toStdString(), item.host_path.toStdString(), size, -1};
-    const app::Outcome outcome = transfers.Download(job);
-    if (outcome == app::Outcome::kCopied) ++result_.copied;
-    else if (outcome == app::Outcome::kCancelled) result_.cancelled = true;
-    else Fail(item.device_path, LastReason(udid_, QObject::tr("The copy of %1 ended early.").arg(item.device_path)));
+    Count(transfers, transfers.Download(job), item.device_path);
   }
 
-  // The upload goes to a temporary name that replaces the target only
-  // once it is complete.
+  // The shared upload writes a temporary name beside the target and
+  // renames it into place once whole.
   void Upload(app::Transfers &transfers, const TransferItem &item, uint64_t size) {
     const QString target = SafeDevicePath(item.device_path);
     if (target.isEmpty()) {
       Fail(item.device_path, {TARN_E_INVALID_ARGUMENT, QObject::tr("%1 is no place for a file.").arg(item.device_path)});
       return;
     }
-    const std::string partial = (target + QStringLiteral(".tarn-part")).toStdString();
     const std::string parent = QFileInfo(target).path().toStdString();
     if (!session_.Stat(parent).is_dir) MakeDir(session_.device(), parent.c_str());
-    const app::Outcome outcome = transfers.Upload(item.host_path.toStdString(), partial, size);
-    if (outcome == app::Outcome::kCancelled) {
-      result_.cancelled = true;
-      return;
-    }
-    if (outcome == app::Outcome::kFailed) {
-      const Reason why = LastReason(udid_, QObject::tr("The copy of %1 ended early.").arg(item.host_path));
-      DeleteFile(session_.device(), partial.c_str());
-      Fail(item.host_path, why);
-      return;
-    }
-    RenamePath(session_.device(), partial.c_str(), target.toUtf8().constData());
-    const app::PathInfo placed = session_.Stat(target.toStdString());
-    if (!placed.exists || placed.size != size) {
-      Fail(target, LastReason(udid_, QObject::tr("The finished copy could not be put in place as %1.").arg(target)));
-      return;
-    }
-    ++result_.copied;
+    Count(transfers, transfers.Upload(item.host_path.toStdString(), target.toStdString(), size), item.host_path);
+  }
+
+  void Count(const app::Transfers &transfers, app::Outcome outcome, const QString &path) {
+    if (outcome == app::Outcome::kCopied) ++result_.copied;
+    else if (outcome == app::Outcome::kSkipped) ++result_.skipped;
+    else if (outcome == app::Outcome::kCancelled) result_.cancelled = true;
+    else Fail(path, LastReason(udid_, Q(transfers.last_failure())));
   }
 
   void Fail(const QString &path, const Reason &reason) {
@@ -162,7 +148,7 @@ TransferResult RunCopies(const QString &udid, bool upload, const std::vector<Tra
     uint64_t total = 0;
     for (const auto &f : files) total += f.second;
     state.total = total;
-    app::Transfers transfers(copier.session(), total, HooksFor(state));
+    app::Transfers transfers(copier.session(), total, files.size(), HooksFor(state), upload);
     for (const auto &[item, size] : files) {
       if (state.cancel) {
         result.cancelled = true;
@@ -185,13 +171,12 @@ TransferResult RunCopies(const QString &udid, bool upload, const std::vector<Tra
   return result;
 }
 
-TransferResult RunExport(const QString &udid, const app::ExportRequest &request, const std::set<std::string> &only,
-                         Transfer::State &state) {
+TransferResult RunExport(const QString &udid, const app::ExportRequest &request, Transfer::State &state) {
   TransferResult result;
   try {
     app::Session session(SessionFor(udid), udid.toStdString());
     session.InitCatalogue();
-    const app::ExportReport report = app::Export(session, request, HooksFor(state), only);
+    const app::ExportReport report = app::Export(session, request, HooksFor(state));
     result.copied = static_cast<int>(report.copied);
     result.skipped = static_cast<int>(report.skipped);
     result.bytes = report.bytes;
@@ -215,10 +200,9 @@ Transfer::Transfer(QString udid, Direction direction, std::vector<TransferItem> 
   connect(&tick_, &QTimer::timeout, this, &Transfer::Publish);
 }
 
-Transfer::Transfer(QString udid, app::ExportRequest request, std::set<std::string> only, QObject *parent)
+Transfer::Transfer(QString udid, app::ExportRequest request, QObject *parent)
     : Transfer(std::move(udid), Direction::kExport, {}, parent) {
   request_ = std::move(request);
-  only_ = std::move(only);
 }
 
 Transfer::~Transfer() { state_->cancel = true; }
@@ -230,8 +214,8 @@ void Transfer::Start() {
   const Direction direction = direction_;
   RunInBackground(
       this,
-      [udid = udid_, direction, items = items_, request = request_, only = only_, state] {
-        if (direction == Direction::kExport) return RunExport(udid, request, only, *state);
+      [udid = udid_, direction, items = items_, request = request_, state] {
+        if (direction == Direction::kExport) return RunExport(udid, request, *state);
         return RunCopies(udid, direction == Direction::kUpload, items, *state);
       },
       [this](const TransferResult &result) {

@@ -64,7 +64,7 @@ class Transfer : public QObject {
   enum class Direction { kDownload, kUpload, kExport };
   Transfer(QString udid, Direction direction, std::vector<TransferItem> items, QObject *parent = nullptr);
   // An export through the same code as `tarn export`.
-  Transfer(QString udid, app::ExportRequest request, std::set<std::string> only, QObject *parent = nullptr);
+  Transfer(QString udid, app::ExportRequest request, QObject *parent = nullptr);
   ~Transfer() override;
 
   void Start();
@@ -92,7 +92,6 @@ class Transfer : public QObject {
   Direction direction_;
   std::vector<TransferItem> items_;
   app::ExportRequest request_;
-  std::set<std::string> only_;
   std::shared_ptr<State> state_;
   QTimer tick_;
   bool running_ = false;

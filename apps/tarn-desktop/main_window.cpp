@@ -225,8 +225,8 @@ bool MainWindow::StartTransfer(Transfer::Direction direction, std::vector<Transf
   return Begin(std::make_unique<Transfer>(udid_, direction, std::move(items)));
 }
 
-bool MainWindow::StartExport(app::ExportRequest request, std::set<std::string> only) {
-  return Begin(std::make_unique<Transfer>(udid_, std::move(request), std::move(only)));
+bool MainWindow::StartExport(app::ExportRequest request) {
+  return Begin(std::make_unique<Transfer>(udid_, std::move(request)));
 }
 
 bool MainWindow::Begin(std::unique_ptr<Transfer> transfer) {
@@ -260,10 +260,9 @@ bool MainWindow::ExportPage(Kind kind, const QString &folder) {
   request.host_dir = folder.toStdString();
   // Playlists are picked by name, everything else by its file on the device.
   const char *key = kind == Kind::kPlaylists ? "name" : "path";
-  std::set<std::string> only;
-  for (plist_t item : page->SelectedItems()) only.insert(app::DictString(item, key));
-  if (only.empty()) return false;
-  return StartExport(std::move(request), std::move(only));
+  for (plist_t item : page->SelectedItems()) request.only.insert(app::DictString(item, key));
+  if (request.only.empty()) return false;
+  return StartExport(std::move(request));
 }
 
 void MainWindow::AskExport(Kind kind) {

@@ -38,7 +38,7 @@ class MainWindow : public QMainWindow {
   void ChooseDevice(const QString &udid);
   // Starts a transfer unless one runs already.
   bool StartTransfer(Transfer::Direction direction, std::vector<TransferItem> items);
-  bool StartExport(app::ExportRequest request, std::set<std::string> only);
+  bool StartExport(app::ExportRequest request);
   // Exports a page's selected rows (all shown rows when none is selected)
   // into `folder`, as `tarn export` would.
   bool ExportPage(Kind kind, const QString &folder);

@@ -84,7 +84,10 @@ void PrintStorage(std::FILE *out, plist_t info) {
 
 // ---------------------------------------------------------------- list
 
+// A list the device does not have is an empty list for scripts, not null.
 void Render(std::FILE *out, const Args &args, plist_t list) {
+  PlistPtr empty(list == nullptr ? plist_new_array() : nullptr);
+  if (list == nullptr) list = empty.get();
   if (args.has("--xml")) std::fputs(PlistToXml(list).c_str(), out);
   else std::fprintf(out, "%s\n", PlistToJson(list).dump(2).c_str());
 }
@@ -105,7 +108,7 @@ int CmdDevices(const GlobalOptions &options, const Args &) {
     } catch (const Failure &) {
       // A device that refuses us is still listed, with its identifier.
     }
-    std::fprintf(Out(), "%s  %s\n", id.c_str(), name.c_str());
+    std::fprintf(Out(), "%s  %s\n", Printable(id).c_str(), Printable(name).c_str());
   }
   return kExitOk;
 }
@@ -118,11 +121,11 @@ int CmdInfo(Session &session, const Args &args) {
     Render(out, args, info.get());
     return kExitOk;
   }
-  std::fprintf(out, "%s\n", DictString(info.get(), "DeviceName").c_str());
-  std::fprintf(out, "  Identifier    %s\n", DictString(info.get(), "UniqueDeviceID").c_str());
-  std::fprintf(out, "  Type          %s\n", DictString(info.get(), "Type").c_str());
-  std::fprintf(out, "  Version       %s\n", DictString(info.get(), "Version").c_str());
-  std::fprintf(out, "  Serial number %s\n", DictString(info.get(), "SerialNumber").c_str());
+  std::fprintf(out, "%s\n", Printable(DictString(info.get(), "DeviceName")).c_str());
+  std::fprintf(out, "  Identifier    %s\n", Printable(DictString(info.get(), "UniqueDeviceID")).c_str());
+  std::fprintf(out, "  Type          %s\n", Printable(DictString(info.get(), "Type")).c_str());
+  std::fprintf(out, "  Version       %s\n", Printable(DictString(info.get(), "Version")).c_str());
+  std::fprintf(out, "  Serial number %s\n", Printable(DictString(info.get(), "SerialNumber")).c_str());
   PrintStorage(out, info.get());
   return kExitOk;
 }
@@ -131,6 +134,12 @@ int CmdList(Session &session, const Args &args) {
   const KindInfo &spec = FindKind(args.positional[0]);
   PlistPtr list = FetchList(session.device(), spec.kind);
   std::FILE *out = Out();
+  // A database that is there but cannot be read is not an empty library.
+  if (TarnLastError()->code == TARN_E_DATABASE_UNREADABLE) {
+    const std::string why = LastReason();
+    if (CountItems(list.get(), spec.kind) == 0) Fail(kExitFailed, "the " + std::string(spec.noun) + " could not be read: " + why);
+    PrintWarning(why + " Showing only what could be read.");
+  }
   if (args.has("--json") || args.has("--xml")) {
     Render(out, args, list.get());
     return kExitOk;
@@ -153,7 +162,7 @@ int CmdExport(Session &session, const Args &args) {
   ExportReport report;
   {
     TransferUi ui;
-    report = Export(session, {spec.kind, args.positional[1], args.has("--match") ? args.flags.at("--match") : ""},
+    report = Export(session, {spec.kind, args.positional[1], args.has("--match") ? args.flags.at("--match") : "", {}},
                     ui.hooks());
   }
   for (const auto &note : report.notes) PrintWarning(note);

@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "common/text.h"
+
 namespace tarn::cli {
 namespace {
 
@@ -42,12 +44,12 @@ void FlushAll() {
 
 void PrintError(const std::string &message) {
   std::fflush(g_out);
-  std::fprintf(stderr, "tarn: %s\n", message.c_str());
+  std::fprintf(stderr, "tarn: %s\n", app::Printable(message).c_str());
 }
 
 void PrintWarning(const std::string &message) {
   std::fflush(g_out);
-  std::fprintf(stderr, "tarn: warning: %s\n", message.c_str());
+  std::fprintf(stderr, "tarn: warning: %s\n", app::Printable(message).c_str());
 }
 
 }  // namespace tarn::cli

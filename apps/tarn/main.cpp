@@ -1,5 +1,6 @@
 // tarn: browse and move the content of iPod, iPhone and iPad devices from a
 // shell. Argument parsing and dispatch; the commands live beside this file.
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -7,6 +8,7 @@
 #include <vector>
 
 #include "common/catalogue.h"
+#include "common/device_path.h"
 #include "console.h"
 #include "progress.h"
 #include "tool.h"
@@ -26,6 +28,7 @@ struct CommandSpec {
   std::vector<std::string> with_value;    // flags that take one
   size_t min_args;
   size_t max_args;
+  std::vector<size_t> device_args;  // positions that are device paths
   Needs needs;
   int (*run)(Session &, const Args &);
 };
@@ -36,78 +39,98 @@ const char *const kKinds =
 const std::vector<CommandSpec> &Commands() {
   static const std::vector<CommandSpec> commands = {
       {"devices", "devices", "list the attached devices: identifier and name",
-       "Prints one line per attached device: its identifier and its name.\n", {}, {}, 0, 0, Needs::kNothing,
+       "Prints one line per attached device: its identifier and its name.\n", {}, {}, 0, 0, {}, Needs::kNothing,
        nullptr},
       {"info", "info [--json | --xml]", "identity and storage use of the device",
        "Prints the device's name, type, version, serial number and how its storage is used,\n"
        "as numbers and as a bar (coloured when standard output is a terminal).\n"
        "  --json   the device information as JSON\n"
        "  --xml    the device information as the library returns it (property list XML)\n",
-       {"--json", "--xml"}, {}, 0, 0, Needs::kCatalogue, CmdInfo},
+       {"--json", "--xml"}, {}, 0, 0, {}, Needs::kCatalogue, CmdInfo},
       {"list", "list KIND [--json | --xml]", "list a catalogue of the device",
        "KIND is one of: music, movies, podcasts, tvshows, audiobooks, ringtones, playlists,\n"
        "recordings, books, camera, pictures.\n"
        "  --json   the list as JSON (keys and order as the library gives them)\n"
        "  --xml    the list as the library returns it (property list XML)\n",
-       {"--json", "--xml"}, {}, 1, 1, Needs::kCatalogue, CmdList},
+       {"--json", "--xml"}, {}, 1, 1, {}, Needs::kCatalogue, CmdList},
       {"export", "export KIND HOST_DIR [--match TEXT]", "copy a catalogue's files out under readable names",
        "KIND is one of: music, movies, podcasts, tvshows, audiobooks, ringtones, playlists,\n"
        "recordings, books, camera, pictures.\n"
        "Music goes to Artist/Album/Title.ext, recordings by their label or time, books by title,\n"
        "the camera roll and pictures under their own names; playlists become .m3u8 files next to\n"
        "the music they point at, which is copied with them. Files keep the device's modification\n"
-       "times. A file already there with the same size is skipped, so an interrupted export can\n"
-       "simply be run again.\n"
+       "times. HOST_DIR/.tarn-export.json records what was exported (device, device path, size,\n"
+       "device time): a recorded file that is unchanged is skipped, so an interrupted export can\n"
+       "simply be run again; a file that tarn did not export is never replaced, the export picks\n"
+       "a free name beside it and says so.\n"
        "  --match TEXT   only items whose title, artist, album or file name (for playlists: the\n"
        "                 playlist's name) contains TEXT, ignoring case\n",
-       {}, {"--match"}, 2, 2, Needs::kCatalogue, CmdExport},
+       {}, {"--match"}, 2, 2, {}, Needs::kCatalogue, CmdExport},
       {"ls", "ls [PATH] [-l] [-R | --depth N]", "list a device directory",
-       "  -l          type, size and modification time of each entry\n"
-       "  -R          the whole tree below PATH\n"
+       "  -l          type (d directory, - file, l link with its target), size and modification\n"
+       "              time of each entry\n"
+       "  -R          the whole tree below PATH; a tree deeper than the walk allows is reported\n"
+       "              and ends with exit code 1\n"
        "  --depth N   N levels below PATH\n",
-       {"-l", "-R"}, {"--depth"}, 0, 1, Needs::kDevice, CmdLs},
-      {"stat", "stat PATH", "file information of a device path", "", {}, {}, 1, 1, Needs::kDevice, CmdStat},
+       {"-l", "-R"}, {"--depth"}, 0, 1, {0}, Needs::kDevice, CmdLs},
+      {"stat", "stat PATH", "file information of a device path", "", {}, {}, 1, 1, {0}, Needs::kDevice, CmdStat},
       {"find", "find DIR KEYWORD [--case-sensitive]", "search names below a device directory",
        "Prints the files and directories below DIR whose names contain KEYWORD, ignoring case.\n"
-       "  --case-sensitive   pass KEYWORD as given (names are compared in lower case, so only a\n"
-       "                     lower-case keyword can match)\n",
-       {"--case-sensitive"}, {}, 2, 2, Needs::kDevice, CmdFind},
+       "A search cut short by the walk's bounds is reported and ends with exit code 1.\n"
+       "  --case-sensitive   only names that contain KEYWORD exactly as written\n",
+       {"--case-sensitive"}, {}, 2, 2, {0}, Needs::kDevice, CmdFind},
       {"mkdir", "mkdir [-p] PATH", "create a device directory",
-       "  -p   create missing parents; no error when PATH is already a directory\n", {"-p"}, {}, 1, 1,
+       "  -p   create missing parents; no error when PATH is already a directory\n", {"-p"}, {}, 1, 1, {0},
        Needs::kDevice, CmdMkdir},
       {"mv", "mv OLD NEW", "rename or move a device path (into NEW when it is a directory)", "", {}, {}, 2, 2,
-       Needs::kDevice, CmdMv},
+       {0, 1}, Needs::kDevice, CmdMv},
       {"rm", "rm [-r] PATH", "remove a device file or empty directory",
-       "  -r   remove a directory and everything below it\n", {"-r"}, {}, 1, 1, Needs::kDevice, CmdRm},
-      {"pull", "pull DEVICE_PATH HOST_PATH", "copy a device file or directory to the host",
-       "Copies into HOST_PATH/<name> when HOST_PATH is a directory. Ctrl-C cancels; a cancelled\n"
-       "file is not kept.\n",
-       {}, {}, 2, 2, Needs::kDevice, CmdPull},
+       "  -r   remove a directory and everything below it\n"
+       "The root of the device is never removed, however it is written (/, /., /DCIM/..).\n",
+       {"-r"}, {}, 1, 1, {0}, Needs::kDevice, CmdRm},
+      {"pull", "pull [-n] DEVICE_PATH HOST_PATH", "copy a device file or directory to the host",
+       "A file goes into HOST_PATH/<name> when HOST_PATH is a directory. A directory goes into\n"
+       "HOST_PATH/<name> when HOST_PATH ends in '/' (or is . or ..), otherwise it becomes HOST_PATH,\n"
+       "so running the same pull again fills in the same copy. An existing regular file is\n"
+       "replaced, as cp does; anything else there (a directory, link, FIFO, device node) is\n"
+       "never replaced. Each file is written under a temporary name and renamed into place when\n"
+       "complete. Ctrl-C, SIGTERM or SIGHUP cancel; a cancelled file is not kept.\n"
+       "  -n, --no-clobber   never replace an existing file\n",
+       {"-n", "--no-clobber"}, {}, 2, 2, {0}, Needs::kDevice, CmdPull},
       {"push", "push HOST_PATH DEVICE_PATH", "copy a host file or directory to the device",
-       "Copies into DEVICE_PATH/<name> when DEVICE_PATH is a directory. Ctrl-C cancels; a\n"
-       "cancelled file is removed from the device.\n",
-       {}, {}, 2, 2, Needs::kDevice, CmdPush},
+       "Copies into DEVICE_PATH/<name> when DEVICE_PATH is a directory. Each file is written under\n"
+       "a temporary name in its device directory and renamed over the target only when complete,\n"
+       "so an existing file stays as it was until then. Ctrl-C, SIGTERM or SIGHUP cancel; the\n"
+       "temporary file is removed. Symbolic links in HOST_PATH are skipped, with a warning. Refused\n"
+       "while the device syncs with another computer.\n",
+       {}, {}, 2, 2, {1}, Needs::kDevice, CmdPush},
   };
   return commands;
 }
 
 const char *const kGlobalHelp =
     "Options:\n"
-    "  -u, --udid UDID   the device to use (default: the only one attached)\n"
+    "  -u, --udid UDID   the device to use (default: the only one attached); also -uUDID\n"
     "  -v, --verbose     show the library's own console lines on standard error\n"
     "  --workdir DIR     where the device's databases are copied (default:\n"
     "                    $XDG_CACHE_HOME/tarn/UDID, or ~/.cache/tarn/UDID)\n"
-    "  --refresh         drop the copies first, so that a changed device is read afresh\n"
-    "                    (only in a working directory that tarn set up itself)\n"
+    "  --refresh         drop the copies first (a copy whose device file changed size or\n"
+    "                    time is read afresh anyway; only in a working directory that tarn\n"
+    "                    set up itself, or an empty one)\n"
     "  --progress, --no-progress\n"
     "                    show transfer progress or not (default: when stderr is a terminal)\n"
     "  -h, --help        help, also after a command: tarn ls --help\n"
     "  --version         the version\n";
 
 const char *const kExitHelp =
-    "Exit codes: 0 success, 1 operation failed, 2 usage, 3 no device attached, 4 device not\n"
-    "found, 5 several devices (use -u), 6 device cannot be reached, 7 path not found on the\n"
-    "device, 8 host path cannot be read or written, 9 target exists, 130 cancelled.\n";
+    "Exit codes:\n"
+    "  0 success            1 operation failed         2 usage\n"
+    "  3 no device attached 4 device not found         5 several devices (use -u)\n"
+    "  6 device cannot be reached (locked, not trusted, pairing no longer valid)\n"
+    "  7 path not found on the device                  8 host path cannot be read or written\n"
+    "  9 target exists      10 device disconnected     11 device full\n"
+    "  12 device busy syncing with another computer   13 usbmuxd not running\n"
+    "  130 cancelled by Ctrl-C, 143 by SIGTERM, 129 by SIGHUP (temporary files removed)\n";
 
 void PrintUsage(std::FILE *out) {
   std::fprintf(out, "Usage: tarn [OPTIONS] COMMAND [ARGS]\n\nBrowse and move the content of iPod, iPhone and iPad "
@@ -175,7 +198,10 @@ CommandLine Parse(int argc, char **argv) {
       continue;
     }
     if (word == "--") options_done = true;
+    else if ((word == "-u" || word == "--udid") && (has_inline ? inline_value : i + 1 < words.size() ? words[i + 1] : "x").empty())
+      UsageError(line.command, word + " needs a device identifier");
     else if (word == "-u" || word == "--udid") line.options.session.udid = value(word);
+    else if (word.rfind("-u", 0) == 0 && word.size() > 2) line.options.session.udid = word.substr(2);
     else if (word == "-v" || word == "--verbose") line.options.verbose = true;
     else if (word == "--workdir") line.options.session.workdir = value(word);
     else if (word == "--refresh") line.options.session.refresh = true;
@@ -199,11 +225,22 @@ CommandLine Parse(int argc, char **argv) {
   return line;
 }
 
-int Run(const CommandLine &line) {
+int Run(CommandLine line) {
   const CommandSpec &c = *line.command;
   const size_t n = line.args.positional.size();
   if (n < c.min_args || n > c.max_args)
     UsageError(&c, std::string(n < c.min_args ? "missing" : "too many") + " arguments: tarn " + c.usage);
+  for (const auto &arg : line.args.positional)
+    if (arg.empty()) UsageError(&c, "an argument is empty");
+  // Every device path is normalised here, once, before any command sees it.
+  line.args.dir_only.assign(n, false);
+  for (size_t i : c.device_args) {
+    if (i >= n) continue;
+    const DevicePath path = NormaliseDevicePath(line.args.positional[i]);
+    line.args.positional[i] = path.path;
+    line.args.dir_only[i] = path.dir_only;
+  }
+  if (line.args.has("--no-clobber")) line.args.flags["-n"] = "";
   if (line.args.has("--json") && line.args.has("--xml")) UsageError(&c, "--json and --xml exclude each other");
   if (line.args.has("-R") && line.args.has("--depth")) UsageError(&c, "-R and --depth exclude each other");
   // A mistyped kind is a usage error whether or not a device is attached.
@@ -212,6 +249,11 @@ int Run(const CommandLine &line) {
   SetProgressWanted(line.options.progress);
   Session session(line.options.session, ChooseDevice(line.options.session));
   session.Connect();
+  for (size_t i : c.device_args)
+    if (i < n && line.args.dir_only[i] && c.run != CmdPush) {
+      const PathInfo info = session.Stat(line.args.positional[i]);
+      if (info.exists && !info.is_dir) Fail(kExitNotOnDevice, line.args.positional[i] + ": not a directory");
+    }
   if (c.needs == Needs::kCatalogue) session.InitCatalogue();
   return c.run(session, line.args);
 }
@@ -239,6 +281,8 @@ int main(int argc, char **argv) {
   } catch (const Failure &failure) {
     PrintError(failure.message);
     code = failure.status;
+    // SIGTERM and SIGHUP clean up as Ctrl-C does, and end as their own.
+    if (code == kExitCancelled && CaughtSignal() != SIGINT) code = 128 + CaughtSignal();
   } catch (const std::exception &e) {
     PrintError(e.what());
     code = kExitFailed;

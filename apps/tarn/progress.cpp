@@ -17,12 +17,15 @@ volatile std::sig_atomic_t g_transferring = 0;
 std::optional<bool> g_progress;
 static_assert(std::atomic<bool>::is_always_lock_free, "set from a signal handler");
 
-void OnInterrupt(int) {
-  std::signal(SIGINT, SIG_DFL);
+volatile std::sig_atomic_t g_signal = SIGINT;
+
+void OnInterrupt(int signal) {
+  std::signal(signal, SIG_DFL);
+  g_signal = signal;
   // Outside a transfer nothing would look at the flag for a long time (a
   // deep listing, a catalogue read): the tool ends at once, as a user
   // expects; the device releases what the closed connection held.
-  if (g_transferring == 0) std::raise(SIGINT);
+  if (g_transferring == 0) std::raise(signal);
   g_interrupted = true;
 }
 
@@ -37,8 +40,10 @@ void CatchInterrupt() {
   // Restarted system calls keep a socket read in the library from failing
   // half-way: the cancel then comes through the progress callback.
   action.sa_flags = SA_RESTART;
-  sigaction(SIGINT, &action, nullptr);
+  for (int signal : {SIGINT, SIGTERM, SIGHUP}) sigaction(signal, &action, nullptr);
 }
+
+int CaughtSignal() { return g_signal; }
 
 bool Interrupted() { return g_interrupted; }
 

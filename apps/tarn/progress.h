@@ -13,12 +13,14 @@
 
 namespace tarn::cli {
 
-// During transfers SIGINT only sets a flag: the progress callback reads it
+// During transfers SIGINT (and SIGTERM, SIGHUP) only sets a flag: the progress callback reads it
 // and asks the library to stop, so that the device connection and its sync
 // lock are released on the way out and no partial file is kept. A second
 // Ctrl-C, or one outside a transfer, ends the tool at once.
 void CatchInterrupt();
 bool Interrupted();
+// The signal that set Interrupted(): SIGINT, SIGTERM or SIGHUP.
+int CaughtSignal();
 
 // One bar on standard error, redrawn at most ten times a second:
 //   [#########-----------]  45%  12.3 MiB / 27.0 MiB  5.1 MiB/s  0:03 left  name

@@ -17,12 +17,8 @@ void Table::Print(std::FILE *out) const {
   auto measure = [&](const std::vector<std::string> &row) {
     std::vector<std::string> fitted;
     for (size_t c = 0; c < columns_.size(); ++c) {
-      // Text that is not UTF-8 would upset a terminal; it is shown escaped.
-      std::string cell = c < row.size() ? row[c] : "";
-      if (!g_utf8_validate(cell.c_str(), static_cast<gssize>(cell.size()), nullptr)) {
-        std::unique_ptr<gchar, decltype(&g_free)> valid(g_utf8_make_valid(cell.c_str(), -1), g_free);
-        cell = valid.get();
-      }
+      // Device text reaches the terminal without its control characters.
+      const std::string cell = app::Printable(c < row.size() ? row[c] : "");
       fitted.push_back(Fit(cell, columns_[c].max_width));
       widths[c] = std::max(widths[c], DisplayWidth(fitted.back()));
     }

@@ -26,7 +26,12 @@ enum ExitCode : int {
   kExitNotOnDevice = kNotOnDevice,
   kExitHostPath = kHostPath,
   kExitExists = kExists,
+  kExitDisconnected = kDisconnected,
+  kExitDeviceFull = kDeviceFull,
+  kExitBusy = kBusy,
+  kExitNoUsbmuxd = kNoUsbmuxd,
   kExitCancelled = kCancelled,
+  kExitTerminated = kTerminated,
 };
 
 struct GlobalOptions {
@@ -39,6 +44,8 @@ struct GlobalOptions {
 struct Args {
   std::vector<std::string> positional;
   std::map<std::string, std::string> flags;  // "--json" -> "", "--depth" -> "3"
+  std::vector<bool> dir_only;  // per positional device path: written with a trailing '/'
+
   bool has(const std::string &flag) const { return flags.count(flag) != 0; }
 };
 

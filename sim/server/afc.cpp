@@ -368,6 +368,7 @@ void Session::run() {
     ++requests_;
     bytes_ += this_len;
     if (faults_->drop_after_requests && requests_ > faults_->drop_after_requests) return;
+    if (faults_->stall_after_requests && requests_ > faults_->stall_after_requests) return stall(sock_);
     if (faults_->drop_after_bytes && bytes_ + payload > faults_->drop_after_bytes) return;
     if (faults_->latency_us)
       std::this_thread::sleep_for(std::chrono::microseconds(faults_->latency_us));
@@ -649,6 +650,9 @@ bool Session::do_lock(Handle* h, uint64_t how) {
   else if (how & 2) kind = LOCK_EX;
   else if (how & 1) kind = LOCK_SH;
   else return send_status(E_INVALID_ARG);
+  // Another computer syncing the phone holds the sync lock the whole time.
+  if (faults_->syncing && kind != LOCK_UN && normalized(h->path) == "/com.apple.itunes.lock_sync")
+    return send_status(E_WOULD_BLOCK);
   // Each handle is its own open file description, so flock gives the
   // per-handle semantics a device has: a conflicting holder makes us answer
   // "would block" instead of waiting.

@@ -148,6 +148,13 @@ Device::Device(std::string image, uint32_t mux_id) : image_(std::move(image)), m
   host_id_ = hex_id("host:" + udid_, 32);
   for (int pos : {8, 13, 18, 23}) host_id_.insert(static_cast<size_t>(pos), 1, '-');
   for (auto& c : host_id_) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+
+  identity_ = make_identity();
+  const std::string& pub = identity_->device_public_key;
+  plist_dict_set_item(values_.get(), "DevicePublicKey",
+                      plist_new_data(pub.data(), static_cast<uint64_t>(pub.size())));
+  if (!plist_dict_get_item(values_.get(), "WiFiAddress"))
+    plist_dict_set_item(values_.get(), "WiFiAddress", plist_new_string(identity_->wifi_mac.c_str()));
 }
 
 std::string Device::set_option(const std::string& key, const std::string& value, bool running) {
@@ -170,12 +177,32 @@ std::string Device::set_option(const std::string& key, const std::string& value,
     plist_dict_set_item(values_.get(), "DeviceName", plist_new_string(value.c_str()));
     return {};
   }
-  auto f = std::make_shared<Faults>(*faults_);
-  uint64_t n = 0;
-  if (key == "refuse_handshake" || key == "refuse_afc") {
+  if (key == "paired") {
     bool b = false;
     if (!parse_bool(value, b)) return key + " takes 0 or 1";
-    (key == "refuse_handshake" ? f->refuse_handshake : f->refuse_afc) = b;
+    // Both sides at once: paired=1 is a fresh pairing with the default
+    // record, paired=0 a phone and a host that have never met.
+    host_has_record_ = b;
+    saved_record_.reset();
+    trusts_default_ = b;
+    trusted_.clear();
+    fault_gen_.fetch_add(1, std::memory_order_acq_rel);
+    return {};
+  }
+  auto f = std::make_shared<Faults>(*faults_);
+  uint64_t n = 0;
+  static const std::map<std::string, bool Faults::*> switches = {
+      {"refuse_handshake", &Faults::refuse_handshake}, {"refuse_afc", &Faults::refuse_afc},
+      {"ssl", &Faults::ssl}, {"ssl_fail", &Faults::ssl_fail}, {"locked", &Faults::locked},
+      {"stale_pairing", &Faults::stale_pairing}, {"syncing", &Faults::syncing}};
+  if (auto sw = switches.find(key); sw != switches.end()) {
+    bool b = false;
+    if (!parse_bool(value, b)) return key + " takes 0 or 1";
+    (*f).*(sw->second) = b;
+  } else if (key == "pair_answer") {
+    if (value != "pending" && value != "denied" && value != "passcode" && value != "accept")
+      return "pair_answer takes pending, denied, passcode or accept";
+    f->pair_answer = value;
   } else if (key == "afc_error") {
     if (value.empty()) {
       f->afc_errors.clear();
@@ -187,11 +214,13 @@ std::string Device::set_option(const std::string& key, const std::string& value,
       f->afc_errors.emplace_back(n, value.substr(colon + 1));
     }
   } else if (key == "drop_after_requests" || key == "drop_after_bytes" || key == "latency_us" ||
-             key == "max_files") {
+             key == "max_files" || key == "handshake_delay_us" || key == "stall_after_requests") {
     if (!parse_u64(value, n)) return key + " takes a number";
     if (key == "drop_after_requests") f->drop_after_requests = n;
     else if (key == "drop_after_bytes") f->drop_after_bytes = n;
     else if (key == "latency_us") f->latency_us = n;
+    else if (key == "handshake_delay_us") f->handshake_delay_us = n;
+    else if (key == "stall_after_requests") f->stall_after_requests = n;
     else f->max_files = n;
   } else {
     return "unknown option " + key;
@@ -263,6 +292,57 @@ void Device::fs_info(uint64_t& total, uint64_t& free_bytes, uint64_t& block) con
   }
 }
 
+Plist Device::pair_record(const std::string& buid) const {
+  std::lock_guard lk(mu_);
+  if (!host_has_record_) return nullptr;
+  if (saved_record_) return Plist(plist_copy(saved_record_.get()));
+  // The record usbmuxd keeps for a paired phone, every key a real one has.
+  const Identity& id = *identity_;
+  plist_t r = plist_new_dict();
+  auto data = [&](const char* key, const std::string& v) {
+    plist_dict_set_item(r, key, plist_new_data(v.data(), static_cast<uint64_t>(v.size())));
+  };
+  data("DeviceCertificate", id.device_cert);
+  data("EscrowBag", id.escrow_bag);
+  data("HostCertificate", id.host_cert);
+  plist_dict_set_item(r, "HostID", plist_new_string(host_id_.c_str()));
+  data("HostPrivateKey", id.host_key);
+  data("RootCertificate", id.root_cert);
+  data("RootPrivateKey", id.root_key);
+  plist_dict_set_item(r, "SystemBUID", plist_new_string(buid.c_str()));
+  plist_dict_set_item(r, "WiFiMACAddress", plist_new_string(id.wifi_mac.c_str()));
+  return Plist(r);
+}
+
+void Device::save_pair_record(plist_t record) {
+  std::lock_guard lk(mu_);
+  saved_record_.reset(plist_copy(record));
+  host_has_record_ = true;
+}
+
+void Device::delete_pair_record() {
+  std::lock_guard lk(mu_);
+  saved_record_.reset();
+  host_has_record_ = false;
+}
+
+bool Device::trusts(const std::string& host_id) const {
+  std::lock_guard lk(mu_);
+  if (host_id.empty()) return false;
+  return (trusts_default_ && host_id == host_id_) || trusted_.count(host_id) > 0;
+}
+
+void Device::trust(const std::string& host_id) {
+  std::lock_guard lk(mu_);
+  trusted_.insert(host_id);
+}
+
+void Device::distrust(const std::string& host_id) {
+  std::lock_guard lk(mu_);
+  if (host_id == host_id_) trusts_default_ = false;
+  trusted_.erase(host_id);
+}
+
 uint16_t Device::open_service_port() {
   std::lock_guard lk(mu_);
   uint16_t p = next_port_;
@@ -288,6 +368,7 @@ std::vector<LogEntry> Device::take_log() const {
 
 void Device::reset_stats() {
   for (auto& r : requests_) r.store(0);
+  tls_sessions.store(0);
   std::lock_guard lk(log_mu_);
   log_.clear();
 }

@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "tls.h"
 #include "util.h"
 
 namespace devsim {
@@ -49,6 +50,15 @@ struct Faults {
   uint64_t drop_after_bytes = 0;                             // 0: never
   uint64_t latency_us = 0;
   uint64_t max_files = 256;
+  // The states of a real phone (see the README for what each answers).
+  bool ssl = true;
+  bool ssl_fail = false;
+  bool locked = false;
+  bool stale_pairing = false;
+  bool syncing = false;
+  std::string pair_answer = "pending";
+  uint64_t handshake_delay_us = 0;
+  uint64_t stall_after_requests = 0;  // 0: never
 };
 
 struct LogEntry {
@@ -82,6 +92,17 @@ class Device {
   Plist get_value(const std::string& domain, const std::string& key) const;
   void set_value(const std::string& domain, const std::string& key, plist_t value);
 
+  // Pairing. The host side is what usbmux keeps (ReadPairRecord), the device
+  // side the host identifiers the device trusts; a reset phone or a deleted
+  // record makes them disagree, as on real hardware.
+  const Identity& identity() const { return *identity_; }
+  Plist pair_record(const std::string& buid) const;  // null when the host holds none
+  void save_pair_record(plist_t record);
+  void delete_pair_record();
+  bool trusts(const std::string& host_id) const;
+  void trust(const std::string& host_id);
+  void distrust(const std::string& host_id);
+
   // File-conduit device information.
   std::string model() const;
   void fs_info(uint64_t& total, uint64_t& free_bytes, uint64_t& block) const;
@@ -102,6 +123,7 @@ class Device {
   std::atomic<int> connections_open{0};
   std::atomic<int> files_open{0};
   std::atomic<int> locks_held{0};
+  std::atomic<uint64_t> tls_sessions{0};  // completed TLS handshakes
 
  private:
   std::string image_, media_, udid_, host_id_;
@@ -116,6 +138,11 @@ class Device {
   std::string model_;
   bool has_fs_total_ = false, has_fs_free_ = false, has_fs_block_ = false;
   uint64_t fs_total_ = 0, fs_free_ = 0, fs_block_ = 4096;
+  std::shared_ptr<const Identity> identity_;
+  bool host_has_record_ = true;  // false: paired=0 or DeletePairRecord
+  Plist saved_record_;           // from SavePairRecord; else the default record
+  bool trusts_default_ = true;   // the device trusts the default record's HostID
+  std::set<std::string> trusted_;
   std::set<uint16_t> pending_ports_;
   uint16_t next_port_ = 49152;
 

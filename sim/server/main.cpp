@@ -44,7 +44,32 @@ Device options (also settable at run time through the control socket):
                           (either direction) that would take it past N bytes
   latency_us=N            every lockdown and file-conduit request waits N
                           microseconds before it is answered
-Counts for the drop_* switches start when the connection opens or the
+  stall_after_requests=N  a lockdown or file-conduit connection leaves its
+                          request N+1 unanswered (the client's receive
+                          timeout decides what happens)
+
+States of a real phone:
+  ssl=0                   StartSession answers EnableSessionSSL false and
+                          the session stays plain (default 1: TLS until
+                          StopSession); only for measuring what TLS costs
+  paired=0                the host holds no pair record and the phone trusts
+                          no host; clients pair themselves (paired=1 makes a
+                          fresh pairing with the default record)
+  pair_answer=A           how Pair is answered: pending (default, the Trust
+                          dialog is still open), denied, passcode (locked
+                          with a passcode) or accept (the user tapped Trust)
+  locked=1                not unlocked since switched on: ValidatePair,
+                          StartSession, StartService and Pair answer
+                          PasswordProtected
+  stale_pairing=1         the phone no longer knows the host's record (reset
+                          or restored): ValidatePair/StartSession answer
+                          InvalidHostID
+  ssl_fail=1              the TLS handshake after StartSession is refused
+  syncing=1               another computer syncs the phone: it holds the
+                          lock on /com.apple.itunes.lock_sync, so a lock
+                          request on that file answers 19 (would block)
+  handshake_delay_us=N    StartSession waits N microseconds
+Counts for the drop_* and stall_* switches start when the connection opens or the
 device's options last changed, whichever is later. 0 switches them off.
 
 Options:

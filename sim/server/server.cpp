@@ -14,6 +14,7 @@
 #include <stdexcept>
 
 #include "afc.h"
+#include "tls.h"
 
 namespace devsim {
 
@@ -66,12 +67,33 @@ bool send_result(int fd, uint32_t tag, uint64_t number) {
   return send_mux(fd, tag, m.get());
 }
 
-bool send_lockdown(int fd, plist_t msg) {
-  std::string xml = plist_xml(msg);
-  uint32_t len = htonl(static_cast<uint32_t>(xml.size()));
-  iovec iov[2] = {{&len, 4}, {xml.data(), xml.size()}};
-  return writev_full(fd, iov, 2);
-}
+// A lockdown connection: plain, or TLS between StartSession and StopSession.
+class LockdownChannel {
+ public:
+  explicit LockdownChannel(int fd) : fd_(fd) {}
+  void encrypt(std::unique_ptr<TlsStream> t) { tls_ = std::move(t); }
+  // libimobiledevice drops TLS after StopSession without a close_notify,
+  // so neither do we: the next byte on the socket is plain again.
+  void decrypt() { tls_.reset(); }
+
+  bool read_full(void* buf, size_t n) {
+    return tls_ ? tls_->read_full(buf, n) : devsim::read_full(fd_, buf, n);
+  }
+  bool send(plist_t msg) {
+    std::string xml = plist_xml(msg);
+    uint32_t len = htonl(static_cast<uint32_t>(xml.size()));
+    if (tls_) {
+      xml.insert(0, reinterpret_cast<const char*>(&len), 4);
+      return tls_->write_full(xml.data(), xml.size());
+    }
+    iovec iov[2] = {{&len, 4}, {xml.data(), xml.size()}};
+    return writev_full(fd_, iov, 2);
+  }
+
+ private:
+  int fd_;
+  std::unique_ptr<TlsStream> tls_;
+};
 
 std::string random_uuid() {
   unsigned char b[16];
@@ -347,20 +369,33 @@ void Server::serve_usbmux(int fd) {
       if (!send_mux(fd, tag, reply.get())) return;
     } else if (mt == "ReadPairRecord") {
       auto dev = find_udid(dict_string(msg.get(), "PairRecordID").value_or(""));
-      if (!dev) {
+      Plist rec = dev ? dev->pair_record(buid_) : nullptr;
+      if (!rec) {
+        // usbmuxd answers a missing record with an error result, which
+        // libimobiledevice takes for "not paired".
         if (!send_result(fd, tag, kResultBadDevice)) return;
         continue;
       }
-      Plist rec(plist_new_dict());
-      plist_dict_set_item(rec.get(), "HostID", plist_new_string(dev->host_id().c_str()));
-      plist_dict_set_item(rec.get(), "SystemBUID", plist_new_string(buid_.c_str()));
       std::string xml = plist_xml(rec.get());
       Plist reply(plist_new_dict());
       plist_dict_set_item(reply.get(), "PairRecordData",
                           plist_new_data(xml.data(), static_cast<uint64_t>(xml.size())));
       if (!send_mux(fd, tag, reply.get())) return;
     } else if (mt == "SavePairRecord" || mt == "DeletePairRecord") {
-      if (!send_result(fd, tag, kResultOk)) return;
+      auto dev = find_udid(dict_string(msg.get(), "PairRecordID").value_or(""));
+      Plist rec;
+      if (dev && mt == "SavePairRecord") {
+        char* data = nullptr;
+        uint64_t size = 0;
+        plist_t node = plist_dict_get_item(msg.get(), "PairRecordData");
+        if (node && plist_get_node_type(node) == PLIST_DATA) plist_get_data_val(node, &data, &size);
+        if (data) rec = plist_parse(data, size);
+        std::free(data);
+      }
+      bool ok = dev && (mt == "DeletePairRecord" || (rec && plist_get_node_type(rec.get()) == PLIST_DICT));
+      if (ok && rec) dev->save_pair_record(rec.get());
+      else if (ok) dev->delete_pair_record();
+      if (!send_result(fd, tag, ok ? kResultOk : kResultBadDevice)) return;
     } else if (mt == "Connect") {
       auto dev = find_id(static_cast<uint32_t>(dict_uint(msg.get(), "DeviceID").value_or(0)));
       auto port = ntohs(static_cast<uint16_t>(dict_uint(msg.get(), "PortNumber").value_or(0)));
@@ -402,23 +437,33 @@ void Server::serve_usbmux(int fd) {
 // lockdown
 
 void Server::serve_lockdown(int fd, Device& dev) {
+  LockdownChannel ch(fd);
   bool session = false;
   std::vector<char> buf;
+  auto faults = dev.faults();
+  uint64_t gen = dev.fault_generation(), requests = 0;
   while (true) {
     uint32_t be_len;
-    if (!read_full(fd, &be_len, 4)) return;
+    if (!ch.read_full(&be_len, 4)) return;
     uint32_t len = ntohl(be_len);
     if (len == 0 || len > kMaxLockdownMessage) return;
     buf.resize(len);
-    if (!read_full(fd, buf.data(), len)) return;
+    if (!ch.read_full(buf.data(), len)) return;
+    if (uint64_t g = dev.fault_generation(); g != gen) {
+      faults = dev.faults();
+      gen = g;
+      requests = 0;
+    }
+    if (faults->stall_after_requests && ++requests > faults->stall_after_requests) return stall(fd);
     Plist req = plist_parse(buf.data(), len);
-    auto faults = dev.faults();
     sleep_us(faults->latency_us);
     std::string request = dict_string(req.get(), "Request").value_or("");
     Plist reply(plist_new_dict());
     plist_t r = reply.get();
     plist_dict_set_item(r, "Request", plist_new_string(request.c_str()));
     auto fail = [&](const char* error) { plist_dict_set_item(r, "Error", plist_new_string(error)); };
+    plist_t pair_record = plist_dict_get_item(req.get(), "PairRecord");
+    bool refused = faults->refuse_handshake || faults->stale_pairing;
 
     if (request == "QueryType") {
       plist_dict_set_item(r, "Type", plist_new_string("com.apple.mobile.lockdown"));
@@ -439,26 +484,74 @@ void Server::serve_lockdown(int fd, Device& dev) {
       if (!session) fail("SessionInactive");
       else if (key.empty() || !v) fail("MissingKey");
       else dev.set_value(domain, key, v);
-    } else if (request == "ValidatePair" || request == "StartSession") {
-      plist_t rec = plist_dict_get_item(req.get(), "PairRecord");
-      std::string host = dict_string(request == "ValidatePair" ? rec : req.get(), "HostID").value_or("");
-      if (faults->refuse_handshake || host != dev.host_id()) {
+    } else if (request == "ValidatePair") {
+      std::string host = dict_string(pair_record, "HostID").value_or("");
+      if (faults->locked) fail("PasswordProtected");
+      else if (refused || !dev.trusts(host)) fail("InvalidHostID");
+    } else if (request == "StartSession") {
+      std::string host = dict_string(req.get(), "HostID").value_or("");
+      sleep_us(faults->handshake_delay_us);
+      if (session) {
+        fail("SessionActive");
+      } else if (faults->locked) {
+        fail("PasswordProtected");
+      } else if (refused || !dev.trusts(host)) {
         fail("InvalidHostID");
-      } else if (request == "StartSession") {
+      } else {
         session = true;
         plist_dict_set_item(r, "SessionID", plist_new_string(random_uuid().c_str()));
-        plist_dict_set_item(r, "EnableSessionSSL", plist_new_bool(0));
+        plist_dict_set_item(r, "EnableSessionSSL", plist_new_bool(faults->ssl ? 1 : 0));
+        if (!ch.send(r)) return;
+        if (!faults->ssl) continue;
+        if (faults->ssl_fail) {
+          // Take the ClientHello and refuse it the way a phone that rejects
+          // the host's certificate does: a fatal handshake_failure alert.
+          char hello[4096];
+          (void)::recv(fd, hello, sizeof hello, 0);
+          static const unsigned char alert[] = {0x15, 0x03, 0x01, 0x00, 0x02, 0x02, 0x28};
+          write_full(fd, alert, sizeof alert);
+          return;
+        }
+        std::string err;
+        auto tls = TlsStream::accept(dev.identity().server_ctx.get(), fd, err);
+        if (!tls) return;  // the client sees its own handshake error
+        dev.tls_sessions.fetch_add(1);
+        ch.encrypt(std::move(tls));
+        continue;
       }
     } else if (request == "Pair") {
-      // There is nobody to tap "Trust": pairing never completes.
-      fail("PairingDialogResponsePending");
+      std::string host = dict_string(pair_record, "HostID").value_or("");
+      const std::string& answer = faults->pair_answer;
+      if (faults->locked || answer == "passcode") {
+        fail("PasswordProtected");
+      } else if (answer == "denied") {
+        fail("UserDeniedPairing");
+      } else if (answer != "accept") {
+        fail("PairingDialogResponsePending");
+      } else if (host.empty()) {
+        fail("InvalidPairRecord");
+      } else {
+        dev.trust(host);
+        const std::string& bag = dev.identity().escrow_bag;
+        plist_dict_set_item(r, "EscrowBag", plist_new_data(bag.data(), static_cast<uint64_t>(bag.size())));
+      }
+    } else if (request == "Unpair") {
+      std::string host = dict_string(pair_record, "HostID").value_or("");
+      if (!dev.trusts(host)) fail("InvalidHostID");
+      else dev.distrust(host);
     } else if (request == "StopSession") {
+      if (!session) fail("NoRunningSession");
+      if (!ch.send(r)) return;
       session = false;
+      ch.decrypt();
+      continue;
     } else if (request == "StartService") {
       std::string service = dict_string(req.get(), "Service").value_or("");
       plist_dict_set_item(r, "Service", plist_new_string(service.c_str()));
       if (!session) {
         fail("NoRunningSession");
+      } else if (faults->locked) {
+        fail("PasswordProtected");
       } else if (service != "com.apple.afc") {
         fail("InvalidService");
       } else if (faults->refuse_afc) {
@@ -469,12 +562,12 @@ void Server::serve_lockdown(int fd, Device& dev) {
       }
     } else if (request == "Goodbye") {
       plist_dict_set_item(r, "Result", plist_new_string("Success"));
-      send_lockdown(fd, r);
+      ch.send(r);
       return;
     } else {
       fail("InvalidRequest");
     }
-    if (!send_lockdown(fd, r)) return;
+    if (!ch.send(r)) return;
   }
 }
 
@@ -550,6 +643,7 @@ std::string Server::control_request(const std::string& line) {
     rep["connections_open"] = dev->connections_open.load();
     rep["files_open"] = dev->files_open.load();
     rep["locks_held"] = dev->locks_held.load();
+    rep["tls_sessions"] = dev->tls_sessions.load();
   } else if (cmd == "reset_stats") {
     dev->reset_stats();
   } else if (cmd == "enable_log") {

@@ -56,6 +56,12 @@ bool writev_full(int fd, iovec* iov, int count) {
   return true;
 }
 
+void stall(int fd) {
+  char sink[4096];
+  while (::recv(fd, sink, sizeof sink, 0) > 0) {
+  }
+}
+
 std::string plist_xml(plist_t p) {
   char* xml = nullptr;
   uint32_t len = 0;

@@ -56,6 +56,10 @@ bool read_full(int fd, void* buf, size_t n);
 bool write_full(int fd, const void* buf, size_t n);
 bool writev_full(int fd, struct iovec* iov, int count);
 
+// A request that is never answered: holds the connection until the client
+// gives up (its receive timeout) or the simulator shuts the socket down.
+void stall(int fd);
+
 std::string plist_xml(plist_t p);
 Plist plist_parse(const char* data, size_t size);  // XML or binary
 std::optional<std::string> dict_string(plist_t dict, const char* key);

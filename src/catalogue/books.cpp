@@ -5,6 +5,7 @@
 #include <iterator>
 
 #include "common/db_entry.h"
+#include "common/error.h"
 #include "common/host_plist.h"
 #include "common/raii.h"
 #include "tarn/tarn_device.h"
@@ -48,6 +49,7 @@ plist_t BookItem(plist_t book, const char *prefix) {
 extern "C" {
 
 TARN_API plist_t ReadBookFromPLIST(const char *path, const char *catalog, const char *prefix, PodPlistParser parser) {
+  const tarn::ApiCall api_call;
   tarn::PlistPtr root = tarn::ParseHostPlist(path, parser);
   if (!root || plist_get_node_type(root.get()) != PLIST_DICT) return nullptr;
   plist_t books = plist_dict_get_item(root.get(), "Books");
@@ -63,6 +65,7 @@ TARN_API plist_t ReadBookFromPLIST(const char *path, const char *catalog, const 
 }
 
 TARN_API plist_t ReadBookDbTypePLIST(const char *path, const char *name) {
+  const tarn::ApiCall api_call;
   PodPlistParser parser = IsBinPlist(path) ? plist_from_bin : plist_from_xml;
   if (name == nullptr) return nullptr;
   if (std::strcmp(name, kUserBookName) == 0) return ReadBookFromPLIST(path, "UserBook", kUserBookDir, parser);
@@ -72,10 +75,12 @@ TARN_API plist_t ReadBookDbTypePLIST(const char *path, const char *name) {
 }
 
 TARN_API plist_t ReadBookDbTypePLISTBin(const char *path) {
+  const tarn::ApiCall api_call;
   return ReadBookFromPLIST(path, "PurchaseBook", kPurchaseBookDir, plist_from_bin);
 }
 
 TARN_API plist_t GetBookList(PodDevice *device, uint32_t, uint32_t) {
+  const tarn::ApiCall api_call;
   std::puts("GetBookList");
   tarn::PlistPtr catalogues(plist_new_array());
   int read = 0;

@@ -7,6 +7,7 @@
 #include "catalogue/pictures.h"
 #include "common/connection.h"
 #include "common/db_entry.h"
+#include "common/error.h"
 #include "common/raii.h"
 #include "devicefs/walk.h"
 #include "tarn/tarn_device.h"
@@ -21,20 +22,30 @@ constexpr const char *kCameraQuery = "select ('/' || directory || '/' || filenam
 extern "C" {
 
 TARN_API int CameraPictureCallback(void *context, int columns, char **values, char **) {
+  const tarn::ApiCall api_call;
   auto *ctx = static_cast<CameraRowContext *>(context);
   if (ctx == nullptr || columns < 1 || values == nullptr || values[0] == nullptr) return 0;
-  tarn::FileInfo info(GetFileInfo(ctx->client, values[0]));
+  tarn::FileInfo info;
+  {
+    // A picture the database names but the device no longer has is left out.
+    const tarn::KeepReason quiet;
+    info.reset(GetFileInfo(ctx->client, values[0]));
+  }
   tarn::AppendPictureItem(ctx->items, values[0], info.get(), &ctx->total);
   return 0;
 }
 
 TARN_API plist_t ReadCameraDbTypeSQLITE(PodDevice *device, const char *path) {
+  const tarn::ApiCall api_call;
   sqlite3 *raw = nullptr;
   // Read only: a missing copy must not turn into a new empty database in
   // the working directory.
   const int rc = sqlite3_open_v2(path ? path : "", &raw, SQLITE_OPEN_READONLY, nullptr);
   tarn::SqliteDb db(raw);
-  if (rc != SQLITE_OK) return nullptr;
+  if (rc != SQLITE_OK) {
+    tarn::SetDatabaseError(path, raw ? sqlite3_errmsg(raw) : "");
+    return nullptr;
+  }
 
   tarn::PlistPtr result(tarn::NewTrackListResult());
   CameraRowContext ctx{tarn::ListItems(result.get()), 0, nullptr};
@@ -49,7 +60,10 @@ TARN_API plist_t ReadCameraDbTypeSQLITE(PodDevice *device, const char *path) {
   }
   tarn::SqliteText owned_error(error);
   // Rows handed over before a failure are kept.
-  if (exec_rc != SQLITE_OK) std::printf("zErrMsg %s\n", tarn::Printable(error));
+  if (exec_rc != SQLITE_OK) {
+    std::printf("zErrMsg %s\n", tarn::Printable(error));
+    tarn::SetDatabaseError(path, error ? error : "");
+  }
   const uint32_t found = plist_array_get_size(ctx.items);
   if (found == 0) return nullptr;
   tarn::AddToListCounts(result.get(), found, ctx.total);
@@ -57,18 +71,20 @@ TARN_API plist_t ReadCameraDbTypeSQLITE(PodDevice *device, const char *path) {
 }
 
 TARN_API plist_t ReadCameraDbTypeFromDevice(PodDevice *device) {
+  const tarn::ApiCall api_call;
   const char *folders[] = {kCameraDir};
   return GetPictureListFromDevice(device, folders, 1);
 }
 
 TARN_API plist_t GetCameraPVList(PodDevice *device, uint32_t, uint32_t) {
+  const tarn::ApiCall api_call;
   std::puts("GetCameraPVList");
   plist_t result = nullptr;
   const bool listed = tarn::WalkDbFiles(device, "CameraDb", [&](uint64_t type, const char *device_path) {
     if (type != 0) return false;
     result = ReadCameraDbTypeSQLITE(device, tarn::LocalCopyPath(device, device_path).c_str());
     return true;
-  });
+  }, false);
   if (!listed) return ReadCameraDbTypeFromDevice(device);
   PrintPlist(result);
   if (result == nullptr) return ReadCameraDbTypeFromDevice(device);

@@ -11,6 +11,7 @@
 #include "catalogue/media_item.h"
 #include "common/connection.h"
 #include "common/db_entry.h"
+#include "common/error.h"
 #include "common/raii.h"
 #include "devicefs/walk.h"
 #include "tarn/tarn_device.h"
@@ -83,13 +84,19 @@ bool AppendPictureItem(plist_t items, const char *path, char *const *info, uint6
 extern "C" {
 
 TARN_API int GetDirAllPicture(afc_client_t client, plist_t items, const char *folder, uint64_t *total) {
-  if (client == nullptr || items == nullptr || folder == nullptr || total == nullptr) return 0;
+  const tarn::ApiCall api_call;
+  if (client == nullptr || items == nullptr || folder == nullptr || total == nullptr) {
+    tarn::SetError(TARN_E_INVALID_ARGUMENT, "A picture walk needs a connection, a folder and somewhere to put the items.");
+    return 0;
+  }
   PictureVisitor visitor{items, total};
-  tarn::WalkDirectory(client, folder, 0, visitor);
+  // A folder the device does not have is simply one without pictures.
+  tarn::WalkDirectory(client, folder, 0, visitor, tarn::PathJoin::kAlwaysSlash, true);
   return 0;
 }
 
 TARN_API plist_t GetPictureListFromDevice(PodDevice *device, const char **folders, int32_t count) {
+  const tarn::ApiCall api_call;
   std::puts("GetUserPictureListFromDevice");
   tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
   // One lock for all folders: the device's own sync must not move pictures
@@ -106,11 +113,13 @@ TARN_API plist_t GetPictureListFromDevice(PodDevice *device, const char **folder
 }
 
 TARN_API plist_t GetUserPictureListFromDevice(PodDevice *device) {
+  const tarn::ApiCall api_call;
   const char *folders[] = {kUserPictureDir, kUserPicturePhotoStreamsDataDir, kUserPictureSyncDir};
   return GetPictureListFromDevice(device, folders, 3);
 }
 
 TARN_API plist_t ReadUserPictureDbTypeCdb(const char *) {
+  const tarn::ApiCall api_call;
   // Deliberately empty: synced pictures are listed by the folder walk
   // (GetUserPictureListFromDevice); this entry point only keeps its place
   // for applications that call it.
@@ -118,6 +127,7 @@ TARN_API plist_t ReadUserPictureDbTypeCdb(const char *) {
 }
 
 TARN_API plist_t GetUserPictureList(PodDevice *device, uint32_t, uint32_t) {
+  const tarn::ApiCall api_call;
   plist_t result = nullptr;
   tarn::WalkDbFiles(device, "UserPictureDb", [&](uint64_t type, const char *device_path) {
     if (type != 0) return false;

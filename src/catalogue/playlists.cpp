@@ -3,6 +3,7 @@
 
 #include "catalogue/media_item.h"
 #include "common/db_entry.h"
+#include "common/error.h"
 #include "common/raii.h"
 #include "device/music_database.h"
 #include "tarn/tarn_device.h"
@@ -10,6 +11,7 @@
 extern "C" {
 
 TARN_API plist_t ReadPlaylistDbTypeCdb(const char *path) {
+  const tarn::ApiCall api_call;
   const tarn::MusicDatabase db(path);
   if (!db) return nullptr;
   const uint32_t count = itdb_playlists_number(db.get());
@@ -34,6 +36,7 @@ TARN_API plist_t ReadPlaylistDbTypeCdb(const char *path) {
 }
 
 TARN_API plist_t GetPlayList(PodDevice *device, uint32_t, uint32_t) {
+  const tarn::ApiCall api_call;
   std::puts("GetPlayList");
   plist_t result = nullptr;
   if (!tarn::WalkDbFiles(device, "TrackDb", [&](uint64_t type, const char *device_path) {

@@ -7,6 +7,7 @@
 
 #include "catalogue/media_item.h"
 #include "common/connection.h"
+#include "common/error.h"
 #include "common/host_plist.h"
 #include "common/raii.h"
 #include "tarn/tarn_device.h"
@@ -15,6 +16,7 @@ extern "C" {
 
 TARN_API uint32_t GetPurchaseMusicListFromPlist(PodDevice *device, const char *path, plist_t items, uint64_t *total,
                                                 PodPlistParser parser) {
+  const tarn::ApiCall api_call;
   tarn::PlistPtr root = tarn::ParseHostPlist(path, parser);
   if (!root || plist_get_node_type(root.get()) != PLIST_DICT || plist_dict_get_size(root.get()) == 0) return 0;
   plist_t purchases = plist_dict_get_item(root.get(), "contentInfoByXMLFilename");
@@ -42,7 +44,11 @@ TARN_API uint32_t GetPurchaseMusicListFromPlist(PodDevice *device, const char *p
     if (id == nullptr || plist_get_node_type(name_node) != PLIST_STRING) continue;
     const tarn::CString name = tarn::StringOf(name_node);
     tarn::CString device_path(ConcatFilePath("/Purchases", name.get()));
-    tarn::FileInfo info(GetFileInfo(conn.afc(), device_path.get()));
+    tarn::FileInfo info;
+    {
+      const tarn::KeepReason quiet;
+      info.reset(GetFileInfo(conn.afc(), device_path.get()));
+    }
     const char *size_text = info.get()[1];
     if (size_text == nullptr) continue;
     const uint64_t size = std::strtoull(size_text, nullptr, 10);

@@ -9,6 +9,7 @@
 #include "catalogue/media_item.h"
 #include "common/connection.h"
 #include "common/db_entry.h"
+#include "common/error.h"
 #include "common/raii.h"
 #include "device/music_database.h"
 #include "devicefs/walk.h"
@@ -37,10 +38,12 @@ uint64_t DurationMilliseconds(const char *text) {
 extern "C" {
 
 TARN_API int IsMatchRecordingPath(const char *path) {
+  const tarn::ApiCall api_call;
   return path != nullptr && std::strstr(path, "Recordings") != nullptr ? 1 : 0;
 }
 
 TARN_API char *GetFormatedRecordingTime(const char *source, char *dest) {
+  const tarn::ApiCall api_call;
   // strncpy stops reading at a shorter name's terminator and zero-fills
   // the rest of the 15 bytes.
   if (source != nullptr && dest != nullptr) std::strncpy(dest, source, kTitleLength);
@@ -48,6 +51,7 @@ TARN_API char *GetFormatedRecordingTime(const char *source, char *dest) {
 }
 
 TARN_API int RecordingDbCallback(void *context, int columns, char **values, char **) {
+  const tarn::ApiCall api_call;
   auto *ctx = static_cast<RecordingRowContext *>(context);
   if (ctx == nullptr || columns < 3 || values == nullptr || values[1] == nullptr) return 0;
   const char *label = values[2];
@@ -55,7 +59,12 @@ TARN_API int RecordingDbCallback(void *context, int columns, char **values, char
   // part from the recordings folder on exists on the media partition.
   const char *device_path = std::strstr(values[1], kRecordingFolder);
   if (device_path == nullptr) return 0;
-  tarn::FileInfo info(GetFileInfo(ctx->client, device_path));
+  tarn::FileInfo info;
+  {
+    // A recording the database names but the device no longer has is left out.
+    const tarn::KeepReason quiet;
+    info.reset(GetFileInfo(ctx->client, device_path));
+  }
   if (info.get()[tarn::kInfoSize] == nullptr) return 0;
   const uint64_t size = std::strtoull(info.get()[tarn::kInfoSize], nullptr, 10);
 
@@ -76,12 +85,16 @@ TARN_API int RecordingDbCallback(void *context, int columns, char **values, char
 }
 
 TARN_API plist_t ReadRecordingDbTypeSQLITE(PodDevice *device, const char *path) {
+  const tarn::ApiCall api_call;
   sqlite3 *raw = nullptr;
   // Read only: a missing copy must not turn into a new empty database in
   // the working directory.
   const int rc = sqlite3_open_v2(path ? path : "", &raw, SQLITE_OPEN_READONLY, nullptr);
   tarn::SqliteDb db(raw);
-  if (rc != SQLITE_OK) return nullptr;
+  if (rc != SQLITE_OK) {
+    tarn::SetDatabaseError(path, raw ? sqlite3_errmsg(raw) : "");
+    return nullptr;
+  }
 
   tarn::PlistPtr result(tarn::NewTrackListResult());
   RecordingRowContext ctx{0, tarn::ListItems(result.get()), 0, nullptr};
@@ -91,10 +104,10 @@ TARN_API plist_t ReadRecordingDbTypeSQLITE(PodDevice *device, const char *path) 
     // The device's own sync must not remove recordings while they are sized.
     tarn::SyncLock lock(conn.afc());
     ctx.client = conn.afc();
-    sqlite3_exec(db.get(), kRecordingQuery, RecordingDbCallback, &ctx, &error);
+    if (sqlite3_exec(db.get(), kRecordingQuery, RecordingDbCallback, &ctx, &error) != SQLITE_OK)
+      tarn::SetDatabaseError(path, error ? error : "");
   }
-  // A failed query keeps the rows handed over before it; its message is
-  // of no use to the application.
+  // A failed query keeps the rows handed over before it.
   tarn::SqliteText owned_error(error);
   if (ctx.count == 0) return nullptr;
   tarn::AddToListCounts(result.get(), ctx.count, ctx.total);
@@ -102,6 +115,7 @@ TARN_API plist_t ReadRecordingDbTypeSQLITE(PodDevice *device, const char *path) 
 }
 
 TARN_API plist_t ReadRecordingDbTypeCdb(const char *path) {
+  const tarn::ApiCall api_call;
   const tarn::MusicDatabase db(path);
   if (!db || itdb_tracks_number(db.get()) == 0) return nullptr;
   // Unlike the database route, this result carries no "total".
@@ -129,6 +143,7 @@ TARN_API plist_t ReadRecordingDbTypeCdb(const char *path) {
 }
 
 TARN_API plist_t GetRecordingList(PodDevice *device, uint32_t, uint32_t) {
+  const tarn::ApiCall api_call;
   plist_t result = nullptr;
   const bool listed = tarn::WalkDbFiles(device, "RecordingDb", [&](uint64_t type, const char *device_path) {
     // Of the music databases only the compressed one is parsed, as for

@@ -5,6 +5,7 @@
 
 #include "catalogue/media_item.h"
 #include "common/db_entry.h"
+#include "common/error.h"
 #include "common/raii.h"
 #include "device/music_database.h"
 #include "tarn/tarn_device.h"
@@ -30,6 +31,7 @@ plist_t ListOfKind(PodDevice *device, uint32_t kind) {
 extern "C" {
 
 TARN_API int IsMatchTrackType(Itdb_Track *track, uint32_t kind) {
+  const tarn::ApiCall api_call;
   if (track == nullptr) return 0;
   // The whole value is compared, never single bits: a track that combines
   // flags (0x60, 0x3) is no TV show and no movie and counts as music.
@@ -49,6 +51,7 @@ TARN_API int IsMatchTrackType(Itdb_Track *track, uint32_t kind) {
 }
 
 TARN_API plist_t ReadTrackDbTypeCdb(const char *path, uint32_t kind) {
+  const tarn::ApiCall api_call;
   const tarn::MusicDatabase db(path);
   if (!db || itdb_tracks_number(db.get()) == 0) return nullptr;
   tarn::PlistPtr result(tarn::NewTrackListResult());
@@ -66,6 +69,7 @@ TARN_API plist_t ReadTrackDbTypeCdb(const char *path, uint32_t kind) {
 }
 
 TARN_API plist_t GetMusicList(PodDevice *device, uint32_t, uint32_t) {
+  const tarn::ApiCall api_call;
   std::puts("GetAudioList");
   plist_t result = nullptr;
   tarn::WalkDbFiles(device, "TrackDb", [&](uint64_t type, const char *device_path) {
@@ -89,12 +93,25 @@ TARN_API plist_t GetMusicList(PodDevice *device, uint32_t, uint32_t) {
 }
 
 TARN_API plist_t GetMovieList(PodDevice *device, uint32_t, uint32_t) {
+  const tarn::ApiCall api_call;
   std::puts("GetVideoList");
   return ListOfKind(device, kMovies);
 }
-TARN_API plist_t GetPodcastList(PodDevice *device, uint32_t, uint32_t) { return ListOfKind(device, kPodcasts); }
-TARN_API plist_t GetTvshowList(PodDevice *device, uint32_t, uint32_t) { return ListOfKind(device, kTvShows); }
-TARN_API plist_t GetAudioBookList(PodDevice *device, uint32_t, uint32_t) { return ListOfKind(device, kAudioBooks); }
-TARN_API plist_t GetRingtonesList(PodDevice *device, uint32_t, uint32_t) { return ListOfKind(device, kRingtones); }
+TARN_API plist_t GetPodcastList(PodDevice *device, uint32_t, uint32_t) {
+  const tarn::ApiCall api_call;
+  return ListOfKind(device, kPodcasts);
+}
+TARN_API plist_t GetTvshowList(PodDevice *device, uint32_t, uint32_t) {
+  const tarn::ApiCall api_call;
+  return ListOfKind(device, kTvShows);
+}
+TARN_API plist_t GetAudioBookList(PodDevice *device, uint32_t, uint32_t) {
+  const tarn::ApiCall api_call;
+  return ListOfKind(device, kAudioBooks);
+}
+TARN_API plist_t GetRingtonesList(PodDevice *device, uint32_t, uint32_t) {
+  const tarn::ApiCall api_call;
+  return ListOfKind(device, kRingtones);
+}
 
 }  // extern "C"

@@ -11,23 +11,64 @@ DeviceConnection::DeviceConnection(const char *device_id) {
 
 DeviceConnection::~DeviceConnection() { CloseIdeviceAndAfC(afc_, device_); }
 
+bool ConnectDevice(const char *device_id, idevice_t *device) {
+  *device = nullptr;
+  if (device_id == nullptr) {
+    SetError(TARN_E_INVALID_ARGUMENT, "No device identifier was given.");
+    return false;
+  }
+  if (idevice_new(device, device_id) == IDEVICE_E_SUCCESS) return true;
+  *device = nullptr;
+  SetConnectError(device_id);
+  return false;
+}
+
+lockdownd_client_t Handshake(idevice_t device, const char *device_id, const char *label) {
+  lockdownd_client_t lockdown = nullptr;
+  const lockdownd_error_t err = lockdownd_client_new_with_handshake(device, &lockdown, label);
+  if (err == LOCKDOWN_E_SUCCESS) return lockdown;
+  SetLockdownError(err, device_id);
+  return nullptr;
+}
+
+afc_client_t StartFileService(idevice_t device, lockdownd_client_t lockdown, const char *device_id) {
+  lockdownd_service_descriptor_t service = nullptr;
+  afc_client_t afc = nullptr;
+  const lockdownd_error_t err = lockdownd_start_service(lockdown, kAfcServiceName, &service);
+  if (err != LOCKDOWN_E_SUCCESS || service == nullptr) {
+    SetLockdownError(err == LOCKDOWN_E_SUCCESS ? LOCKDOWN_E_INVALID_SERVICE : err, device_id);
+  } else if (afc_client_new(device, service, &afc) != AFC_E_SUCCESS) {
+    afc = nullptr;
+    // The port the device handed out could not be connected.
+    SetLockdownError(LOCKDOWN_E_SERVICE_PROHIBITED, device_id);
+  }
+  if (service) lockdownd_service_descriptor_free(service);
+  return afc;
+}
+
+void LockSyncFile(afc_client_t client, uint64_t handle) {
+  const afc_error_t err = afc_file_lock(client, handle, AFC_LOCK_EX);
+  if (err == AFC_E_OP_WOULD_BLOCK) {
+    SetError(TARN_E_SYNC_LOCK_BUSY,
+             "The device is syncing with another computer (another party holds its sync lock); the work went on "
+             "without the lock.");
+  } else {
+    SetAfcError(err, kSyncLockPath);
+  }
+}
+
 LockdownSession::LockdownSession(const char *device_id, const char *label) {
-  if (device_id == nullptr || idevice_new(&device_, device_id) != IDEVICE_E_SUCCESS) {
-    device_ = nullptr;
+  if (!ConnectDevice(device_id, &device_)) {
     status_ = Status::kNoDevice;
     return;
   }
-  if (lockdownd_client_new_with_handshake(device_, &lockdown_, label) != LOCKDOWN_E_SUCCESS) {
-    lockdown_ = nullptr;
+  lockdown_ = Handshake(device_, device_id, label);
+  if (lockdown_ == nullptr) {
     status_ = Status::kHandshakeRefused;
     return;
   }
   status_ = Status::kOk;
-  lockdownd_service_descriptor_t service = nullptr;
-  if (lockdownd_start_service(lockdown_, kAfcServiceName, &service) == LOCKDOWN_E_SUCCESS && service) {
-    if (afc_client_new(device_, service, &afc_) != AFC_E_SUCCESS) afc_ = nullptr;
-  }
-  if (service) lockdownd_service_descriptor_free(service);
+  afc_ = StartFileService(device_, lockdown_, device_id);
 }
 
 LockdownSession::~LockdownSession() {
@@ -37,9 +78,15 @@ LockdownSession::~LockdownSession() {
 }
 
 AfcFile::AfcFile(afc_client_t client, const char *path, afc_file_mode_t mode) : client_(client) {
-  if (client_ == nullptr || path == nullptr) return;
+  if (client_ == nullptr || path == nullptr) {
+    SetError(TARN_E_INVALID_ARGUMENT, client_ ? "No device path was given." : "No file-service connection was given.");
+    return;
+  }
   error_ = afc_file_open(client_, path, mode, &handle_);
-  if (error_ != AFC_E_SUCCESS) handle_ = 0;
+  if (error_ != AFC_E_SUCCESS) {
+    handle_ = 0;
+    SetAfcError(error_, path);
+  }
 }
 
 void AfcFile::close() {
@@ -51,7 +98,7 @@ void AfcFile::close() {
 
 SyncLock::SyncLock(afc_client_t client)
     : client_(client), file_(client, kSyncLockPath, AFC_FOPEN_RW) {
-  if (file_.handle() != 0) afc_file_lock(client_, file_.handle(), AFC_LOCK_EX);
+  if (file_.handle() != 0) LockSyncFile(client_, file_.handle());
 }
 
 SyncLock::~SyncLock() {
@@ -64,22 +111,16 @@ SyncLock::~SyncLock() {
 extern "C" {
 
 TARN_API uint64_t TarnSyncLock(afc_client_t client) {
-  tarn::ClearError();
-  if (client == nullptr) {
-    tarn::SetError(TARN_E_INVALID_ARGUMENT);
-    return 0;
-  }
-  uint64_t handle = 0;
-  if (afc_file_open(client, tarn::kSyncLockPath, AFC_FOPEN_RW, &handle) != AFC_E_SUCCESS || handle == 0) {
-    tarn::SetError(TARN_E_DEVICE, "The device's sync-lock file could not be opened.");
-    return 0;
-  }
-  if (afc_file_lock(client, handle, AFC_LOCK_EX) != AFC_E_SUCCESS) tarn::SetError(TARN_E_SYNC_LOCK_BUSY);
-  return handle;
+  const tarn::ApiCall api_call;
+  tarn::AfcFile file(client, tarn::kSyncLockPath, AFC_FOPEN_RW);
+  if (!file.is_open()) return 0;
+  tarn::LockSyncFile(client, file.handle());
+  // The caller closes the lock file with TarnSyncUnlock.
+  return file.release();
 }
 
 TARN_API void TarnSyncUnlock(afc_client_t client, uint64_t lock) {
-  tarn::ClearError();
+  // A release leaves the record alone: see the header.
   if (client == nullptr || lock == 0) return;
   afc_file_lock(client, lock, AFC_LOCK_UN);
   afc_file_close(client, lock);

@@ -16,6 +16,16 @@ inline constexpr const char *kSyncLockPath = "/com.apple.itunes.lock_sync";
 inline constexpr const char *kAfcServiceName = "com.apple.afc";
 inline constexpr uint32_t kBlockSize = 65536;
 
+// The steps of a connection, shared by both kinds of connection below and
+// OpenIdeviceAndAfC; each records why it failed.
+bool ConnectDevice(const char *device_id, idevice_t *device);
+lockdownd_client_t Handshake(idevice_t device, const char *device_id, const char *label);
+afc_client_t StartFileService(idevice_t device, lockdownd_client_t lockdown, const char *device_id);
+
+// Takes the device's sync lock on an open lock file. Another party holding
+// it records TARN_E_SYNC_LOCK_BUSY; the caller goes on without the lock.
+void LockSyncFile(afc_client_t client, uint64_t handle);
+
 // Device connection plus file-conduit client (OpenIdeviceAndAfC), released
 // together (CloseIdeviceAndAfC).
 class DeviceConnection {
@@ -71,6 +81,12 @@ class AfcFile {
   uint64_t handle() const { return handle_; }
   bool is_open() const { return error_ == AFC_E_SUCCESS && handle_ != 0; }
   void close();
+  // Hands the open handle to the caller, who closes it.
+  uint64_t release() {
+    const uint64_t handle = handle_;
+    handle_ = 0;
+    return handle;
+  }
 
  private:
   afc_client_t client_;

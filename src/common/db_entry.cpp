@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "common/error.h"
 #include "common/host_plist.h"
 
 namespace tarn {
@@ -25,10 +26,15 @@ bool WalkDbEntry(plist_t entry, const DbFileVisitor &visit) {
   return false;
 }
 
-bool WalkDbFiles(const PodDevice *device, const char *kind, const DbFileVisitor &visit) {
-  if (device == nullptr || device->dbInfo == nullptr) return false;
-  plist_t entry = plist_dict_get_item(device->dbInfo, kind);
-  if (entry == nullptr) return false;
+bool WalkDbFiles(const PodDevice *device, const char *kind, const DbFileVisitor &visit, bool required) {
+  plist_t entry = device && device->dbInfo ? plist_dict_get_item(device->dbInfo, kind) : nullptr;
+  if (entry == nullptr) {
+    if (required)
+      SetError(TARN_E_DATABASE_ABSENT,
+               std::string("The device has no database of this kind (") + kind +
+                   "), or the handle was not initialised with InitDevice.");
+    return false;
+  }
   WalkDbEntry(entry, visit);
   return true;
 }

@@ -40,8 +40,9 @@ using DbFileVisitor = std::function<bool(uint64_t type, const char *device_path)
 bool WalkDbEntry(plist_t entry, const DbFileVisitor &visit);
 
 // Looks up kind in the handle's dbInfo and walks it. Returns false when the
-// handle has no entry of that kind (nothing is visited).
-bool WalkDbFiles(const PodDevice *device, const char *kind, const DbFileVisitor &visit);
+// handle has no entry of that kind (nothing is visited); that records
+// TARN_E_DATABASE_ABSENT unless the caller has another way (required false).
+bool WalkDbFiles(const PodDevice *device, const char *kind, const DbFileVisitor &visit, bool required = true);
 
 // The host path of the local copy of a device database: hostDir followed by
 // the device path's last '/' and base name.

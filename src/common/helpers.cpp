@@ -2,10 +2,12 @@
 // texts, missing values and paths are handled everywhere in the library.
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
+#include "common/error.h"
 #include "common/host_plist.h"
 #include "common/raii.h"
 #include "tarn/tarn_device.h"
@@ -24,39 +26,47 @@ char *CopyText(const char *text) {
 extern "C" {
 
 TARN_API int InsertPlistDictString(plist_t dict, const char *key, const char *text) {
+  const tarn::ApiCall api_call;
   plist_dict_set_item(dict, key, plist_new_string(text ? text : ""));
   return 0;
 }
 
 TARN_API int AddNoneValuePlistDictString(plist_t dict, const char *key, const char *text) {
+  const tarn::ApiCall api_call;
   plist_dict_set_item(dict, key, plist_new_string(text && *text ? text : "(None)"));
   return 0;
 }
 
 TARN_API void AddPlistStrToDict(plist_t dict, const char *key, plist_t node) {
+  const tarn::ApiCall api_call;
   tarn::CString value = tarn::StringOf(node);
   InsertPlistDictString(dict, key, value.get());
 }
 
 TARN_API void AddPlistNoneStrToDict(plist_t dict, const char *key, plist_t node) {
+  const tarn::ApiCall api_call;
   tarn::CString value = tarn::StringOf(node);
   AddNoneValuePlistDictString(dict, key, value.get());
 }
 
 TARN_API int AppendPlistArrayString(plist_t array, const char *text) {
+  const tarn::ApiCall api_call;
   plist_array_append_item(array, plist_new_string(text ? text : ""));
   return 0;
 }
 
 TARN_API plist_t PlistCopyZero(plist_t node) {
+  const tarn::ApiCall api_call;
   return node ? plist_copy(node) : plist_new_uint(0);
 }
 
 TARN_API plist_t PlistCopyEmptyString(plist_t node) {
+  const tarn::ApiCall api_call;
   return node ? plist_copy(node) : plist_new_string("");
 }
 
 TARN_API void PrintPlist(plist_t node) {
+  const tarn::ApiCall api_call;
   std::puts("..................................");
   if (node == nullptr) return;
   char *xml = nullptr;
@@ -67,6 +77,7 @@ TARN_API void PrintPlist(plist_t node) {
 }
 
 TARN_API int IsBinPlist(const char *path) {
+  const tarn::ApiCall api_call;
   if (path == nullptr) return 0;
   tarn::HostFile f(std::fopen(path, "rb"));
   if (!f) return 0;
@@ -76,18 +87,21 @@ TARN_API int IsBinPlist(const char *path) {
 }
 
 TARN_API const char *GetFileName(const char *path) {
+  const tarn::ApiCall api_call;
   if (path == nullptr) return nullptr;
   const char *slash = std::strrchr(path, '/');
   return slash ? slash + 1 : path;
 }
 
 TARN_API char *GetFilePostfix(const char *path) {
+  const tarn::ApiCall api_call;
   if (path == nullptr) return nullptr;
   const char *dot = std::strrchr(path, '.');
   return dot ? CopyText(dot) : nullptr;
 }
 
 TARN_API char *ConcatStr(const char *first, const char *second) {
+  const tarn::ApiCall api_call;
   if (first == nullptr) first = "";
   if (second == nullptr) second = "";
   const size_t a = std::strlen(first), b = std::strlen(second);
@@ -99,6 +113,7 @@ TARN_API char *ConcatStr(const char *first, const char *second) {
 }
 
 TARN_API char *ConcatFilePath(const char *dir, const char *name) {
+  const tarn::ApiCall api_call;
   if (dir == nullptr) dir = "";
   if (name == nullptr) name = "";
   // The separator is decided by the last '/' alone: a directory that already
@@ -112,11 +127,13 @@ TARN_API char *ConcatFilePath(const char *dir, const char *name) {
 }
 
 TARN_API int IsExistInStr(const char *text, const char *needle) {
+  const tarn::ApiCall api_call;
   if (text == nullptr || needle == nullptr) return 0;
   return std::strstr(text, needle) != nullptr ? 1 : 0;
 }
 
 TARN_API char *ReplaceChar(const char *text, char replacement, char target) {
+  const tarn::ApiCall api_call;
   char *copy = CopyText(text ? text : "");
   if (copy == nullptr || replacement == target) return copy;
   for (char *p = copy; *p; ++p) {
@@ -126,12 +143,14 @@ TARN_API char *ReplaceChar(const char *text, char replacement, char target) {
 }
 
 TARN_API int64_t GetFileSize(const char *path) {
+  const tarn::ApiCall api_call;
   struct stat st;
   if (path == nullptr || ::stat(path, &st) != 0) return 0;
   return static_cast<int64_t>(st.st_size);
 }
 
 TARN_API int64_t WGetFileSize(const char *path) {
+  const tarn::ApiCall api_call;
   if (path == nullptr) return 0;
   tarn::HostFile f(std::fopen(path, "rb"));
   if (!f) return 0;
@@ -140,6 +159,12 @@ TARN_API int64_t WGetFileSize(const char *path) {
   return end < 0 ? 0 : static_cast<int64_t>(end);
 }
 
-TARN_API int Mkdir(const char *path) { return TarnMkdir(path); }
+TARN_API int Mkdir(const char *path) {
+  const tarn::ApiCall api_call;
+  errno = 0;
+  const int status = TarnMkdir(path);
+  if (status != 0) tarn::SetHostError(path == nullptr || *path == '\0' ? EINVAL : errno != 0 ? errno : EEXIST, path);
+  return status;
+}
 
 }  // extern "C"

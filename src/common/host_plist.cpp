@@ -1,11 +1,16 @@
 #include "common/host_plist.h"
 
+#include <glib.h>
+
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
+
+#include "common/error.h"
 
 namespace tarn {
 namespace {
@@ -57,16 +62,30 @@ void CutStringsAtNul(plist_t root) {
 }  // namespace
 
 PlistPtr ParseHostPlist(const char *path, PodPlistParser parser) {
+  if (parser == nullptr) {
+    SetError(TARN_E_INVALID_ARGUMENT, "No property-list parser was given.");
+    return nullptr;
+  }
   HostFile file(path ? std::fopen(path, "rb") : nullptr);
-  if (!file || parser == nullptr) return nullptr;
+  if (!file) {
+    SetDatabaseError(path, path ? g_strerror(errno) : "");
+    return nullptr;
+  }
   const int64_t size = GetFileSize(path);
-  if (size <= 0 || size > UINT32_MAX) return nullptr;
+  if (size <= 0 || size > UINT32_MAX) {
+    SetDatabaseError(path, size <= 0 ? "it is empty" : "it is too large");
+    return nullptr;
+  }
   // One byte more than the file, zeroed: the XML parser may read a
   // terminator.
   std::vector<char> bytes(static_cast<size_t>(size) + 1, '\0');
-  if (std::fread(bytes.data(), 1, static_cast<size_t>(size), file.get()) != static_cast<size_t>(size)) return nullptr;
+  if (std::fread(bytes.data(), 1, static_cast<size_t>(size), file.get()) != static_cast<size_t>(size)) {
+    SetDatabaseError(path, "it could not be read whole");
+    return nullptr;
+  }
   plist_t root = nullptr;
   parser(bytes.data(), static_cast<uint32_t>(size), &root);
+  if (root == nullptr) SetDatabaseError(path, "it is no property list");
   if (root) CutStringsAtNul(root);
   return PlistPtr(root);
 }

@@ -9,6 +9,7 @@
 
 #include "common/connection.h"
 #include "common/db_entry.h"
+#include "common/error.h"
 #include "common/raii.h"
 #include "devicefs/transfer.h"
 #include "tarn/tarn_device.h"
@@ -23,6 +24,8 @@ namespace {
 template <size_t N>
 plist_t BuildEntry(afc_client_t client, const char *const (&table)[N]) {
   tarn::PlistPtr entry(plist_new_array());
+  // A database the device does not have is an answer, not a failure.
+  const tarn::KeepReason quiet;
   for (size_t i = 0; i < N; ++i) {
     if (IsPodFileValid(client, table[i]) != 1) continue;
     plist_t pair = plist_new_dict();
@@ -39,9 +42,17 @@ plist_t BuildEntry(afc_client_t client, const char *const (&table)[N]) {
 extern "C" {
 
 TARN_API int IsPodFileValid(afc_client_t client, const char *path) {
+  const tarn::ApiCall api_call;
   char **attrs = nullptr;
-  if (client == nullptr || path == nullptr || afc_get_file_info(client, path, &attrs) != AFC_E_SUCCESS) {
+  if (client == nullptr || path == nullptr) {
+    tarn::SetError(TARN_E_INVALID_ARGUMENT,
+                   client ? "No device path was given." : "No file-service connection was given.");
+    return 0;
+  }
+  const afc_error_t err = afc_get_file_info(client, path, &attrs);
+  if (err != AFC_E_SUCCESS) {
     if (attrs) g_strfreev(attrs);
+    tarn::SetAfcError(err, path);
     return 0;
   }
   // A success that carries no information (an empty answer gives no
@@ -55,22 +66,51 @@ TARN_API int IsPodFileValid(afc_client_t client, const char *path) {
   return 1;
 }
 
-TARN_API plist_t GetMusicDBFileInfo(afc_client_t client) { return BuildEntry(client, tarn::kTrackDbPath); }
+TARN_API plist_t GetMusicDBFileInfo(afc_client_t client) {
+  const tarn::ApiCall api_call;
+  return BuildEntry(client, tarn::kTrackDbPath);
+}
 // Every media kind lives in the one music database; each kind keeps a
 // builder of its own name for callers that ask by kind.
-TARN_API plist_t GetPodcastDBFileInfo(afc_client_t client) { return GetMusicDBFileInfo(client); }
-TARN_API plist_t GetTvshowDBFileInfo(afc_client_t client) { return GetMusicDBFileInfo(client); }
-TARN_API plist_t GetAudioBookDBFileInfo(afc_client_t client) { return GetMusicDBFileInfo(client); }
-TARN_API plist_t GetMovieDBFileInfo(afc_client_t client) { return GetMusicDBFileInfo(client); }
-TARN_API plist_t GetBookDBFileInfo(afc_client_t client) { return BuildEntry(client, tarn::kBookDbPath); }
-TARN_API plist_t GetCameraDBFileInfo(afc_client_t client) { return BuildEntry(client, tarn::kCameraDbPath); }
-TARN_API plist_t GetRecordingDBFileInfo(afc_client_t client) { return BuildEntry(client, tarn::kRecordingDbPath); }
+TARN_API plist_t GetPodcastDBFileInfo(afc_client_t client) {
+  const tarn::ApiCall api_call;
+  return GetMusicDBFileInfo(client);
+}
+TARN_API plist_t GetTvshowDBFileInfo(afc_client_t client) {
+  const tarn::ApiCall api_call;
+  return GetMusicDBFileInfo(client);
+}
+TARN_API plist_t GetAudioBookDBFileInfo(afc_client_t client) {
+  const tarn::ApiCall api_call;
+  return GetMusicDBFileInfo(client);
+}
+TARN_API plist_t GetMovieDBFileInfo(afc_client_t client) {
+  const tarn::ApiCall api_call;
+  return GetMusicDBFileInfo(client);
+}
+TARN_API plist_t GetBookDBFileInfo(afc_client_t client) {
+  const tarn::ApiCall api_call;
+  return BuildEntry(client, tarn::kBookDbPath);
+}
+TARN_API plist_t GetCameraDBFileInfo(afc_client_t client) {
+  const tarn::ApiCall api_call;
+  return BuildEntry(client, tarn::kCameraDbPath);
+}
+TARN_API plist_t GetRecordingDBFileInfo(afc_client_t client) {
+  const tarn::ApiCall api_call;
+  return BuildEntry(client, tarn::kRecordingDbPath);
+}
 TARN_API plist_t GetUserPictureDBFileInfo(afc_client_t client) {
+  const tarn::ApiCall api_call;
   return BuildEntry(client, tarn::kUserPictureDbPath);
 }
 
 TARN_API int CopyDbFileToNativeDir(PodDevice *device, afc_client_t client, plist_t entry) {
-  if (entry == nullptr) return 1;
+  const tarn::ApiCall api_call;
+  if (entry == nullptr) {
+    tarn::SetError(TARN_E_INVALID_ARGUMENT, "No database entry was given.");
+    return 1;
+  }
   tarn::WalkDbEntry(entry, [&](uint64_t, const char *device_path) {
     const char *name = GetFileName(device_path);
     tarn::CString local(ConcatFilePath(device->hostDir, name));
@@ -94,8 +134,12 @@ TARN_API int CopyDbFileToNativeDir(PodDevice *device, afc_client_t client, plist
 }
 
 TARN_API int InitDevice(PodDevice *device, const char *host_dir) {
+  const tarn::ApiCall api_call;
   std::puts("InitDevice");
-  if (device == nullptr) return 1;
+  if (device == nullptr) {
+    tarn::SetError(TARN_E_INVALID_ARGUMENT, "No device handle was given.");
+    return 1;
+  }
   // A second initialisation of the same handle replaces the directory and
   // the database information; the old ones are released here rather than
   // lost.
@@ -127,7 +171,7 @@ TARN_API int InitDevice(PodDevice *device, const char *host_dir) {
   device->dbInfo = info.release();
 
   for (const tarn::PlistPtr *entry : {&music, &books, &camera, &recordings, &pictures}) {
-    CopyDbFileToNativeDir(device, client, entry->get());
+    if (*entry) CopyDbFileToNativeDir(device, client, entry->get());
   }
   return 0;
 }

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "common/connection.h"
+#include "common/error.h"
 #include "common/raii.h"
 #include "device/music_database.h"
 #include "tarn/tarn_device.h"
@@ -23,10 +24,11 @@ uint64_t ListTotal(plist_t list) {
 extern "C" {
 
 TARN_API void SetDeviceUsage(PodDevice *device, afc_client_t client, plist_t info) {
+  const tarn::ApiCall api_call;
   if (info == nullptr) return;
   int64_t capacity = 0, available = 0;
   char **attrs = nullptr;
-  if (client) afc_get_device_info(client, &attrs);
+  if (client) tarn::SetAfcError(afc_get_device_info(client, &attrs), nullptr);
   tarn::StrVec owned(attrs);
   // The keys come in the order the device sends them, and only when it
   // sends them.
@@ -43,6 +45,8 @@ TARN_API void SetDeviceUsage(PodDevice *device, afc_client_t client, plist_t inf
   // The music and movie totals come out of the same database: it is parsed
   // once for both, and freed before this returns.
   const tarn::SharedMusicDatabase one_parse;
+  // A list that cannot be built counts as 0 and is no failure here.
+  const tarn::KeepReason quiet;
   const uint64_t audio = ListTotal(GetMusicList(device, 0, 0));
   const uint64_t video = ListTotal(GetMovieList(device, 0, 0));
   const uint64_t photos = ListTotal(GetCameraPVList(device, 0, 0));
@@ -58,8 +62,12 @@ TARN_API void SetDeviceUsage(PodDevice *device, afc_client_t client, plist_t inf
 }
 
 TARN_API plist_t GetDeviceInfo(PodDevice *device) {
+  const tarn::ApiCall api_call;
   std::puts("GetDeviceInfo");
-  if (device == nullptr) return nullptr;
+  if (device == nullptr) {
+    tarn::SetError(TARN_E_INVALID_ARGUMENT, "No device handle was given.");
+    return nullptr;
+  }
   tarn::LockdownSession session(device->deviceId, "iPod");
   if (session.status() != tarn::LockdownSession::Status::kOk) return nullptr;
 

@@ -35,6 +35,7 @@
 #include <thread>
 #include <vector>
 
+#include "common/error.h"
 #include "common/raii.h"
 #include "device/itdb_check.h"
 #include "tarn/tarn_device.h"
@@ -311,13 +312,10 @@ MusicDatabase::MusicDatabase(const char *path) {
 
 }  // namespace tarn
 
-extern "C" {
+namespace {
 
-TARN_API Itdb_iTunesDB *m_itdb_parse_file(const char *path, GError **error) {
-  if (path == nullptr) {
-    g_return_if_fail_warning(nullptr, "m_itdb_parse_file", "filename");
-    return nullptr;
-  }
+// The parse proper; m_itdb_parse_file records why it gave nothing.
+Itdb_iTunesDB *ParseMusicDatabase(const char *path, GError **error) {
   // A missing file is no database; libgpod would otherwise say so less
   // clearly.
   if (!g_file_test(path, G_FILE_TEST_IS_REGULAR)) {
@@ -376,6 +374,27 @@ TARN_API Itdb_iTunesDB *m_itdb_parse_file(const char *path, GError **error) {
   itdb_set_mountpoint(db, nullptr);
   g_free(db->filename);
   db->filename = g_strdup(path);
+  return db;
+}
+
+}  // namespace
+
+extern "C" {
+
+TARN_API Itdb_iTunesDB *m_itdb_parse_file(const char *path, GError **error) {
+  const tarn::ApiCall api_call;
+  if (path == nullptr) {
+    g_return_if_fail_warning(nullptr, "m_itdb_parse_file", "filename");
+    tarn::SetError(TARN_E_INVALID_ARGUMENT, "No music database path was given.");
+    return nullptr;
+  }
+  GError *own = nullptr;
+  Itdb_iTunesDB *db = ParseMusicDatabase(path, error ? error : &own);
+  const tarn::GErrorPtr owned(own);
+  if (db == nullptr) {
+    const GError *why = error ? *error : own;
+    tarn::SetDatabaseError(path, why ? why->message : "");
+  }
   return db;
 }
 

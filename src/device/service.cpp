@@ -7,11 +7,13 @@
 #include <libimobiledevice/lockdown.h>
 
 #include "common/connection.h"
+#include "common/error.h"
 #include "tarn/tarn_device.h"
 
 extern "C" {
 
 TARN_API PodDeviceService *CreatePodDeviceService(void) {
+  const tarn::ApiCall api_call;
   std::puts("CreatePodDeviceService");
   auto *service = static_cast<PodDeviceService *>(std::calloc(1, sizeof(PodDeviceService)));
   if (service == nullptr) return nullptr;
@@ -24,12 +26,20 @@ TARN_API PodDeviceService *CreatePodDeviceService(void) {
 TARN_API void FreePodDeviceService(PodDeviceService *service) { std::free(service); }
 
 TARN_API plist_t GetDevicesId(void) {
+  const tarn::ApiCall api_call;
   std::puts("GetDevicesId");
   char **ids = nullptr;
   int count = 0;
   const idevice_error_t err = idevice_get_device_list(&ids, &count);
   if (err < 0 || count <= 0 || ids == nullptr) {
     if (ids) idevice_device_list_free(ids);
+    // With no identifier the connection error tells only "daemon out of
+    // reach" from "no device".
+    if (err < 0) {
+      tarn::SetConnectError(nullptr);
+    } else {
+      tarn::SetError(TARN_E_NO_DEVICE, "No device is attached: connect one with a USB cable and switch it on.");
+    }
     return nullptr;
   }
   plist_t list = plist_new_array();
@@ -41,6 +51,7 @@ TARN_API plist_t GetDevicesId(void) {
 }
 
 TARN_API PodDevice *CreatePodDevice(const char *device_id) {
+  const tarn::ApiCall api_call;
   std::puts("CreatePodDevice");
   // Zero-filled, so that a handle freed without InitDevice releases nothing
   // that the library did not set.
@@ -90,22 +101,17 @@ TARN_API void FreePodDevice(PodDevice *device) {
 }
 
 TARN_API afc_client_t OpenIdeviceAndAfC(idevice_t *device, const char *device_id) {
-  if (device == nullptr || device_id == nullptr) return nullptr;
-  if (idevice_new(device, device_id) != IDEVICE_E_SUCCESS) {
-    *device = nullptr;
+  const tarn::ApiCall api_call;
+  if (device == nullptr || device_id == nullptr) {
+    tarn::SetError(TARN_E_INVALID_ARGUMENT, "No device identifier (or no place for the connection) was given.");
     return nullptr;
   }
-  lockdownd_client_t lockdown = nullptr;
+  if (!tarn::ConnectDevice(device_id, device)) return nullptr;
   // On a refused handshake the device connection stays in *device for the
   // caller's CloseIdeviceAndAfC.
-  if (lockdownd_client_new_with_handshake(*device, &lockdown, "ideviceclient") != LOCKDOWN_E_SUCCESS)
-    return nullptr;
-  lockdownd_service_descriptor_t service = nullptr;
-  afc_client_t afc = nullptr;
-  if (lockdownd_start_service(lockdown, tarn::kAfcServiceName, &service) == LOCKDOWN_E_SUCCESS && service) {
-    if (afc_client_new(*device, service, &afc) != AFC_E_SUCCESS) afc = nullptr;
-  }
-  if (service) lockdownd_service_descriptor_free(service);
+  lockdownd_client_t lockdown = tarn::Handshake(*device, device_id, "ideviceclient");
+  if (lockdown == nullptr) return nullptr;
+  afc_client_t afc = tarn::StartFileService(*device, lockdown, device_id);
   // Only the device connection and the file-conduit client live on.
   lockdownd_client_free(lockdown);
   return afc;

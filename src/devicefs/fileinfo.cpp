@@ -6,6 +6,7 @@
 #include <glib.h>
 
 #include "common/connection.h"
+#include "common/error.h"
 #include "common/raii.h"
 #include "devicefs/walk.h"
 #include "tarn/tarn_device.h"
@@ -40,11 +41,19 @@ int SlotOfKey(const char *key) {
 extern "C" {
 
 TARN_API char **GetFileInfo(afc_client_t client, const char *path) {
+  const tarn::ApiCall api_call;
   // g_malloc0/g_strdup, because the vector is released with g_strfreev.
   char **info = static_cast<char **>(g_malloc0(tarn::kInfoSlots * sizeof(char *)));
   char **attrs = nullptr;
-  if (client == nullptr || path == nullptr || afc_get_file_info(client, path, &attrs) != AFC_E_SUCCESS) {
+  if (client == nullptr || path == nullptr) {
+    tarn::SetError(TARN_E_INVALID_ARGUMENT,
+                   client ? "No device path was given." : "No file-service connection was given.");
+    return info;
+  }
+  const afc_error_t err = afc_get_file_info(client, path, &attrs);
+  if (err != AFC_E_SUCCESS) {
     if (attrs) g_strfreev(attrs);
+    tarn::SetAfcError(err, path);
     return info;
   }
   tarn::StrVec owned(attrs);
@@ -59,11 +68,13 @@ TARN_API char **GetFileInfo(afc_client_t client, const char *path) {
 }
 
 TARN_API char **GetDirOrFileInfo(PodDevice *device, const char *path) {
+  const tarn::ApiCall api_call;
   tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
   return GetFileInfo(conn.afc(), path);
 }
 
 TARN_API int IsDirExist(PodDevice *device, const char *path) {
+  const tarn::ApiCall api_call;
   std::puts("IsDirExist");
   tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
   char **names = nullptr;
@@ -74,12 +85,14 @@ TARN_API int IsDirExist(PodDevice *device, const char *path) {
   std::printf("1afc_error_t %d\n", static_cast<int>(err));
   if (err != AFC_E_SUCCESS) {
     std::printf("afc_error_t %d\n", static_cast<int>(err));
+    tarn::SetAfcError(err, path);
     return 0;
   }
   return 1;
 }
 
 TARN_API int IsFileExist(PodDevice *device, const char *path) {
+  const tarn::ApiCall api_call;
   std::puts("IsFileExist");
   tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
   const tarn::AfcFile file(conn.afc(), path, AFC_FOPEN_RDONLY);
@@ -92,6 +105,7 @@ TARN_API int IsFileExist(PodDevice *device, const char *path) {
 }
 
 TARN_API int MakeDir(PodDevice *device, const char *path) {
+  const tarn::ApiCall api_call;
   std::puts("MakeDir");
   tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
   if (!conn) return 1;
@@ -99,7 +113,7 @@ TARN_API int MakeDir(PodDevice *device, const char *path) {
   if (!lock.opened()) return 1;
   // Whether the directory was made is not reported: the device also answers
   // an existing directory with success, so callers test for it themselves.
-  afc_make_directory(conn.afc(), path);
+  tarn::SetAfcError(afc_make_directory(conn.afc(), path), path);
   return 0;
 }
 

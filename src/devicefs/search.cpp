@@ -5,6 +5,7 @@
 #include <string>
 
 #include "common/connection.h"
+#include "common/error.h"
 #include "devicefs/records.h"
 #include "devicefs/walk.h"
 #include "tarn/tarn_device.h"
@@ -70,13 +71,21 @@ class Searcher {
 extern "C" {
 
 TARN_API void InternalSearchFile(afc_client_t client, const char *dir, PodSearchState *state) {
-  if (dir == nullptr || state == nullptr || state->keyword == nullptr) return;
+  const tarn::ApiCall api_call;
+  if (dir == nullptr || state == nullptr || state->keyword == nullptr) {
+    tarn::SetError(TARN_E_INVALID_ARGUMENT, "A search needs a directory and a keyword.");
+    return;
+  }
   Searcher searcher(state);
   tarn::WalkDirectory(client, dir, state->depth, searcher);
 }
 
 TARN_API PodSearchItem *SearchFile(PodDevice *device, const char *dir, const char *keyword) {
-  if (keyword == nullptr) return nullptr;
+  const tarn::ApiCall api_call;
+  if (keyword == nullptr) {
+    tarn::SetError(TARN_E_INVALID_ARGUMENT, "A search needs a keyword.");
+    return nullptr;
+  }
   tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
   PodSearchState state{keyword, nullptr, nullptr, 0};
   InternalSearchFile(conn.afc(), dir, &state);
@@ -97,29 +106,36 @@ TARN_API void FreeSearchResult(PodSearchItem *first) {
 }
 
 TARN_API int RenamePath(PodDevice *device, const char *old_path, const char *new_path) {
+  const tarn::ApiCall api_call;
   std::puts("RenamePath");
   tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
   const afc_error_t err = afc_rename_path(conn.afc(), old_path, new_path);
   std::printf("afc_error_t %d\n", static_cast<int>(err));
-  // A failed rename is only printed: callers check the outcome with
-  // IsFileExist/IsDirExist when they need to.
-  if (err != AFC_E_SUCCESS) std::printf("afc_error_t %d\n", static_cast<int>(err));
+  // A failed rename is only printed (and recorded): callers check the
+  // outcome with IsFileExist/IsDirExist when they need to.
+  if (err != AFC_E_SUCCESS) {
+    std::printf("afc_error_t %d\n", static_cast<int>(err));
+    tarn::SetAfcError(err, old_path);
+  }
   return 0;
 }
 
 TARN_API int DeleteFile(PodDevice *device, const char *path) {
+  const tarn::ApiCall api_call;
   std::puts("DeleteFile");
   tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
   const afc_error_t err = afc_remove_path(conn.afc(), path);
   std::printf("afc_error_t %d\n", static_cast<int>(err));
   if (err != AFC_E_SUCCESS) {
     std::printf("afc_error_t %d\n", static_cast<int>(err));
+    tarn::SetAfcError(err, path);
     return 1;
   }
   return 0;
 }
 
 TARN_API void _TarnDeleteDir(afc_client_t client, PodDir *dir, PodDir *root) {
+  const tarn::ApiCall api_call;
   if (dir == nullptr) return;
   for (PodDir *sub = dir->first_dir; sub != nullptr;) {
     std::printf("next_dir %s\n", tarn::Printable(sub->path));
@@ -132,18 +148,22 @@ TARN_API void _TarnDeleteDir(afc_client_t client, PodDir *dir, PodDir *root) {
     PodFile *next = file->next_file;
     // A file that cannot be removed does not stop the walk; its directory
     // then stays behind too.
-    if (file->path) afc_remove_path(client, file->path);
+    if (file->path) tarn::SetAfcError(afc_remove_path(client, file->path), file->path);
     tarn::FreeFileRecord(file);
     if (root) --root->file_count;
     file = next;
   }
   if (root) --root->dir_count;
-  if (dir->path) afc_remove_path(client, dir->path);
+  if (dir->path) tarn::SetAfcError(afc_remove_path(client, dir->path), dir->path);
   tarn::FreeDirRecord(dir);
 }
 
 TARN_API int DeleteDir(PodDevice *device, const char *path) {
-  if (path == nullptr) return 0;
+  const tarn::ApiCall api_call;
+  if (path == nullptr) {
+    tarn::SetError(TARN_E_INVALID_ARGUMENT, "No device path was given.");
+    return 0;
+  }
   tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
   auto *root = static_cast<PodDir *>(std::calloc(1, sizeof(PodDir)));
   root->path = strdup(path);

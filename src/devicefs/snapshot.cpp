@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "common/connection.h"
+#include "common/error.h"
 #include "devicefs/records.h"
 #include "devicefs/walk.h"
 #include "tarn/tarn_device.h"
@@ -129,6 +130,7 @@ void FreeDirRecord(PodDir *dir) {
 extern "C" {
 
 TARN_API void SetDirInfo(char **info, PodDir *dir, const char *) {
+  const tarn::ApiCall api_call;
   if (dir == nullptr) return;
   Assign(dir->create_date, info ? info[tarn::kInfoBirthtime] : nullptr);
   Assign(dir->modify_date, info ? info[tarn::kInfoMtime] : nullptr);
@@ -137,6 +139,7 @@ TARN_API void SetDirInfo(char **info, PodDir *dir, const char *) {
 }
 
 TARN_API void SetFileInfo(char **info, PodFile *file, const char *) {
+  const tarn::ApiCall api_call;
   if (file == nullptr) return;
   Assign(file->create_date, info ? info[tarn::kInfoBirthtime] : nullptr);
   Assign(file->modify_date, info ? info[tarn::kInfoMtime] : nullptr);
@@ -144,6 +147,7 @@ TARN_API void SetFileInfo(char **info, PodFile *file, const char *) {
 }
 
 TARN_API void StoreSubFolderAndFilesInfo(afc_client_t client, PodDir *dir, PodDir *root, int32_t level) {
+  const tarn::ApiCall api_call;
   if (dir == nullptr || root == nullptr || dir->path == nullptr) return;
   if (root->max_level != 0 && root->max_level < level) return;
   SnapshotBuilder builder(dir, root, level);
@@ -151,6 +155,7 @@ TARN_API void StoreSubFolderAndFilesInfo(afc_client_t client, PodDir *dir, PodDi
 }
 
 TARN_API PodDir *GetPodDir(PodDevice *device, const char *path, uint32_t max_level) {
+  const tarn::ApiCall api_call;
   tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
   auto *root = static_cast<PodDir *>(std::calloc(1, sizeof(PodDir)));
   root->path = CopyOrNull(path);

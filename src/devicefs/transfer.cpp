@@ -1,5 +1,6 @@
 // File transfer between device and host: single files both ways with
 // progress and cancel, and whole device directory trees to the host.
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -8,6 +9,7 @@
 #include <vector>
 
 #include "common/connection.h"
+#include "common/error.h"
 #include "common/raii.h"
 #include "devicefs/transfer.h"
 #include "devicefs/walk.h"
@@ -43,6 +45,7 @@ bool Download(PodDevice *device, afc_client_t client, const char *device_path, c
   // the transfer before it starts, like a device file that cannot be opened.
   tarn::HostFile target = OpenHostFile(host_path, "wb");
   if (!target) {
+    tarn::SetHostError(host_path ? errno : EINVAL, host_path);
     std::puts("finish _CopyFile");
     return false;
   }
@@ -54,13 +57,35 @@ bool Download(PodDevice *device, afc_client_t client, const char *device_path, c
   bool cancelled = false, whole = false;
   for (;;) {
     uint32_t got = 0;
-    if (afc_file_read(client, source.handle(), buffer.get(), kBlockSize, &got) != AFC_E_SUCCESS) break;
+    const afc_error_t err = afc_file_read(client, source.handle(), buffer.get(), kBlockSize, &got);
+    if (err != AFC_E_SUCCESS) {
+      tarn::SetAfcError(err, device_path, {done, total});
+      break;
+    }
     whole = got == 0;
-    if (got == 0 || got > kBlockSize) break;
+    if (got == 0) {
+      if (done < total)
+        tarn::SetError(TARN_E_SHORT_COPY,
+                       "The copy of \"" + std::string(device_path) + "\" ended after " + std::to_string(done) +
+                           " of its " + std::to_string(total) + " bytes: the file changed on the device while it "
+                           "was copied; copy it again.",
+                       {done, total});
+      break;
+    }
+    if (got > kBlockSize) {
+      // More than was asked for is no answer a device in order gives.
+      tarn::SetAfcError(AFC_E_TOO_MUCH_DATA, device_path, {done, total});
+      break;
+    }
     // A full host disk ends the copy like a read error does.
-    if (std::fwrite(buffer.get(), 1, got, target.get()) != got) break;
+    if (std::fwrite(buffer.get(), 1, got, target.get()) != got) {
+      tarn::SetHostError(errno, host_path, {done, total});
+      break;
+    }
     done += got;
     if (progress && progress(total, done, 0, user) != 0) {
+      tarn::SetError(TARN_E_CANCELLED, "The copy of \"" + std::string(device_path) + "\" was cancelled.",
+                     {done, total});
       cancelled = true;
       break;
     }
@@ -71,7 +96,10 @@ bool Download(PodDevice *device, afc_client_t client, const char *device_path, c
   source.close();
   // Closing flushes nothing (the file is unbuffered), but a failed close
   // still means the host may not hold every byte.
-  whole = std::fclose(target.release()) == 0 && whole;
+  if (std::fclose(target.release()) != 0) {
+    tarn::SetHostError(errno, host_path, {done, total});
+    whole = false;
+  }
   std::puts("finish _CopyFile");
   return whole;
 }
@@ -144,7 +172,11 @@ namespace tarn {
 bool DownloadWhole(PodDevice *device, afc_client_t client, const char *device_path, const char *host_path,
                    PodProgressCallback progress) {
   FileInfo info(GetFileInfo(client, device_path));
-  if (info.get()[kInfoKind] == nullptr) return false;
+  if (info.get()[kInfoKind] == nullptr) {
+    // A device that answers without saying what the path is.
+    if (CurrentCode() == TARN_OK) SetAfcError(AFC_E_OBJECT_NOT_FOUND, device_path);
+    return false;
+  }
   const char *size = info.get()[kInfoSize];
   const uint64_t total = size ? std::strtoull(size, nullptr, 10) : 0;
   info.reset();
@@ -157,11 +189,13 @@ extern "C" {
 
 TARN_API void _CopyFileFromDeviceToNative(PodDevice *device, afc_client_t client, const char *device_path,
                                           const char *host_path, PodProgressCallback progress) {
+  const tarn::ApiCall api_call;
   tarn::DownloadWhole(device, client, device_path, host_path, progress);
 }
 
 TARN_API void CopyFileFromDeviceToNative(PodDevice *device, const char *device_path, const char *host_path,
                                          PodProgressCallback progress) {
+  const tarn::ApiCall api_call;
   std::puts("CopyDeviceFile");
   {
     tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
@@ -175,9 +209,11 @@ TARN_API void CopyFileFromDeviceToNative(PodDevice *device, const char *device_p
 
 TARN_API void _TarnCopyFileFromNativeToDevice(PodDevice *device, afc_client_t client, const char *host_path,
                                               const char *device_path, PodProgressCallback progress) {
+  const tarn::ApiCall api_call;
   const uint64_t total = static_cast<uint64_t>(WGetFileSize(host_path));
   tarn::HostFile source = OpenHostFile(host_path, "rb");
   if (!source) {
+    tarn::SetHostError(host_path ? errno : EINVAL, host_path);
     std::printf("can't read file %s\n", host_path ? host_path : "(null)");
     return;
   }
@@ -193,19 +229,25 @@ TARN_API void _TarnCopyFileFromNativeToDevice(PodDevice *device, afc_client_t cl
   // as callers have always received it.
   while (!std::feof(source.get())) {
     const size_t n = std::fread(buffer.get(), 1, kBlockSize, source.get());
-    if (n < kBlockSize && std::ferror(source.get())) break;
+    if (n < kBlockSize && std::ferror(source.get())) {
+      tarn::SetHostError(errno, host_path, {done, total});
+      break;
+    }
     uint32_t written = 0;
-    if (afc_file_write(client, target.handle(), buffer.get(), static_cast<uint32_t>(n), &written) !=
-            AFC_E_SUCCESS ||
-        written > n) {
+    const afc_error_t err =
+        afc_file_write(client, target.handle(), buffer.get(), static_cast<uint32_t>(n), &written);
+    if (err != AFC_E_SUCCESS || written > n) {
       // More written than sent is what a connection lost in mid-write
       // reports; it is an error like any other.
+      tarn::SetAfcError(err != AFC_E_SUCCESS ? err : AFC_E_MUX_ERROR, device_path, {done, total});
       last = 0;
       break;
     }
     last = written;
     done += written;
     if (progress && progress(total, done, 0, user) != 0) {
+      tarn::SetError(TARN_E_CANCELLED, "The copy to \"" + std::string(device_path) + "\" was cancelled.",
+                     {done, total});
       cancelled = true;
       break;
     }
@@ -219,6 +261,7 @@ TARN_API void _TarnCopyFileFromNativeToDevice(PodDevice *device, afc_client_t cl
 
 TARN_API int CopyFileFromNativeToDevice(PodDevice *device, const char *host_path, const char *device_path,
                                         PodProgressCallback progress) {
+  const tarn::ApiCall api_call;
   std::puts("CopyFileFromNativeToDevice");
   tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
   if (!conn) return 1;
@@ -230,13 +273,16 @@ TARN_API int CopyFileFromNativeToDevice(PodDevice *device, const char *host_path
 
 TARN_API void _CopyDirectory(PodDevice *device, afc_client_t client, const char *device_parent, const char *name,
                              const char *host_parent) {
+  const tarn::ApiCall api_call;
   // An empty name copies the parent itself (the start of a directory copy);
   // any other name must be one a walk could have listed.
-  if (name == nullptr || (name[0] != '\0' && !tarn::IsWalkableName(name))) return;
   // Without both directories there is nothing to copy from or into; an empty
   // host directory would otherwise become the host's root.
-  if (device_parent == nullptr || host_parent == nullptr || device_parent[0] == '\0' || host_parent[0] == '\0')
+  if (name == nullptr || (name[0] != '\0' && !tarn::IsWalkableName(name)) || device_parent == nullptr ||
+      host_parent == nullptr || device_parent[0] == '\0' || host_parent[0] == '\0') {
+    tarn::SetError(TARN_E_INVALID_ARGUMENT, "A directory copy needs a device directory, a usable name and a host directory.");
     return;
+  }
   const std::string source = AsDirectory(device_parent, name);
   const std::string target = AsDirectory(host_parent, name);
   std::printf("from is %s\n", source.c_str());
@@ -250,6 +296,7 @@ TARN_API void _CopyDirectory(PodDevice *device, afc_client_t client, const char 
 }
 
 TARN_API void CopyDeviceDirectory(PodDevice *device, const char *device_dir, const char *host_dir) {
+  const tarn::ApiCall api_call;
   std::puts("CopyDeviceDirectory");
   // Neither a failed connection nor a lock file that cannot be opened stops
   // the copy: it then reads nothing, or reads without the lock.

@@ -10,14 +10,33 @@ bool IsWalkableName(const char *name) {
 
 StrVec ListDirectory(afc_client_t client, const char *path) {
   char **names = nullptr;
-  if (client == nullptr || path == nullptr) return StrVec();
+  if (client == nullptr || path == nullptr) {
+    SetError(TARN_E_INVALID_ARGUMENT, client ? "No device path was given." : "No file-service connection was given.");
+    return StrVec();
+  }
   // A failed listing may still have handed out a vector; it is released
   // either way.
   StrVec owned;
   const afc_error_t err = afc_read_directory(client, path, &names);
   owned.reset(names);
-  if (err != AFC_E_SUCCESS) owned.reset();
+  if (err != AFC_E_SUCCESS) {
+    owned.reset();
+    SetAfcError(err, path);
+  }
   return owned;
+}
+
+void ReportWalk(const std::string &dir, const WalkBudget &budget) {
+  if (CurrentCode() == TARN_E_CONNECTION_LOST) {
+    SetProgress(Progress{budget.visited(), 0});
+  } else if (budget.cut) {
+    const std::string bound = budget.left == 0 ? std::to_string(TARN_MAX_WALK_ENTRIES) + " entries"
+                                               : std::to_string(TARN_MAX_WALK_DEPTH) + " levels";
+    SetError(TARN_E_WALK_CUT,
+             "The walk of \"" + dir + "\" stopped at its bound of " + bound + " after " +
+                 std::to_string(budget.visited()) + " entries; what lies beyond was left out.",
+             Progress{budget.visited(), 0});
+  }
 }
 
 std::string JoinDevicePath(const std::string &dir, const char *name, PathJoin join) {

@@ -17,11 +17,14 @@
 // are the guards that cost nothing per entry.
 #pragma once
 
+#include <cstdint>
 #include <cstring>
+#include <optional>
 #include <string>
 
 #include <libimobiledevice/afc.h>
 
+#include "common/error.h"
 #include "common/raii.h"
 #include "tarn/tarn_device.h"
 
@@ -65,10 +68,54 @@ struct WalkEntry {
   bool is_dir;              // IsDirInfo(info)
 };
 
-// The entries a walk may still visit, shared by all its directories.
+// The entries a walk may still visit, shared by all its directories, and
+// whether a bound left anything out.
 struct WalkBudget {
   long left = TARN_MAX_WALK_ENTRIES;
+  bool cut = false;
+  uint64_t visited() const { return static_cast<uint64_t>(TARN_MAX_WALK_ENTRIES - left); }
 };
+
+// Records what a finished walk of dir met: TARN_E_WALK_CUT when a bound left
+// entries out, or the entries visited when its connection was lost.
+void ReportWalk(const std::string &dir, const WalkBudget &budget);
+
+template <class Visitor>
+bool WalkTree(afc_client_t client, const std::string &dir, int depth, Visitor &visitor, PathJoin join,
+              WalkBudget &budget, bool report_listing) {
+  if (depth >= TARN_MAX_WALK_DEPTH) {
+    budget.cut = true;
+    return false;
+  }
+  StrVec names;
+  {
+    // Only the start directory's listing is the caller's business: a
+    // subdirectory that cannot be listed is passed over like an empty one.
+    std::optional<KeepReason> quiet;
+    if (!report_listing) quiet.emplace();
+    names = ListDirectory(client, dir.c_str());
+  }
+  if (!names) return false;
+  char **name = names.get();
+  for (; *name != nullptr && budget.left > 0; ++name) {
+    if (!IsWalkableName(*name)) continue;
+    --budget.left;
+    const std::string path = JoinDevicePath(dir, *name, join);
+    FileInfo info;
+    {
+      // An entry gone since the listing is no failure of the walk.
+      const KeepReason quiet;
+      info.reset(GetFileInfo(client, path.c_str()));
+    }
+    const WalkEntry entry{*name, path, info.get(), depth + 1, IsDirInfo(info.get())};
+    bool listed = false;
+    if (visitor.Enter(entry) && entry.is_dir)
+      listed = WalkTree(client, path, depth + 1, visitor, join, budget, false);
+    visitor.Leave(entry, listed);
+  }
+  for (; *name != nullptr && !budget.cut; ++name) budget.cut = IsWalkableName(*name);
+  return true;
+}
 
 // Walks the entries of dir in the device's listing order, depth first.
 // depth is dir's own depth (0 for the start of a walk). For each walkable
@@ -78,27 +125,16 @@ struct WalkBudget {
 //   void visitor.Leave(const WalkEntry &, bool listed)
 // where listed says whether the directory could be listed. Returns whether
 // dir itself was listed; directories at TARN_MAX_WALK_DEPTH are not. Once
-// the budget is spent, the remaining entries are skipped; a walk started
-// without one gets its own.
+// the walk's TARN_MAX_WALK_ENTRIES are spent, the remaining entries are
+// skipped. Records a cut or a lost connection (ReportWalk), and why dir
+// could not be listed unless the caller expects that it may be absent.
 template <class Visitor>
 bool WalkDirectory(afc_client_t client, const std::string &dir, int depth, Visitor &visitor,
-                   PathJoin join = PathJoin::kAlwaysSlash, WalkBudget *budget = nullptr) {
-  if (depth >= TARN_MAX_WALK_DEPTH) return false;
-  WalkBudget own;
-  if (budget == nullptr) budget = &own;
-  StrVec names = ListDirectory(client, dir.c_str());
-  if (!names) return false;
-  for (char **name = names.get(); *name != nullptr && budget->left > 0; ++name) {
-    if (!IsWalkableName(*name)) continue;
-    --budget->left;
-    const std::string path = JoinDevicePath(dir, *name, join);
-    FileInfo info(GetFileInfo(client, path.c_str()));
-    const WalkEntry entry{*name, path, info.get(), depth + 1, IsDirInfo(info.get())};
-    bool listed = false;
-    if (visitor.Enter(entry) && entry.is_dir) listed = WalkDirectory(client, path, depth + 1, visitor, join, budget);
-    visitor.Leave(entry, listed);
-  }
-  return true;
+                   PathJoin join = PathJoin::kAlwaysSlash, bool may_be_absent = false) {
+  WalkBudget budget;
+  const bool listed = WalkTree(client, dir, depth, visitor, join, budget, !may_be_absent);
+  ReportWalk(dir, budget);
+  return listed;
 }
 
 }  // namespace tarn

@@ -187,9 +187,12 @@ TEST_F(ToolTest, CtrlCCancelsAPullKeepingNothingAndReleasingTheDevice) {
   ToolProcess tool({"pull", "/Big/big.bin", host("big.bin")}, Env());
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
   std::error_code ec;
+  // The download's temporary file: a hidden name beside the target.
   auto partial = [&] {
-    const uintmax_t size = fs::file_size(host("big.bin.tarn-part"), ec);
-    return ec ? 0 : size;
+    uintmax_t size = 0;
+    for (const auto &entry : fs::directory_iterator(host(""), ec))
+      if (entry.path().filename().string().rfind(".tarn-", 0) == 0) size = fs::file_size(entry.path(), ec);
+    return size;
   };
   while (partial() < (256u << 10) && std::chrono::steady_clock::now() < deadline)
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -197,7 +200,7 @@ TEST_F(ToolTest, CtrlCCancelsAPullKeepingNothingAndReleasingTheDevice) {
   tool.Signal(SIGINT);
   ExpectFailure(tool.Wait(), 130, "cancelled");
   EXPECT_FALSE(fs::exists(host("big.bin")));
-  EXPECT_FALSE(fs::exists(host("big.bin.tarn-part")));
+  EXPECT_TRUE(fs::is_empty(host(""))) << "the temporary file is removed";
   sim->set_option(kUdid, "latency_us", "0");
   tarn::testing::ExpectIdle(*sim, kUdid, "a cancelled pull");
   EXPECT_LT(sim->stats(kUdid).total("FileRead"), 60u) << "the transfer stopped early";
@@ -212,7 +215,7 @@ TEST_F(ToolTest, ExportGivesTheLibraryBackUnderReadableNamesWithPlaylistsAndResu
   // Every file under the name a person gave it, with its own bytes and time.
   std::map<std::string, std::string> content_to_name;
   for (const auto &entry : fs::recursive_directory_iterator(out))
-    if (entry.is_regular_file()) content_to_name[ReadAll(entry.path())] = fs::relative(entry.path(), out).string();
+    if (entry.is_regular_file() && entry.path().filename() != ".tarn-export.json") content_to_name[ReadAll(entry.path())] = fs::relative(entry.path(), out).string();
   ASSERT_EQ(content_to_name.size(), Tracks().size());
   std::map<std::string, std::string> name_of;  // track id -> exported name
   for (const Track &t : Tracks()) name_of[t.id] = content_to_name[TrackContent(t)];
@@ -230,7 +233,8 @@ TEST_F(ToolTest, ExportGivesTheLibraryBackUnderReadableNamesWithPlaylistsAndResu
   ASSERT_EQ(r.code, 0) << r.err;
   for (const char *id : {"t1", "t3"})
     EXPECT_EQ(ReadAll(fs::path(host("intros")) / name_of[id]), TrackContent(Tracks()[id[1] - '1'])) << id;
-  EXPECT_EQ(std::distance(fs::recursive_directory_iterator(host("intros")), fs::recursive_directory_iterator()), 4);
+  EXPECT_EQ(std::distance(fs::recursive_directory_iterator(host("intros")), fs::recursive_directory_iterator()), 5)
+      << "two files, their two directories and the export's record";
 
   r = Tarn({"export", "playlists", out.string()});
   ASSERT_EQ(r.code, 0) << r.err;
@@ -292,15 +296,30 @@ TEST_F(ToolTest, TheWorkingDirectoryIsPerDeviceAndNeverTrustsAnInterruptedCopy) 
   r = Tarn({"list", "music", "--json"});
   EXPECT_EQ(json::parse(r.out)["item"].size(), Tracks().size());
 
-  // --workdir takes the user's directory as it is and never empties one
-  // the tool did not set up.
+  // A device whose music database changed is read afresh without --refresh.
+  json fewer = Description();
+  fewer["music"]["tracks"].erase(fewer["music"]["tracks"].size() - 1);
+  fewer["music"]["playlists"] = json::array();
+  tarn::testing::build_image(fewer, dir.path() + "/fewer");
+  fs::copy_file(dir.path() + "/fewer/media/iTunes_Control/iTunes/iTunesCDB", media("/iTunes_Control/iTunes/iTunesCDB"),
+                fs::copy_options::overwrite_existing);
+  fs::last_write_time(media("/iTunes_Control/iTunes/iTunesCDB"), fs::file_time_type::clock::now() + std::chrono::hours(1));
+  r = Tarn({"list", "music", "--json"});
+  EXPECT_EQ(json::parse(r.out)["item"].size(), Tracks().size() - 1) << r.err;
+
+  // --workdir takes an empty directory of the user's; one holding files the
+  // tool did not write (a stale "iTunesCDB" would be read as the device's)
+  // is neither used nor emptied.
   const fs::path mine = host("mine");
-  WriteAll(mine / "notes.txt", "keep me");
+  fs::create_directories(mine);
   r = Tarn({"--workdir", mine.string(), "list", "music", "--json"});
   ASSERT_EQ(r.code, 0) << r.err;
   EXPECT_TRUE(fs::exists(mine / "iTunesCDB"));
-  ExpectFailure(Tarn({"--workdir", mine.string(), "--refresh", "list", "music"}), 8, "not a tarn working directory");
-  EXPECT_EQ(ReadAll(mine / "notes.txt"), "keep me");
+  const fs::path theirs = host("theirs");
+  WriteAll(theirs / "iTunesCDB", "not the device's");
+  for (const char *refresh : {"--refresh", "--no-progress"})
+    ExpectFailure(Tarn({"--workdir", theirs.string(), refresh, "list", "music"}), 8, "not a tarn working directory");
+  EXPECT_EQ(ReadAll(theirs / "iTunesCDB"), "not the device's");
 }
 
 }  // namespace

@@ -42,7 +42,7 @@ int Partials(const fs::path &dir) {
   int n = 0;
   std::error_code ec;
   for (auto it = fs::recursive_directory_iterator(dir, ec); it != fs::recursive_directory_iterator(); ++it)
-    n += it->path().string().ends_with(".tarn-part");
+    n += it->path().filename().string().starts_with(".tarn-");
   return n;
 }
 

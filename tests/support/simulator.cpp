@@ -199,6 +199,7 @@ SimStats Simulator::stats(const std::string& udid) {
   s.connections_open = rep.value("connections_open", 0);
   s.files_open = rep.value("files_open", 0);
   s.locks_held = rep.value("locks_held", 0);
+  s.tls_sessions = rep.value("tls_sessions", uint64_t{0});
   return s;
 }
 
@@ -225,6 +226,25 @@ SimStats Simulator::idle_stats(const std::string& udid) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   return s;
+}
+
+NoUsbmux::NoUsbmux() {
+  char tmpl[] = "/tmp/tarn-nomux-XXXXXX";
+  if (!::mkdtemp(tmpl)) fail(std::string("mkdtemp: ") + std::strerror(errno));
+  dir_ = tmpl;
+  if (const char* old = std::getenv("USBMUXD_SOCKET_ADDRESS")) {
+    old_ = old;
+    had_old_ = true;
+  }
+  ::setenv("USBMUXD_SOCKET_ADDRESS", ("UNIX:" + dir_ + "/usbmuxd.sock").c_str(), 1);
+}
+
+NoUsbmux::~NoUsbmux() {
+  if (had_old_)
+    ::setenv("USBMUXD_SOCKET_ADDRESS", old_.c_str(), 1);
+  else
+    ::unsetenv("USBMUXD_SOCKET_ADDRESS");
+  ::rmdir(dir_.c_str());
 }
 
 }  // namespace tarn::testing

@@ -25,6 +25,7 @@ struct SimStats {
   int connections_open = 0;  // usbmux connections to the device open now
   int files_open = 0;        // file-conduit file handles open now
   int locks_held = 0;        // file-conduit locks held now
+  uint64_t tls_sessions = 0;  // lockdown sessions that completed a TLS handshake
   uint64_t total(const std::string& op) const {
     auto it = requests.find(op);
     return it == requests.end() ? 0 : it->second;
@@ -68,6 +69,21 @@ class Simulator {
  private:
   struct Impl;
   Impl* impl_;
+};
+
+// Points USBMUXD_SOCKET_ADDRESS, for its lifetime, at a socket path where
+// nothing listens: what clients meet on a host without usbmuxd.
+class NoUsbmux {
+ public:
+  NoUsbmux();
+  ~NoUsbmux();
+  NoUsbmux(const NoUsbmux&) = delete;
+  NoUsbmux& operator=(const NoUsbmux&) = delete;
+
+ private:
+  std::string dir_;
+  std::string old_;
+  bool had_old_ = false;
 };
 
 }  // namespace tarn::testing

@@ -1,0 +1,171 @@
+#include "catalogue_model.h"
+
+#include "common/naming.h"
+
+namespace tarn::desktop {
+namespace {
+
+using Field = CatalogueModel::Field;
+
+std::vector<Field> FieldsOf(Kind kind) {
+  switch (kind) {
+    case Kind::kPlaylists: return {Field::kPlaylist, Field::kTracks, Field::kTime};
+    case Kind::kRecordings: return {Field::kLabel, Field::kRecorded, Field::kTime, Field::kSize, Field::kPath};
+    case Kind::kBooks: return {Field::kCatalogue, Field::kTitle, Field::kAuthor, Field::kGenre, Field::kPath};
+    case Kind::kCamera:
+    case Kind::kPictures: return {Field::kPath, Field::kSize, Field::kModified};
+    default: return {Field::kTitle, Field::kArtist, Field::kAlbum, Field::kGenre, Field::kTime, Field::kSize};
+  }
+}
+
+const char *HeaderOf(Field field) {
+  switch (field) {
+    case Field::kTitle: return QT_TRANSLATE_NOOP("CatalogueModel", "Title");
+    case Field::kArtist: return QT_TRANSLATE_NOOP("CatalogueModel", "Artist");
+    case Field::kAlbum: return QT_TRANSLATE_NOOP("CatalogueModel", "Album");
+    case Field::kGenre: return QT_TRANSLATE_NOOP("CatalogueModel", "Genre");
+    case Field::kTime: return QT_TRANSLATE_NOOP("CatalogueModel", "Time");
+    case Field::kSize: return QT_TRANSLATE_NOOP("CatalogueModel", "Size");
+    case Field::kPlaylist: return QT_TRANSLATE_NOOP("CatalogueModel", "Playlist");
+    case Field::kTracks: return QT_TRANSLATE_NOOP("CatalogueModel", "Tracks");
+    case Field::kLabel: return QT_TRANSLATE_NOOP("CatalogueModel", "Label");
+    case Field::kRecorded: return QT_TRANSLATE_NOOP("CatalogueModel", "Recorded");
+    case Field::kPath: return QT_TRANSLATE_NOOP("CatalogueModel", "Path");
+    case Field::kCatalogue: return QT_TRANSLATE_NOOP("CatalogueModel", "Catalogue");
+    case Field::kAuthor: return QT_TRANSLATE_NOOP("CatalogueModel", "Author");
+    case Field::kModified: return QT_TRANSLATE_NOOP("CatalogueModel", "Modified");
+  }
+  return "";
+}
+
+uint64_t PlaylistMillis(plist_t playlist) {
+  uint64_t millis = 0;
+  for (plist_t item : ArrayItems(DictArray(playlist, "item"))) millis += DictUint(item, "time");
+  return millis;
+}
+
+
+}  // namespace
+
+const std::vector<PageKind> &PageKinds() {
+  static const std::vector<PageKind> kinds = [] {
+    std::vector<PageKind> out;
+    for (const app::KindInfo &info : app::Kinds()) {
+      const char *title = "";
+      switch (info.kind) {
+        case Kind::kMusic: title = QT_TRANSLATE_NOOP("Kinds", "Music"); break;
+        case Kind::kMovies: title = QT_TRANSLATE_NOOP("Kinds", "Movies"); break;
+        case Kind::kPodcasts: title = QT_TRANSLATE_NOOP("Kinds", "Podcasts"); break;
+        case Kind::kTvShows: title = QT_TRANSLATE_NOOP("Kinds", "TV Shows"); break;
+        case Kind::kAudiobooks: title = QT_TRANSLATE_NOOP("Kinds", "Audiobooks"); break;
+        case Kind::kRingtones: title = QT_TRANSLATE_NOOP("Kinds", "Ringtones"); break;
+        case Kind::kPlaylists: title = QT_TRANSLATE_NOOP("Kinds", "Playlists"); break;
+        case Kind::kRecordings: title = QT_TRANSLATE_NOOP("Kinds", "Voice Memos"); break;
+        case Kind::kBooks: title = QT_TRANSLATE_NOOP("Kinds", "Books"); break;
+        case Kind::kCamera: title = QT_TRANSLATE_NOOP("Kinds", "Camera Roll"); break;
+        case Kind::kPictures: title = QT_TRANSLATE_NOOP("Kinds", "Pictures"); break;
+      }
+      out.push_back({info.kind, info.name, title});
+    }
+    return out;
+  }();
+  return kinds;
+}
+
+void CatalogueModel::setList(Kind kind, SharedPlist list, plist_t items) {
+  beginResetModel();
+  kind_ = kind;
+  fields_ = FieldsOf(kind);
+  rows_.clear();
+  plist_t root = static_cast<plist_t>(list.get());
+  if (items != nullptr) {
+    for (plist_t item : ArrayItems(items)) rows_.push_back({item, false});
+  } else if (kind == Kind::kBooks) {
+    for (plist_t catalogue : ArrayItems(root)) {
+      const bool purchased = DictString(catalogue, "catalog") == QLatin1String("PurchaseBook");
+      for (plist_t item : ArrayItems(DictArray(catalogue, "item"))) rows_.push_back({item, purchased});
+    }
+  } else if (kind == Kind::kPlaylists) {
+    // The first playlist is the master playlist: the library itself.
+    const std::vector<plist_t> all = ArrayItems(root);
+    for (size_t i = 1; i < all.size(); ++i) rows_.push_back({all[i], false});
+  } else {
+    const std::vector<plist_t> all = ArrayItems(DictArray(root, "item"));
+    rows_.reserve(all.size());
+    for (plist_t item : all) rows_.push_back({item, false});
+  }
+  list_ = std::move(list);
+  endResetModel();
+}
+
+void CatalogueModel::clear() {
+  beginResetModel();
+  rows_.clear();
+  list_.reset();
+  endResetModel();
+}
+
+int CatalogueModel::rowCount(const QModelIndex &parent) const {
+  return parent.isValid() ? 0 : static_cast<int>(rows_.size());
+}
+
+int CatalogueModel::columnCount(const QModelIndex &parent) const {
+  return parent.isValid() ? 0 : static_cast<int>(fields_.size());
+}
+
+QVariant CatalogueModel::Display(const Row &row, Field field) const {
+  plist_t item = row.item;
+  switch (field) {
+    case Field::kTitle: return DictString(item, "title");
+    case Field::kArtist:
+    case Field::kAuthor: return Known(item, "artist");
+    case Field::kAlbum: return Known(item, "album");
+    case Field::kGenre: return Known(item, "genre");
+    case Field::kTime: return HumanDuration(kind_ == Kind::kPlaylists ? PlaylistMillis(item) : DictUint(item, "time"));
+    case Field::kSize: return HumanSize(DictUint(item, "size"));
+    case Field::kPlaylist: return DictString(item, "name");
+    case Field::kTracks: return QString::number(DictUint(item, "number"));
+    case Field::kLabel: return DictString(item, "name");
+    case Field::kRecorded: return Q(app::RecordingTime(app::DictString(item, "title"), ":"));
+    case Field::kPath: return DictString(item, "path");
+    case Field::kCatalogue: return row.purchased ? tr("purchased") : tr("user");
+    case Field::kModified: return DictString(item, "time");
+  }
+  return {};
+}
+
+QVariant CatalogueModel::SortKey(const Row &row, Field field) const {
+  switch (field) {
+    case Field::kTime:
+      return QVariant::fromValue<qulonglong>(kind_ == Kind::kPlaylists ? PlaylistMillis(row.item) : DictUint(row.item, "time"));
+    case Field::kSize: return QVariant::fromValue<qulonglong>(DictUint(row.item, "size"));
+    case Field::kTracks: return QVariant::fromValue<qulonglong>(DictUint(row.item, "number"));
+    default: return Display(row, field).toString().toCaseFolded();
+  }
+}
+
+QVariant CatalogueModel::data(const QModelIndex &index, int role) const {
+  if (!index.isValid() || static_cast<size_t>(index.row()) >= rows_.size()) return {};
+  const Row &row = rows_[static_cast<size_t>(index.row())];
+  const Field field = fields_[static_cast<size_t>(index.column())];
+  switch (role) {
+    case Qt::DisplayRole:
+    case Qt::ToolTipRole: return Display(row, field);
+    case kSortRole: return SortKey(row, field);
+    case kItemRole: return QVariant::fromValue<quintptr>(reinterpret_cast<quintptr>(row.item));
+    case Qt::TextAlignmentRole:
+      if (field == Field::kTime || field == Field::kSize || field == Field::kTracks)
+        return QVariant::fromValue<int>(Qt::AlignRight | Qt::AlignVCenter);
+      return {};
+    default: return {};
+  }
+}
+
+QVariant CatalogueModel::headerData(int section, Qt::Orientation orientation, int role) const {
+  if (orientation != Qt::Horizontal || role != Qt::DisplayRole || section < 0 ||
+      static_cast<size_t>(section) >= fields_.size())
+    return QAbstractTableModel::headerData(section, orientation, role);
+  return tr(HeaderOf(fields_[static_cast<size_t>(section)]));
+}
+
+}  // namespace tarn::desktop

@@ -1,0 +1,65 @@
+// The catalogue pages' tables: a model over the library's own property
+// list. Rows point into the list; nothing is copied per row, so the 50,000
+// tracks of a full phone cost one pointer each on top of the list.
+#pragma once
+
+#include <vector>
+
+#include <QAbstractTableModel>
+
+#include "common/catalogue.h"
+#include "device.h"
+
+namespace tarn::desktop {
+
+using app::Kind;
+
+// A catalogue page: its kind and the title on its tab.
+struct PageKind {
+  Kind kind;
+  const char *key;    // as `tarn list` names it
+  const char *title;
+};
+const std::vector<PageKind> &PageKinds();
+
+class CatalogueModel : public QAbstractTableModel {
+  Q_OBJECT
+ public:
+  // The raw value of a cell (a number, or folded text), for sorting.
+  static constexpr int kSortRole = Qt::UserRole;
+  // The item's dictionary, as a quintptr.
+  static constexpr int kItemRole = Qt::UserRole + 1;
+
+  explicit CatalogueModel(QObject *parent = nullptr) : QAbstractTableModel(parent) {}
+
+  // Shows `list` (the library's result for `kind`). For a playlist's
+  // members, `items` is the member array inside `list`.
+  void setList(Kind kind, SharedPlist list, plist_t items = nullptr);
+  void clear();
+
+  Kind kind() const { return kind_; }
+  plist_t item(int row) const { return rows_[static_cast<size_t>(row)].item; }
+  // Items as a person counts them: playlists without the library's master list.
+  int rowCount(const QModelIndex &parent = {}) const override;
+  int columnCount(const QModelIndex &parent = {}) const override;
+  QVariant data(const QModelIndex &index, int role) const override;
+  QVariant headerData(int section, Qt::Orientation orientation, int role) const override;
+
+  enum class Field { kTitle, kArtist, kAlbum, kGenre, kTime, kSize, kPlaylist, kTracks, kLabel, kRecorded, kPath,
+                     kCatalogue, kAuthor, kModified };
+
+ private:
+  struct Row {
+    plist_t item;
+    bool purchased;  // books: from the purchased catalogue
+  };
+  QVariant Display(const Row &row, Field field) const;
+  QVariant SortKey(const Row &row, Field field) const;
+
+  Kind kind_ = Kind::kMusic;
+  SharedPlist list_;
+  std::vector<Row> rows_;
+  std::vector<Field> fields_;
+};
+
+}  // namespace tarn::desktop

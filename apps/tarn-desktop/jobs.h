@@ -1,0 +1,102 @@
+// Long work off the window's thread. Every job runs on a pool thread with
+// a device handle of its own (a handle may not be shared between threads)
+// and reports back through queued calls; a transfer also publishes its
+// progress through atomics that the window samples, so a fast copy cannot
+// flood the event loop.
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <set>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include <QFutureWatcher>
+#include <QMutex>
+#include <QObject>
+#include <QThreadPool>
+#include <QTimer>
+#include <QtConcurrent/QtConcurrentRun>
+
+#include "common/export.h"
+#include "device.h"
+
+namespace tarn::desktop {
+
+// The pool of the window's jobs: more threads than cores, since most of
+// them wait on the device rather than compute.
+QThreadPool *JobPool();
+
+// Runs `work` on the pool and hands its result to `done` on the thread of
+// `context`; nothing is delivered once `context` is gone.
+template <typename Work, typename Done>
+void RunInBackground(QObject *context, Work work, Done done) {
+  using Result = std::invoke_result_t<Work>;
+  auto *watcher = new QFutureWatcher<Result>(context);
+  QObject::connect(watcher, &QFutureWatcherBase::finished, context, [watcher, done = std::move(done)]() mutable {
+    done(watcher->result());
+    watcher->deleteLater();
+  });
+  watcher->setFuture(QtConcurrent::run(JobPool(), std::move(work)));
+}
+
+struct TransferItem {
+  QString device_path;
+  QString host_path;
+  bool is_dir = false;
+};
+
+struct TransferResult {
+  int copied = 0;
+  int skipped = 0;  // already there
+  uint64_t bytes = 0;
+  bool cancelled = false;
+  QStringList failed;  // "<path>: <reason>"
+  QStringList notes;   // what else a person should hear about
+  Reason reason;       // the first failure's reason
+  QString Summary() const;
+};
+
+class Transfer : public QObject {
+  Q_OBJECT
+ public:
+  enum class Direction { kDownload, kUpload, kExport };
+  Transfer(QString udid, Direction direction, std::vector<TransferItem> items, QObject *parent = nullptr);
+  // An export through the same code as `tarn export`.
+  Transfer(QString udid, app::ExportRequest request, QObject *parent = nullptr);
+  ~Transfer() override;
+
+  void Start();
+  // Asks the copy to stop at its next block; its partial file is removed.
+  void Cancel();
+  bool Running() const { return running_; }
+  Direction direction() const { return direction_; }
+
+ signals:
+  void Progress(quint64 done, quint64 total, const QString &current);
+  void Finished(const tarn::desktop::TransferResult &result);
+
+ public:
+  struct State {
+    std::atomic<bool> cancel{false};
+    std::atomic<uint64_t> done{0};
+    std::atomic<uint64_t> total{0};
+    QMutex mutex;
+    QString current;
+  };
+
+ private:
+  void Publish();
+  QString udid_;
+  Direction direction_;
+  std::vector<TransferItem> items_;
+  app::ExportRequest request_;
+  std::shared_ptr<State> state_;
+  QTimer tick_;
+  bool running_ = false;
+};
+
+}  // namespace tarn::desktop
+
+Q_DECLARE_METATYPE(tarn::desktop::TransferResult)

@@ -1,0 +1,89 @@
+// The desktop's music page against GetMusicList on the same image: the time
+// until the page's table is ready (a worker's session, the list and the
+// model), and the heap the page holds against the list's own, since the
+// model points into the list rather than copying rows.
+//
+//   bench_desktop_music --image DIR [--reps N]
+#include <malloc.h>
+#include <unistd.h>
+
+#include <QApplication>
+#include <QEventLoop>
+#include <QTemporaryDir>
+
+#include "bench_util.h"
+#include "common/session.h"
+#include "pages.h"
+#include "simulator.h"
+
+namespace {
+
+using namespace tarn::bench;
+
+size_t HeapInUse() { return mallinfo2().uordblks; }
+
+}  // namespace
+
+int main(int argc, char **argv) try {
+  // One arena for every thread, so that the heap figure sees the workers';
+  // glibc takes it only at start, so the program starts itself again.
+  if (std::getenv("TARN_BENCH_ONE_ARENA") == nullptr) {
+    setenv("TARN_BENCH_ONE_ARENA", "1", 1);
+    setenv("GLIBC_TUNABLES", "glibc.malloc.arena_max=1", 1);
+    execv("/proc/self/exe", argv);
+    throw std::runtime_error("cannot start again with one malloc arena");
+  }
+  mallopt(M_ARENA_MAX, 1);
+  std::string image;
+  for (int i = 1; i + 1 < argc; ++i)
+    if (std::string(argv[i]) == "--image") image = argv[i + 1];
+  const int reps = static_cast<int>(Option(argc, argv, "--reps", 5));
+  if (image.empty()) throw std::runtime_error("usage: bench_desktop_music --image DIR [--reps N]");
+  QTemporaryDir cache;
+  qputenv("XDG_CACHE_HOME", cache.path().toUtf8());
+  qputenv("QT_QPA_PLATFORM", "offscreen");
+  const std::string udid = "00008030-00B16B16B16B1601";
+  tarn::testing::Simulator sim({{image, udid, {}}});
+  QApplication app(argc, argv);
+  std::vector<double> list_secs, page_secs, list_heap, page_heap;
+  int tracks = 0;
+  {
+  QuietStdout quiet;
+  tarn::app::Session session(tarn::desktop::SessionFor(QString::fromStdString(udid)), udid);
+  session.InitCatalogue();
+  for (int i = 0; i < reps; ++i) {
+    const size_t before = HeapInUse();
+    plist_t list = nullptr;
+    list_secs.push_back(Seconds([&] { list = GetMusicList(session.device(), 0, 0); }));
+    list_heap.push_back(static_cast<double>(HeapInUse() - before));
+    plist_free(list);
+  }
+  tarn::desktop::CataloguePage page(tarn::desktop::PageKinds().front());
+  for (int i = 0; i < reps; ++i) {
+    page.Clear();
+    tarn::desktop::JobPool()->waitForDone();
+    // The finished load's watcher still holds the old list until it is deleted.
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    const size_t before = HeapInUse();
+    QEventLoop loop;
+    QObject::connect(&page, &tarn::desktop::CataloguePage::Loaded, &loop, &QEventLoop::quit);
+    page_secs.push_back(Seconds([&] {
+      page.Load(QString::fromStdString(udid));
+      loop.exec();
+    }));
+    tarn::desktop::JobPool()->waitForDone();
+    page_heap.push_back(static_cast<double>(HeapInUse() - before));
+  }
+  tracks = page.model()->rowCount();
+  }
+  const double list_s = Median(list_secs), page_s = Median(page_secs);
+  Print({"desktop music page ready (" + std::to_string(tracks) + " tracks)",
+         Format("%.3f s", page_s), "GetMusicList " + Format("%.3f s", list_s), page_s / list_s, 1.5, false});
+  const double lh = Median(list_heap), ph = Median(page_heap);
+  Print({"desktop music page memory", Format("%.1f MiB", ph / 1048576), "the list " + Format("%.1f MiB", lh / 1048576),
+         ph / lh, 1.5, false});
+  return 0;
+} catch (const std::exception &e) {
+  std::fprintf(stderr, "bench_desktop_music: %s\n", e.what());
+  return 1;
+}

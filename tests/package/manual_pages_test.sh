@@ -22,11 +22,13 @@ help=$("$tarn" --help)
 commands=$(sed -n '/^Commands:/,/^$/{/^  [a-z]/s/^  \([a-z]*\).*/\1/p}' <<<"$help")
 [[ $(wc -w <<<"$commands") -ge 10 ]] || fail "cannot read the commands of tarn --help: $help"
 missing=()
+options=""
 for c in "" $commands; do
   [[ -z $c ]] || grep -Eq "^ +$c( |\$)" <<<"$page" || missing+=("command $c")
-  for option in $("$tarn" ${c:+"$c"} --help | grep -oE '(^|[ ,[(|])--?[a-zA-Z][-a-zA-Z]*' | grep -oE -- '--?[a-zA-Z][-a-zA-Z]*' | sort -u); do
-    grep -Eq -- "(^|[^-a-zA-Z])$option([^-a-zA-Z]|\$)" <<<"$page" || missing+=("${c:-global} option $option")
-  done
+  options+=" $("$tarn" ${c:+"$c"} --help | grep -oE '(^|[ ,[(|])--?[a-zA-Z][-a-zA-Z]*' | grep -oE -- '--?[a-zA-Z][-a-zA-Z]*')"
+done
+for option in $(tr ' ' '\n' <<<"$options" | sort -u); do
+  grep -Eq -- "(^|[^-a-zA-Z])$option([^-a-zA-Z]|\$)" <<<"$page" || missing+=("option $option")
 done
 for kind in $(sed -n 's/^KIND: //p' <<<"$help" | tr -d ','); do
   grep -Eq "(^|[^a-z])$kind([^a-z]|\$)" <<<"$page" || missing+=("kind $kind")

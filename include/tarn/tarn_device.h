@@ -57,6 +57,34 @@
 #define TARN_API
 #endif
 
+/* ------------------------------------------------------------------------ */
+/* Version                                                                   */
+/* ------------------------------------------------------------------------ */
+
+/** Major version of the interface this header declares; it is the soname's number. */
+#define TARN_DEVICE_VERSION_MAJOR 1
+/** Minor version: grows when functions are added. */
+#define TARN_DEVICE_VERSION_MINOR 0
+/** Patch version: grows with fixes that change no declaration. */
+#define TARN_DEVICE_VERSION_PATCH 0
+/** The three numbers as text, "MAJOR.MINOR.PATCH". */
+#define TARN_DEVICE_VERSION "1.0.0"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+/**
+ * The version of the library that is loaded, as "MAJOR.MINOR.PATCH". It may
+ * be newer than TARN_DEVICE_VERSION, the version the application was built
+ * against; the major numbers of the two always agree.
+ *
+ * @return A static string; never NULL, never released.
+ */
+TARN_API const char *TarnVersion(void);
+#ifdef __cplusplus
+}
+#endif
+
 #ifdef __cplusplus
 extern "C" {
 #endif

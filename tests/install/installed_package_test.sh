@@ -16,11 +16,18 @@ cleanup() {
 trap cleanup EXIT
 fail() { echo "FAIL: $*" >&2; exit 1; }
 
-cmake --install "$build" --prefix "$tmp/prefix" >/dev/null
-pc=$(find "$tmp/prefix" -name tarn_device.pc)
+run_path=()
+if [[ -f $build/CMakeCache.txt ]]; then
+  prefix=$tmp/prefix
+  cmake --install "$build" --prefix "$prefix" >/dev/null
+else
+  prefix=$build
+fi
+pc=$(find "$prefix" -name tarn_device.pc)
 [[ -n $pc ]] || fail "no tarn_device.pc installed"
 export PKG_CONFIG_PATH=$(dirname "$pc")
 libdir=$(dirname "$PKG_CONFIG_PATH")
+[[ $prefix == "$build" ]] && run_path=(env LD_LIBRARY_PATH="$libdir")
 
 # pkg-config: the flags must name the installed headers and library only.
 flags=$(pkg-config --cflags --libs tarn_device)
@@ -31,18 +38,15 @@ cc -Wall -Wextra -Werror $extra "$src/examples/list_music.c" $flags -o "$tmp/by_
   || fail "the example does not compile through pkg-config"
 
 # find_package: a CMake project that knows nothing but the prefix.
-cmake -S "$src/examples" -B "$tmp/cmake-build" -DCMAKE_PREFIX_PATH="$tmp/prefix" \
+cmake -S "$src/examples" -B "$tmp/cmake-build" -DCMAKE_PREFIX_PATH="$prefix" \
   -DCMAKE_C_FLAGS="$extra" -DCMAKE_EXE_LINKER_FLAGS="$extra" >"$tmp/cmake.log" 2>&1 \
   || { cat "$tmp/cmake.log" >&2; fail "find_package(TarnDevice) failed"; }
 cmake --build "$tmp/cmake-build" >"$tmp/build.log" 2>&1 || { cat "$tmp/build.log" >&2; fail "the example does not build through CMake"; }
 
 # A device to list.
-"$mkimage" "$src/sim/images/sample.json" "$tmp/image" >/dev/null
-"$devsim" --socket "$tmp/mux.sock" --device "$tmp/image" >"$tmp/sim.log" 2>&1 &
-sim_pid=$!
-for _ in $(seq 150); do grep -q "ready on" "$tmp/sim.log" && break; sleep 0.1; done
-grep -q "ready on" "$tmp/sim.log" || fail "the simulator did not start: $(cat "$tmp/sim.log")"
-export USBMUXD_SOCKET_ADDRESS="UNIX:$tmp/mux.sock"
+# shellcheck source=../support/simulator.sh
+source "$src/tests/support/simulator.sh"
+start_simulator "$mkimage" "$devsim" "$src/sim/images/sample.json"
 
 check_listing() {  # the header line's count, then as many track lines
   local out=$1 count
@@ -53,7 +57,8 @@ check_listing() {  # the header line's count, then as many track lines
 }
 # pkg-config adds no run path: a private prefix is found as any would be.
 check_listing "$(LD_LIBRARY_PATH="$libdir" "$tmp/by_pkgconfig" "$tmp/work1")"
-check_listing "$("$tmp/cmake-build/list_music" "$tmp/work2" 00008030-001A2B3C4D5E6F01)"
-# The installed tool finds the installed libraries by itself.
-[[ $(XDG_CACHE_HOME="$tmp/cache" "$tmp/prefix/bin/tarn" devices) == "00008030-001A2B3C4D5E6F01  Demo iPhone" ]] || fail "installed tarn"
+check_listing "$("${run_path[@]}" "$tmp/cmake-build/list_music" "$tmp/work2" 00008030-001A2B3C4D5E6F01)"
+# The installed tool finds the installed libraries by itself (from a
+# package, the system path does).
+[[ $(XDG_CACHE_HOME="$tmp/cache" "${run_path[@]}" "$prefix/bin/tarn" devices) == "00008030-001A2B3C4D5E6F01  Demo iPhone" ]] || fail "installed tarn"
 echo "installed package: pkg-config, find_package and the example work"

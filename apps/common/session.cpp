@@ -4,6 +4,7 @@
 
 #include <libimobiledevice/afc.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -17,6 +18,8 @@
 
 namespace tarn::app {
 namespace fs = std::filesystem;
+
+void IgnoreBrokenPipes() { std::signal(SIGPIPE, SIG_IGN); }
 
 std::vector<std::string> AttachedDevices(std::string *why_none) {
   std::vector<std::string> ids;

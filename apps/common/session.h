@@ -32,6 +32,12 @@ struct PathInfo {
   uint64_t blocks = 0;
 };
 
+// Called first thing by every program: libusbmuxd writes to the device's
+// socket with plain send(), so a device unplugged in mid-transfer would end
+// the program with SIGPIPE before it could remove its temporary files.
+// Ignored, the write fails instead and the library reports a lost connection.
+void IgnoreBrokenPipes();
+
 // The identifiers of the attached devices; empty when there are none, and
 // then `why_none` (when given) says so if usbmuxd cannot be reached.
 std::vector<std::string> AttachedDevices(std::string *why_none = nullptr);

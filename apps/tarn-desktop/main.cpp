@@ -7,6 +7,7 @@
 #include <QDir>
 #include <QTimer>
 
+#include "common/session.h"
 #include "main_window.h"
 
 namespace {
@@ -44,6 +45,7 @@ void SaveScreenshots(MainWindow &window, const QString &dir) {
 }  // namespace
 
 int main(int argc, char **argv) {
+  tarn::app::IgnoreBrokenPipes();
   QApplication app(argc, argv);
   QApplication::setApplicationName("tarn-desktop");
   QApplication::setOrganizationName("Tarn");

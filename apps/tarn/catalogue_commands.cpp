@@ -131,24 +131,24 @@ int CmdInfo(Session &session, const Args &args) {
 }
 
 int CmdList(Session &session, const Args &args) {
-  const KindInfo &spec = FindKind(args.positional[0]);
-  PlistPtr list = FetchList(session.device(), spec.kind);
+  const KindInfo &kind = FindKind(args.positional[0]);
+  PlistPtr list = FetchList(session.device(), kind.kind);
   std::FILE *out = Out();
   // A database that is there but cannot be read is not an empty library.
   if (TarnLastError()->code == TARN_E_DATABASE_UNREADABLE) {
     const std::string why = LastReason();
-    if (CountItems(list.get(), spec.kind) == 0) Fail(kExitFailed, "the " + std::string(spec.noun) + " could not be read: " + why);
+    if (CountItems(list.get(), kind.kind) == 0) Fail(kExitFailed, "the " + std::string(kind.noun) + " could not be read: " + why);
     PrintWarning(why + " Showing only what could be read.");
   }
   if (args.has("--json") || args.has("--xml")) {
     Render(out, args, list.get());
     return kExitOk;
   }
-  if (CountItems(list.get(), spec.kind) == 0) {
-    std::fprintf(out, "No %s on this device.\n", spec.noun);
+  if (CountItems(list.get(), kind.kind) == 0) {
+    std::fprintf(out, "No %s on this device.\n", kind.noun);
     return kExitOk;
   }
-  Rows rows = RowsOf(list.get(), spec.kind);
+  Rows rows = RowsOf(list.get(), kind.kind);
   Table table(rows.columns);
   for (auto &row : rows.cells) table.AddRow(std::move(row));
   table.Print(out);
@@ -157,17 +157,17 @@ int CmdList(Session &session, const Args &args) {
 }
 
 int CmdExport(Session &session, const Args &args) {
-  const KindInfo &spec = FindKind(args.positional[0]);
-  const std::string noun = spec.kind == Kind::kPlaylists ? "playlist tracks" : spec.noun;
+  const KindInfo &kind = FindKind(args.positional[0]);
+  const std::string noun = kind.kind == Kind::kPlaylists ? "playlist tracks" : kind.noun;
   ExportReport report;
   {
     TransferUi ui;
-    report = Export(session, {spec.kind, args.positional[1], args.has("--match") ? args.flags.at("--match") : "", {}},
+    report = Export(session, {kind.kind, args.positional[1], args.has("--match") ? args.flags.at("--match") : "", {}},
                     ui.hooks());
   }
   for (const auto &note : report.notes) PrintWarning(note);
   if (report.nothing_listed) {
-    std::fprintf(Out(), "No %s on this device.\n", spec.noun);
+    std::fprintf(Out(), "No %s on this device.\n", kind.noun);
     return kExitOk;
   }
   if (report.cancelled) Fail(kExitCancelled, "export cancelled; run it again to go on");

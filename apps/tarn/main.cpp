@@ -9,6 +9,7 @@
 
 #include "common/catalogue.h"
 #include "common/device_path.h"
+#include "common/session.h"
 #include "console.h"
 #include "progress.h"
 #include "tool.h"
@@ -110,7 +111,7 @@ const std::vector<CommandSpec> &Commands() {
 
 const char *const kGlobalHelp =
     "Options:\n"
-    "  -u, --udid UDID   the device to use (default: the only one attached); also -uUDID\n"
+    "  -u, --udid UDID   the device to use (default: the only one attached); UDID may follow -u directly\n"
     "  -v, --verbose     show the library's own console lines on standard error\n"
     "  --workdir DIR     where the device's databases are copied (default:\n"
     "                    $XDG_CACHE_HOME/tarn/UDID, or ~/.cache/tarn/UDID)\n"
@@ -263,6 +264,7 @@ int Run(CommandLine line) {
 
 int main(int argc, char **argv) {
   using namespace tarn::cli;
+  tarn::app::IgnoreBrokenPipes();
   int code = kExitOk;
   try {
     const CommandLine line = Parse(argc, argv);

@@ -15,6 +15,7 @@ _tarn_command_options() {
     find) echo "--case-sensitive" ;;
     mkdir) echo "-p" ;;
     rm) echo "-r" ;;
+    pull) echo "-n --no-clobber" ;;
   esac
 }
 

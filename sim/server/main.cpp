@@ -85,7 +85,7 @@ Options:
 
 int main(int argc, char** argv) {
   std::string socket;
-  std::vector<std::string> specs;
+  std::vector<std::string> device_options;
   for (int i = 1; i < argc; ++i) {
     std::string a = argv[i];
     if (a == "--help" || a == "-h") {
@@ -93,11 +93,11 @@ int main(int argc, char** argv) {
       return 0;
     }
     if ((a == "--socket" || a == "--device") && i + 1 < argc) {
-      (a == "--socket" ? socket : specs.emplace_back()) = argv[++i];
+      (a == "--socket" ? socket : device_options.emplace_back()) = argv[++i];
     } else if (a.rfind("--socket=", 0) == 0) {
       socket = a.substr(9);
     } else if (a.rfind("--device=", 0) == 0) {
-      specs.push_back(a.substr(9));
+      device_options.push_back(a.substr(9));
     } else {
       std::fprintf(stderr, "tarn-devsim: unknown argument %s (try --help)\n", a.c_str());
       return 2;
@@ -123,12 +123,12 @@ int main(int argc, char** argv) {
   }
 
   devsim::Server server(socket);
-  for (const auto& spec : specs) {
+  for (const auto& device_option : device_options) {
     std::vector<std::string> parts;
     size_t i = 0;
     while (true) {
-      size_t j = spec.find(',', i);
-      parts.push_back(spec.substr(i, j == std::string::npos ? std::string::npos : j - i));
+      size_t j = device_option.find(',', i);
+      parts.push_back(device_option.substr(i, j == std::string::npos ? std::string::npos : j - i));
       if (j == std::string::npos) break;
       i = j + 1;
     }

@@ -16,6 +16,7 @@
 
 #include "child_process.h"
 #include "images.h"
+#include "common/session.h"
 #include "main_window.h"
 #include "sim_image.h"
 #include "simulator.h"
@@ -160,7 +161,7 @@ class DesktopTest : public QObject {
     QTest::newRow("recordings") << Kind::kRecordings << 4 << 1 << "2022-06-01 09:30:12";
     QTest::newRow("books") << Kind::kBooks << 5 << 1 << "The Lighthouse Keeper";
     QTest::newRow("camera") << Kind::kCamera << 14 << 0 << "/DCIM/100APPLE/IMG_0001.JPG";
-    QTest::newRow("pictures") << Kind::kPictures << 5 << 0 << "/PhotoStreamsData/1/100APPLE/IMG_7001.JPG";
+    QTest::newRow("pictures") << Kind::kPictures << 5 << 0 << "/PhotoData/Sync/100SYNCD/IMG_9001.JPG";
   }
   void pages() {
     QFETCH(Kind, kind);
@@ -169,6 +170,8 @@ class DesktopTest : public QObject {
     QFETCH(QString, first);
     Choose(kSample);
     CataloguePage *page = ShowPage(kind);
+    // Walked pictures come in the device's own listing order.
+    if (kind == Kind::kPictures) page->proxy()->sort(column, Qt::AscendingOrder);
     QCOMPARE(page->proxy()->rowCount(), rows);
     QCOMPARE(page->proxy()->index(0, column).data().toString(), first);
     if (kind == Kind::kPlaylists) {
@@ -407,6 +410,7 @@ class DesktopTest : public QObject {
 };
 
 int main(int argc, char **argv) {
+  tarn::app::IgnoreBrokenPipes();
   if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
   // Settings and database copies go to a private place.
   TempDir home;

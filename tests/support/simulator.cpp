@@ -123,11 +123,11 @@ Simulator::Simulator(const std::vector<SimDevice>& devices, bool set_env) : impl
 
   std::vector<std::string> args = {binary, "--socket", impl_->socket};
   for (const auto& d : devices) {
-    std::string spec = d.image;
-    if (!d.udid.empty()) spec += ",udid=" + d.udid;
-    for (const auto& o : d.options) spec += "," + o;
+    std::string device_option = d.image;
+    if (!d.udid.empty()) device_option += ",udid=" + d.udid;
+    for (const auto& o : d.options) device_option += "," + o;
     args.push_back("--device");
-    args.push_back(spec);
+    args.push_back(device_option);
   }
   try {
     impl_->child = std::make_unique<ChildProcess>(args, std::map<std::string, std::string>{}, false, true);

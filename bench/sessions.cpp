@@ -2,9 +2,10 @@
 // alone: a raw libimobiledevice handshake (QueryType, pair record,
 // StartSession) over TLS against the same handshake plain, which is what a
 // TLS session costs on this machine. Then the library's work: a directory
-// pull of 1,000 small files, 100 of them fetched one call each, and
-// GetPodDir over a tree of about 20,000 entries, with TLS sessions and handshake_delay_us at a phone's session
-// cost, against the same calls with ssl=0 and no delay as the floor. The
+// pull of 1,000 small files, 100 of them fetched one call each and then over
+// one connection, and GetPodDir over a tree of about 20,000 entries, with TLS
+// sessions and handshake_delay_us at a phone's session cost, against the
+// same calls with ssl=0 and no delay as the floor. The
 // simulator counts the TLS sessions each call opened; they are printed, so a
 // call that handshakes more often than it needs to shows up.
 //
@@ -110,6 +111,23 @@ int main(int argc, char **argv) try {
            const std::string name = "/f" + std::to_string(i) + ".txt";
            CopyFileFromDeviceToNative(device, ("/P" + name).c_str(), (host + name).c_str(), nullptr);
          }
+       }},
+      // The same 100 files as one batch: one connection and one sync lock
+      // for all of them, as the tool's directory pulls and exports work. It
+      // should save all but one of the hundred sessions above.
+      {"100 of those files, one connection",
+       [&] {
+         fs::remove_all(host);
+         fs::create_directories(host);
+         idevice_t idevice = nullptr;
+         afc_client_t client = OpenIdeviceAndAfC(&idevice, kUdid);
+         const uint64_t lock = TarnSyncLock(client);
+         for (int i = 0; client && i < 100; ++i) {
+           const std::string name = "/f" + std::to_string(i) + ".txt";
+           _CopyFileFromDeviceToNative(device, client, ("/P" + name).c_str(), (host + name).c_str(), nullptr);
+         }
+         TarnSyncUnlock(client, lock);
+         CloseIdeviceAndAfC(client, idevice);
        }},
       {"GetPodDir 20,020 entries",
        [&] {

@@ -20,7 +20,7 @@ namespace {
 
 enum class Needs { kNothing, kDevice, kCatalogue };
 
-struct CommandSpec {
+struct CommandEntry {
   const char *name;
   const char *usage;
   const char *summary;
@@ -37,8 +37,8 @@ struct CommandSpec {
 const char *const kKinds =
     "music, movies, podcasts, tvshows, audiobooks, ringtones, playlists, recordings, books, camera, pictures";
 
-const std::vector<CommandSpec> &Commands() {
-  static const std::vector<CommandSpec> commands = {
+const std::vector<CommandEntry> &Commands() {
+  static const std::vector<CommandEntry> commands = {
       {"devices", "devices", "list the attached devices: identifier and name",
        "Prints one line per attached device: its identifier and its name.\n", {}, {}, 0, 0, {}, Needs::kNothing,
        nullptr},
@@ -140,13 +140,13 @@ void PrintUsage(std::FILE *out) {
   std::fprintf(out, "\nKIND: %s\n\n%s\n%s", kKinds, kGlobalHelp, kExitHelp);
 }
 
-void PrintCommandUsage(std::FILE *out, const CommandSpec &c) {
+void PrintCommandUsage(std::FILE *out, const CommandEntry &c) {
   std::fprintf(out, "Usage: tarn [OPTIONS] %s\n\n%c%s.\n", c.usage, c.summary[0] - 32, c.summary + 1);
   if (c.details[0] != '\0') std::fprintf(out, "\n%s", c.details);
   std::fprintf(out, "\n%s", kGlobalHelp);
 }
 
-const CommandSpec *FindCommand(const std::string &name) {
+const CommandEntry *FindCommand(const std::string &name) {
   for (const auto &c : Commands())
     if (name == c.name) return &c;
   return nullptr;
@@ -160,13 +160,13 @@ bool Contains(const std::vector<std::string> &list, const std::string &item) {
 
 struct CommandLine {
   GlobalOptions options;
-  const CommandSpec *command = nullptr;
+  const CommandEntry *command = nullptr;
   Args args;
   bool help = false;
   bool version = false;
 };
 
-[[noreturn]] void UsageError(const CommandSpec *command, const std::string &message) {
+[[noreturn]] void UsageError(const CommandEntry *command, const std::string &message) {
   const std::string hint = command != nullptr ? std::string("tarn ") + command->name + " --help" : "tarn --help";
   Fail(kExitUsage, message + " (see " + hint + ")");
 }
@@ -227,7 +227,7 @@ CommandLine Parse(int argc, char **argv) {
 }
 
 int Run(CommandLine line) {
-  const CommandSpec &c = *line.command;
+  const CommandEntry &c = *line.command;
   const size_t n = line.args.positional.size();
   if (n < c.min_args || n > c.max_args)
     UsageError(&c, std::string(n < c.min_args ? "missing" : "too many") + " arguments: tarn " + c.usage);

@@ -7,14 +7,8 @@
 set -euo pipefail
 src=$1 build=$2 devsim=$3 mkimage=$4 extra=${5:-}
 
-tmp=$(mktemp -d "${TMPDIR:-/tmp}/tarn-install-XXXXXX")
-sim_pid=""
-cleanup() {
-  if [[ -n $sim_pid ]]; then kill "$sim_pid" 2>/dev/null || true; wait "$sim_pid" 2>/dev/null || true; fi
-  rm -rf "$tmp"
-}
-trap cleanup EXIT
-fail() { echo "FAIL: $*" >&2; exit 1; }
+# shellcheck source=../support/simulator.sh
+source "$src/tests/support/simulator.sh"
 
 run_path=()
 if [[ -f $build/CMakeCache.txt ]]; then
@@ -44,8 +38,6 @@ cmake -S "$src/examples" -B "$tmp/cmake-build" -DCMAKE_PREFIX_PATH="$prefix" \
 cmake --build "$tmp/cmake-build" >"$tmp/build.log" 2>&1 || { cat "$tmp/build.log" >&2; fail "the example does not build through CMake"; }
 
 # A device to list.
-# shellcheck source=../support/simulator.sh
-source "$src/tests/support/simulator.sh"
 start_simulator "$mkimage" "$devsim" "$src/sim/images/sample.json"
 
 check_listing() {  # the header line's count, then as many track lines

@@ -8,14 +8,6 @@
 set -euo pipefail
 src=$1 tarn=$2 devsim=$3 mkimage=$4 completion=$5
 
-tmp=$(mktemp -d "${TMPDIR:-/tmp}/tarn-completion-XXXXXX")
-sim_pid=""
-cleanup() {
-  if [[ -n $sim_pid ]]; then kill "$sim_pid" 2>/dev/null || true; wait "$sim_pid" 2>/dev/null || true; fi
-  rm -rf "$tmp"
-}
-trap cleanup EXIT
-fail() { echo "FAIL: $*" >&2; exit 1; }
 
 # shellcheck source=../support/simulator.sh
 source "$src/tests/support/simulator.sh"

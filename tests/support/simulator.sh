@@ -1,6 +1,17 @@
-# Sourced by the shell tests: a simulated device for the duration of the
-# script. Needs $tmp (a scratch folder) and fail(); sets sim_pid and
-# USBMUXD_SOCKET_ADDRESS. The caller's cleanup kills $sim_pid.
+# Sourced by the shell tests: a scratch folder ($tmp) and a simulated device
+# for the duration of the script, both gone when it exits however it ends,
+# and fail() to end it with a message.
+
+tmp=$(mktemp -d "${TMPDIR:-/tmp}/tarn-${0##*/}-XXXXXX")
+sim_pid=""
+cleanup() {
+  if [[ -n $sim_pid ]]; then kill "$sim_pid" 2>/dev/null || true; wait "$sim_pid" 2>/dev/null || true; fi
+  rm -rf "$tmp"
+}
+trap cleanup EXIT
+fail() { echo "FAIL: $*" >&2; exit 1; }
+
+# Sets sim_pid and USBMUXD_SOCKET_ADDRESS.
 #
 #   start_simulator MKIMAGE DEVSIM DESCRIPTION.json
 start_simulator() {

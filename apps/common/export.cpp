@@ -161,6 +161,7 @@ class Exporter {
       // settled without asking the device.
       if (item.size != 0 && have == recorded && recorded == item.size) {
         ++report_.skipped;
+        report_.files.push_back(item.rel);
         continue;
       }
       const PathInfo info = session_.Stat(item.device_path);
@@ -171,6 +172,7 @@ class Exporter {
       }
       if (have == recorded && recorded == info.size && mine->value("mtime", int64_t{-1}) == info.mtime) {
         ++report_.skipped;
+        report_.files.push_back(item.rel);
         continue;
       }
       jobs.push_back({item.device_path, host.string(), info.size, info.mtime});
@@ -183,7 +185,9 @@ class Exporter {
         const Outcome outcome = transfers.Download(job);
         if (outcome == Outcome::kCopied) {
           ++report_.copied;
-          manifest_.Record(fs::relative(job.host_path, dir_).generic_string(), job.device_path, job.size, job.mtime);
+          const std::string rel = fs::relative(job.host_path, dir_).generic_string();
+          manifest_.Record(rel, job.device_path, job.size, job.mtime);
+          report_.files.push_back(rel);
         }
         if (outcome == Outcome::kFailed)
           report_.failed.push_back(Printable(job.device_path) + ": " + transfers.last_failure());
@@ -216,6 +220,7 @@ class Exporter {
            << (m->rel[0] == '#' ? "./" : "") << m->rel << "\n";
     }
     const fs::path path = dir_ / rel;
+    report_.files.push_back(rel);
     std::ifstream old(path, std::ios::binary);
     std::ostringstream before;
     before << old.rdbuf();

@@ -32,6 +32,9 @@ struct ExportReport {
   std::set<std::string> missing;      // listed in the catalogue, absent on the device
   std::vector<std::string> failed;    // device paths that could not be copied
   std::vector<std::string> notes;     // what a person should hear about, in order
+  // Below the target directory: each file that holds a requested item (or
+  // playlist) once the export is done, copied now or already there.
+  std::vector<std::string> files;
   bool cancelled = false;
 };
 

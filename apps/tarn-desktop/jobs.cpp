@@ -183,6 +183,7 @@ TransferResult RunExport(const QString &udid, const app::ExportRequest &request,
     result.cancelled = report.cancelled;
     for (const std::string &path : report.failed) result.failed << Q(path);
     for (const std::string &note : report.notes) result.notes << Q(note);
+    for (const std::string &rel : report.files) result.files << Q(request.host_dir + "/" + rel);
     if (report.nothing_listed) result.notes << QObject::tr("nothing of this kind on the device");
     if (!report.failed.empty()) result.reason = LastReason(udid, QObject::tr("Some files could not be copied."));
   } catch (const app::Failure &failure) {

@@ -54,6 +54,7 @@ struct TransferResult {
   bool cancelled = false;
   QStringList failed;  // "<path>: <reason>"
   QStringList notes;   // what else a person should hear about
+  QStringList files;   // an export's files on the host, copied or already there
   Reason reason;       // the first failure's reason
   QString Summary() const;
 };

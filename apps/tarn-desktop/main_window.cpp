@@ -3,12 +3,16 @@
 #include <QAction>
 #include <QApplication>
 #include <QCloseEvent>
+#include <QDrag>
 #include <QEventLoop>
 #include <QFileDialog>
 #include <QMenuBar>
 #include <QMessageBox>
+#include <QMimeData>
 #include <QSettings>
+#include <QStandardPaths>
 #include <QStatusBar>
+#include <QUrl>
 #include <QVBoxLayout>
 
 namespace tarn::desktop {
@@ -33,6 +37,7 @@ MainWindow::MainWindow(QWidget *parent) : QMainWindow(parent) {
     auto *page = new CataloguePage(kind, pages_);
     catalogue_.push_back(page);
     connect(page, &CataloguePage::ExportRequested, this, &MainWindow::AskExport);
+    connect(page, &CataloguePage::DragRequested, this, &MainWindow::DragOut);
     pages_->addTab(page, tr(kind.title));
   }
   files_ = new FilesPage(pages_);
@@ -271,6 +276,39 @@ void MainWindow::AskExport(Kind kind) {
   if (folder.isEmpty()) return;
   settings.setValue("export/folder", folder);
   if (!ExportPage(kind, folder)) statusBar()->showMessage(tr("Nothing to export on this page."));
+}
+
+QList<QUrl> MainWindow::StageForDrag(Kind kind) {
+  // One folder per device in the cache, with its own export manifest, so
+  // that rows dragged a second time are not copied again.
+  const QString folder = QStandardPaths::writableLocation(QStandardPaths::CacheLocation) + "/drag/" + udid_;
+  TransferResult result;
+  bool finished = false;
+  QEventLoop wait;
+  auto done = connect(this, &MainWindow::TransferFinished, &wait, [&](const TransferResult &r) {
+    result = r;
+    finished = true;
+    wait.quit();
+  });
+  // The copy runs on a worker like any export, with the progress bar and
+  // its cancel button; the window keeps answering meanwhile.
+  if (ExportPage(kind, folder) && !finished) wait.exec();
+  disconnect(done);
+  QList<QUrl> urls;
+  // What could not be copied is named in the result line; the rest goes.
+  if (!finished || result.cancelled) return urls;
+  for (const QString &file : result.files) urls << QUrl::fromLocalFile(file);
+  return urls;
+}
+
+void MainWindow::DragOut(Kind kind) {
+  const QList<QUrl> urls = StageForDrag(kind);
+  if (urls.isEmpty()) return;
+  auto *data = new QMimeData;
+  data->setUrls(urls);
+  auto *drag = new QDrag(this);
+  drag->setMimeData(data);
+  drag->exec(Qt::CopyAction);
 }
 
 void MainWindow::ShowTransfer(quint64 done, quint64 total, const QString &current) {

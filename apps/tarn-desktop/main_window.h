@@ -12,6 +12,7 @@
 #include <QSplitter>
 #include <QTabWidget>
 #include <QTimer>
+#include <QUrl>
 
 #include "files_page.h"
 #include "jobs.h"
@@ -42,6 +43,10 @@ class MainWindow : public QMainWindow {
   // Exports a page's selected rows (all shown rows when none is selected)
   // into `folder`, as `tarn export` would.
   bool ExportPage(Kind kind, const QString &folder);
+  // Exports a page's selected rows into the window's own drag folder and
+  // answers the files there, for a drop target to copy; empty when the
+  // export failed or was cancelled.
+  QList<QUrl> StageForDrag(Kind kind);
   // Polls the attached devices now instead of at the next tick.
   void PollDevices();
 
@@ -61,6 +66,7 @@ class MainWindow : public QMainWindow {
   void ShowTransfer(quint64 done, quint64 total, const QString &current);
   bool Begin(std::unique_ptr<Transfer> transfer);
   void AskExport(Kind kind);
+  void DragOut(Kind kind);
 
   QSplitter *split_;
   QListWidget *devices_;

@@ -123,6 +123,13 @@ QString OverviewPage::Field(const QString &name) const {
   return {};
 }
 
+RowTable::RowTable(QWidget *parent) : QTableView(parent) {
+  setDragEnabled(true);
+  setDragDropMode(QAbstractItemView::DragOnly);
+}
+
+void RowTable::startDrag(Qt::DropActions) { emit DragStarted(); }
+
 CataloguePage::CataloguePage(const PageKind &kind, QWidget *parent) : QWidget(parent), kind_(kind) {
   setObjectName(QString::fromLatin1(kind.key) + "Page");
   auto *layout = new QVBoxLayout(this);
@@ -143,7 +150,7 @@ CataloguePage::CataloguePage(const PageKind &kind, QWidget *parent) : QWidget(pa
   proxy_.setSortRole(CatalogueModel::kSortRole);
   proxy_.setFilterKeyColumn(-1);
   proxy_.setFilterCaseSensitivity(Qt::CaseInsensitive);
-  view_ = new QTableView(this);
+  view_ = new RowTable(this);
   view_->setObjectName("table");
   view_->setAccessibleName(tr(kind.title));
   view_->setModel(&proxy_);
@@ -184,6 +191,7 @@ CataloguePage::CataloguePage(const PageKind &kind, QWidget *parent) : QWidget(pa
 
   connect(filter_, &QLineEdit::textChanged, &proxy_, &QSortFilterProxyModel::setFilterFixedString);
   connect(export_, &QPushButton::clicked, this, [this] { emit ExportRequested(kind_.kind); });
+  connect(view_, &RowTable::DragStarted, this, [this] { emit DragRequested(kind_.kind); });
 }
 
 void CataloguePage::Clear() {

@@ -51,6 +51,21 @@ class OverviewPage : public QWidget {
   StorageBar *bar_;
 };
 
+// A catalogue table whose rows can be dragged out. The rows are files on
+// the device, which a drop target cannot read; the page hands the drag to
+// whoever can copy them out first (MainWindow::DragOut).
+class RowTable : public QTableView {
+  Q_OBJECT
+ public:
+  explicit RowTable(QWidget *parent = nullptr);
+
+ signals:
+  void DragStarted();
+
+ protected:
+  void startDrag(Qt::DropActions actions) override;
+};
+
 class CataloguePage : public QWidget {
   Q_OBJECT
  public:
@@ -76,6 +91,7 @@ class CataloguePage : public QWidget {
  signals:
   void Loaded(tarn::desktop::Kind kind, int rows);
   void ExportRequested(tarn::desktop::Kind kind);
+  void DragRequested(tarn::desktop::Kind kind);
 
  private:
   void ShowMembers();
@@ -84,7 +100,7 @@ class CataloguePage : public QWidget {
   QSortFilterProxyModel proxy_;
   CatalogueModel members_;
   QLineEdit *filter_;
-  QTableView *view_;
+  RowTable *view_;
   QTableView *members_view_ = nullptr;
   QLabel *status_;
   QPushButton *export_;

@@ -661,6 +661,13 @@ bool Session::do_read_dir(std::string_view path) {
     if (sorted) return uint64_t{0};  // ties fall back to the name
     uint64_t h = 1469598103934665603ull ^ seed;
     for (unsigned char ch : n) h = (h ^ ch) * 1099511628211ull;
+    // FNV alone keeps names that differ in their last byte in byte order
+    // for one seed in 32; a final mix spreads every bit.
+    h ^= h >> 33;
+    h *= 0xff51afd7ed558ccdull;
+    h ^= h >> 33;
+    h *= 0xc4ceb9fe1a85ec53ull;
+    h ^= h >> 33;
     return h;
   };
   std::vector<std::pair<uint64_t, std::string>> names;

@@ -219,8 +219,8 @@ class DesktopTest : public QObject {
     QCOMPARE(proxy->rowCount(), 183);
   }
 
-  // The rows a filter leaves, selected and exported, give the files that
-  // `tarn export --match` gives for the same text.
+  // The rows a filter leaves, selected and exported (or dragged out), give
+  // the files that `tarn export --match` gives for the same text.
   void exportMatchesTheTool_data() {
     QTest::addColumn<Kind>("kind");
     QTest::addColumn<QString>("text");
@@ -239,10 +239,18 @@ class DesktopTest : public QObject {
     QSignalSpy done(window_.get(), &MainWindow::TransferFinished);
     QVERIFY(window_->ExportPage(kind, QString::fromStdString((out / "desktop").string())));
     QTRY_VERIFY_WITH_TIMEOUT(!done.isEmpty(), 60000);
-    page->view()->clearSelection();
-    page->filter()->clear();
     const TransferResult r = done.last().at(0).value<TransferResult>();
     QVERIFY2(r.failed.isEmpty() && r.copied > 0, qPrintable(r.Summary()));
+    // A drag hands the drop target the very files of an export.
+    const QList<QUrl> dragged = window_->StageForDrag(kind);
+    page->view()->clearSelection();
+    page->filter()->clear();
+    QCOMPARE(dragged.size(), r.files.size());
+    for (int i = 0; i < dragged.size(); ++i) {
+      const fs::path staged = dragged[i].toLocalFile().toStdString(), exported = r.files[i].toStdString();
+      QCOMPARE(staged.filename(), exported.filename());
+      QVERIFY(Slurp(staged) == Slurp(exported));
+    }
     const tarn::testing::Result tool =
         tarn::testing::ChildProcess({TARN_TOOL_PATH, "-u", kSample, "export", kind == Kind::kMusic ? "music" : "playlists",
                                      (out / "tool").string(), "--match", text.toStdString()},

@@ -217,6 +217,23 @@ TEST_F(HostileTest, SearchesAndWalksSayWhatTheyFoundAndWhatTheyCouldNot) {
     ExpectCode(Tarn(args), 1, "is incomplete");
 }
 
+// A damaged music database is not an empty library: the list fails with
+// the reason; once the device's database is whole again, the stale local
+// copy is not used.
+TEST_F(ToolTest, ACorruptMusicDatabaseIsNoEmptyLibrary) {
+  const std::string db = media("/iTunes_Control/iTunes/iTunesCDB");
+  const std::string whole = ReadAll(db);
+  WriteAll(db, "mhbd" + std::string(400, '\x7f'));
+  const Result r = Tarn({"list", "music"});
+  ExpectCode(r, 1, "could not be read");
+  EXPECT_EQ(r.out.find("No music"), std::string::npos) << r.out;
+  WriteAll(db, whole);
+  fs::last_write_time(db, fs::last_write_time(db) + std::chrono::seconds(5));
+  const Result again = Tarn({"list", "music"});
+  EXPECT_EQ(again.code, 0) << again.err;
+  EXPECT_NE(again.out.find("Harbour Nights"), std::string::npos) << again.out;
+}
+
 TEST_F(ToolTest, WrongArgumentsGetTheRightReason) {
   struct Case {
     std::vector<std::string> args;

@@ -1,7 +1,6 @@
 // The usbmux socket protocol, the way libusbmuxd 2.0 speaks it: plist
 // messages only, one connection per request or per device stream.
 #include <arpa/inet.h>
-#include <sys/socket.h>
 #include <sys/uio.h>
 
 #include <cstdlib>
@@ -111,10 +110,8 @@ void Server::serve_usbmux(int fd) {
           send_mux(fd, 0, m.get());
         }
       }
-      // The client only listens from now on; wait for it to leave.
-      char sink[256];
-      while (::recv(fd, sink, sizeof sink, 0) > 0) {
-      }
+      // The client only listens from now on; hold the socket until it leaves.
+      stall(fd);
       std::lock_guard lk(dev_mu_);
       listeners_.erase(lid);
       return;

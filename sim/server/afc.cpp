@@ -12,11 +12,9 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <deque>
 #include <optional>
-#include <thread>
 #include <vector>
 
 namespace devsim {
@@ -438,8 +436,7 @@ void Session::run() {
     ++requests_;
     if (faults_->drop_after_requests && requests_ > faults_->drop_after_requests) return;
     if (faults_->stall_after_requests && requests_ > faults_->stall_after_requests) return stall(sock_);
-    if (faults_->latency_us)
-      std::this_thread::sleep_for(std::chrono::microseconds(faults_->latency_us));
+    sleep_us(faults_->latency_us);
     if (!dispatch(op, payload)) return;
   }
 }
@@ -475,6 +472,15 @@ bool Session::dispatch(uint64_t code, uint64_t payload) {
   if (code != kFileWrite && payload && !drain(payload)) return false;
 
   auto need = [&](size_t n) { return in_len_ >= n; };
+  // Truncate and set-modification-time carry a number, then the path, which
+  // is resolved through a final link; apply(rel, number) gives 0 or an errno.
+  auto with_number_and_path = [&](auto apply) {
+    if (!need(9)) return send_status(E_INVALID_ARG);
+    std::string rel;
+    if (int e = res_.resolve(path, true, rel)) return send_status(afc_code(e));
+    int err = apply(rel, le64(in_.data()));
+    return send_status(err ? afc_code(err) : E_SUCCESS);
+  };
   switch (code) {
     case kGetDevInfo: return do_dev_info();
     case kGetFileInfo: return do_file_info(path);
@@ -536,28 +542,19 @@ bool Session::dispatch(uint64_t code, uint64_t payload) {
         return send_status(afc_code(errno));
       return send_status(E_SUCCESS);
     }
-    case kTruncate: {
-      if (!need(9)) return send_status(E_INVALID_ARG);
-      std::string rel;
-      if (int e = res_.resolve(path, true, rel)) return send_status(afc_code(e));
-      Fd f(::openat(root_.get(), rel.c_str(), O_WRONLY | O_NOFOLLOW | O_CLOEXEC));
-      if (!f.valid()) return send_status(afc_code(errno));
-      if (::ftruncate(f.get(), static_cast<off_t>(le64(in_.data()))) != 0)
-        return send_status(afc_code(errno));
-      return send_status(E_SUCCESS);
-    }
-    case kSetFileModTime: {
-      if (!need(9)) return send_status(E_INVALID_ARG);
-      std::string rel;
-      if (int e = res_.resolve(path, true, rel)) return send_status(afc_code(e));
-      uint64_t ns = le64(in_.data());
-      timespec ts[2];
-      ts[0].tv_sec = ts[1].tv_sec = static_cast<time_t>(ns / 1000000000ull);
-      ts[0].tv_nsec = ts[1].tv_nsec = static_cast<long>(ns % 1000000000ull);
-      if (::utimensat(root_.get(), rel.c_str(), ts, AT_SYMLINK_NOFOLLOW) != 0)
-        return send_status(afc_code(errno));
-      return send_status(E_SUCCESS);
-    }
+    case kTruncate:
+      return with_number_and_path([&](const std::string& rel, uint64_t size) {
+        Fd f(::openat(root_.get(), rel.c_str(), O_WRONLY | O_NOFOLLOW | O_CLOEXEC));
+        if (!f.valid()) return errno;
+        return ::ftruncate(f.get(), static_cast<off_t>(size)) != 0 ? errno : 0;
+      });
+    case kSetFileModTime:
+      return with_number_and_path([&](const std::string& rel, uint64_t ns) {
+        timespec ts[2];
+        ts[0].tv_sec = ts[1].tv_sec = static_cast<time_t>(ns / 1000000000ull);
+        ts[0].tv_nsec = ts[1].tv_nsec = static_cast<long>(ns % 1000000000ull);
+        return ::utimensat(root_.get(), rel.c_str(), ts, AT_SYMLINK_NOFOLLOW) != 0 ? errno : 0;
+      });
     case kMakeLink: {
       if (!need(9)) return send_status(E_INVALID_ARG);
       uint64_t type = le64(in_.data());

@@ -68,16 +68,18 @@ class Server {
 
   void spawn(Fd fd, bool control);
   void reap(bool all);
-  void serve_usbmux(int fd);
-  void serve_lockdown(int fd, Device& dev);
   void serve_control(int fd);
   std::string control_request(const std::string& line);
-
   std::shared_ptr<Device> find_udid(const std::string& udid);
   std::shared_ptr<Device> find_id(uint32_t id);
+  void settle(const std::shared_ptr<Device>& dev);
+
+  // The usbmux protocol (usbmux.cpp); a Connect hands the socket on to
+  // lockdown or the file conduit.
+  void serve_usbmux(int fd);
   void broadcast(plist_t msg);
   plist_t attached_message(const Device& d);
-  void settle(const std::shared_ptr<Device>& dev);
+  plist_t detached_message(const Device& d);
 
   std::string path_, ctl_path_, buid_;
   Fd mux_fd_, ctl_fd_;

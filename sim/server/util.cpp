@@ -1,12 +1,16 @@
 #include "util.h"
 
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <charconv>
+#include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <thread>
 
 namespace devsim {
 
@@ -60,6 +64,22 @@ void stall(int fd) {
   char sink[4096];
   while (::recv(fd, sink, sizeof sink, 0) > 0) {
   }
+}
+
+void sleep_us(uint64_t us) {
+  if (us) std::this_thread::sleep_for(std::chrono::microseconds(us));
+}
+
+std::string random_uuid() {
+  unsigned char b[16];
+  Fd r(::open("/dev/urandom", O_RDONLY | O_CLOEXEC));
+  if (!r.valid() || ::read(r.get(), b, sizeof b) != static_cast<ssize_t>(sizeof b))
+    for (size_t i = 0; i < sizeof b; ++i) b[i] = static_cast<unsigned char>(i * 37 + ::getpid());
+  char s[37];
+  std::snprintf(s, sizeof s, "%02X%02X%02X%02X-%02X%02X-%02X%02X-%02X%02X-%02X%02X%02X%02X%02X%02X",
+                b[0], b[1], b[2], b[3], b[4], b[5], b[6], b[7], b[8], b[9], b[10], b[11], b[12],
+                b[13], b[14], b[15]);
+  return s;
 }
 
 std::string plist_xml(plist_t p) {

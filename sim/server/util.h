@@ -59,6 +59,10 @@ bool writev_full(int fd, struct iovec* iov, int count);
 // A request that is never answered: holds the connection until the client
 // gives up (its receive timeout) or the simulator shuts the socket down.
 void stall(int fd);
+// Waits us microseconds; 0 returns at once.
+void sleep_us(uint64_t us);
+// A fresh identifier in the 8-4-4-4-12 upper-case form phones and usbmuxd use.
+std::string random_uuid();
 
 std::string plist_xml(plist_t p);
 Plist plist_parse(const char* data, size_t size);  // XML or binary

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "common/plist_view.h"
 #include "images.h"
 #include "sim_image.h"
 #include "simulator.h"
@@ -61,12 +62,12 @@ inline std::string Text(const json &j) {
   }
   return "?";
 }
-inline std::string Text(plist_t node) { return node ? Text(tarn::testing::PlistJson(node)) : "null"; }
+inline std::string Text(plist_t node) { return node ? Text(tarn::app::PlistToJson(node)) : "null"; }
 // As Text, with the items of a walked list sorted by path: a device lists a
 // directory in an order of its own, and the walk keeps that order.
 inline std::string TextByPath(plist_t node) {
   if (!node) return "null";
-  json j = tarn::testing::PlistJson(node);
+  json j = tarn::app::PlistToJson(node);
   if (j.contains("item"))
     std::sort(j["item"].begin(), j["item"].end(),
               [](const json &a, const json &b) { return a.value("path", "") < b.value("path", ""); });

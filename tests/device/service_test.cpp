@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "common/plist_view.h"
 #include "sim_image.h"
 #include "simulator.h"
 #include "tarn/tarn_device.h"
@@ -46,7 +47,7 @@ TEST(DeviceList, ListsAttachedDevicesInOrderAndNullWithoutAny) {
   plist_t list = GetDevicesId();
   const std::string out = testing::internal::GetCapturedStdout();
   ASSERT_NE(list, nullptr);
-  EXPECT_EQ(tarn::testing::PlistJson(list), nlohmann::ordered_json({kFirst, kSecond}));
+  EXPECT_EQ(tarn::app::PlistToJson(list), nlohmann::ordered_json({kFirst, kSecond}));
   // The entry line, the end line, then the array as XML after the separator.
   EXPECT_EQ(out.rfind("GetDevicesId\nGetDevicesId END\n..................................\nthe xml_doc:\n <?xml", 0), 0u)
       << out;

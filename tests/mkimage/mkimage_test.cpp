@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "common/plist_view.h"
 #include "images.h"
 #include "sim_image.h"
 #include "test_util.h"
@@ -66,7 +67,7 @@ plist_t ReadPlist(const std::string &file) {
 json PlistFileAsJson(const std::string &file) {
   plist_t root = ReadPlist(file);
   if (!root) return "<unreadable>";
-  json out = tarn::testing::PlistJson(root);
+  json out = tarn::app::PlistToJson(root);
   plist_free(root);
   return out;
 }

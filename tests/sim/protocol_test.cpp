@@ -15,6 +15,7 @@
 #include <mutex>
 #include <thread>
 
+#include "common/plist_view.h"
 #include "sim_client.h"
 #include "sim_image.h"
 #include "simulator.h"
@@ -88,13 +89,13 @@ TEST_F(ProtocolTest, GetValueAnswersWhatTheDescriptionHolds) {
     plist_t v = nullptr;
     EXPECT_EQ(lockdownd_get_value(ld, c.domain, c.key, &v), c.want) << (c.key ? c.key : c.domain);
     if (c.value) {
-      EXPECT_EQ(PlistJson(v), c.value);
+      EXPECT_EQ(tarn::app::PlistToJson(v), c.value);
     }
     plist_free(v);
   }
   plist_t all = nullptr;
   ASSERT_EQ(lockdownd_get_value(ld, nullptr, nullptr, &all), LOCKDOWN_E_SUCCESS);
-  EXPECT_EQ(PlistJson(plist_dict_get_item(all, "ProductVersion")), "12.4");
+  EXPECT_EQ(tarn::app::PlistToJson(plist_dict_get_item(all, "ProductVersion")), "12.4");
   // Beside the description, the keys every phone answers (ideviceinfo and
   // idevicedate rely on them).
   for (const char* key : {"ActivationState", "BuildVersion", "CPUArchitecture", "DeviceClass", "DevicePublicKey",

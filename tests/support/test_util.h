@@ -14,8 +14,6 @@
 #include <fstream>
 #include <string>
 
-#include <nlohmann/json.hpp>
-
 #include "simulator.h"
 
 namespace tarn::testing {
@@ -36,51 +34,6 @@ inline std::string ReadAll(const std::filesystem::path &p) {
 inline void WriteAll(const std::filesystem::path &p, const std::string &bytes) {
   if (p.has_parent_path()) std::filesystem::create_directories(p.parent_path());
   std::ofstream(p, std::ios::binary) << bytes;
-}
-
-// A property list as JSON, keys in the list's order; a kind JSON has no
-// word for (date, data, uid) becomes null.
-inline nlohmann::ordered_json PlistJson(plist_t node) {
-  using json = nlohmann::ordered_json;
-  switch (node ? plist_get_node_type(node) : PLIST_NONE) {
-    case PLIST_DICT: {
-      json out = json::object();
-      plist_dict_iter it = nullptr;
-      plist_dict_new_iter(node, &it);
-      for (;;) {
-        char *key = nullptr;
-        plist_t value = nullptr;
-        plist_dict_next_item(node, it, &key, &value);
-        if (!key) break;
-        out[key] = PlistJson(value);
-        free(key);
-      }
-      free(it);
-      return out;
-    }
-    case PLIST_ARRAY: {
-      json out = json::array();
-      for (uint32_t i = 0; i < plist_array_get_size(node); ++i) out.push_back(PlistJson(plist_array_get_item(node, i)));
-      return out;
-    }
-    case PLIST_STRING: return std::string(plist_get_string_ptr(node, nullptr));
-    case PLIST_UINT: {
-      uint64_t v = 0;
-      plist_get_uint_val(node, &v);
-      return v;
-    }
-    case PLIST_BOOLEAN: {
-      uint8_t v = 0;
-      plist_get_bool_val(node, &v);
-      return v != 0;
-    }
-    case PLIST_REAL: {
-      double v = 0;
-      plist_get_real_val(node, &v);
-      return v;
-    }
-    default: return nullptr;
-  }
 }
 
 // What `f` printed on standard output.

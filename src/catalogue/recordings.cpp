@@ -11,7 +11,7 @@
 #include "common/db_entry.h"
 #include "common/error.h"
 #include "common/raii.h"
-#include "device/music_database.h"
+#include "musicdb/music_database.h"
 #include "devicefs/walk.h"
 #include "tarn/tarn_device.h"
 

@@ -6,7 +6,7 @@
 #include "common/connection.h"
 #include "common/error.h"
 #include "common/raii.h"
-#include "device/music_database.h"
+#include "musicdb/music_database.h"
 #include "tarn/tarn_device.h"
 
 namespace {

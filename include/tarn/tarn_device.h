@@ -18,10 +18,11 @@
  *  - Most functions print a few progress lines on standard output; the lines
  *    are part of the interface and are listed with each function.
  *
- * Threads: the library keeps no global state but one record per thread of
- * the reason for its last failure (TarnLastError()), and no thread of its
- * own outlives a call (a parse of the music database verifies the file's
- * checksum on a second thread, which ends before the parse returns).
+ * Threads: the library keeps no global state. Per thread it keeps the
+ * reason for the last failure (TarnLastError()) and, only while
+ * SetDeviceUsage runs, the music database parse its lists share. No thread
+ * of its own outlives a call (a parse of the music database verifies the
+ * file's checksum on a second thread, which ends before the parse returns).
  *  - May be shared: nothing of the library's own. Different handles, also
  *    for the same device, may be used from different threads at the same
  *    time; each call opens its own connection. Results (property lists,

@@ -52,10 +52,9 @@ TARN_API plist_t ReadCameraDbTypeSQLITE(PodDevice *device, const char *path) {
   char *error = nullptr;
   int exec_rc = SQLITE_OK;
   {
-    tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
     // The device's own sync must not remove files while they are sized.
-    tarn::SyncLock lock(conn.afc());
-    ctx.client = conn.afc();
+    const tarn::DeviceCall call(device, tarn::PolicyOf("ReadCameraDbTypeSQLITE"));
+    ctx.client = call.afc();
     exec_rc = sqlite3_exec(db.get(), kCameraQuery, CameraPictureCallback, &ctx, &error);
   }
   tarn::SqliteText owned_error(error);

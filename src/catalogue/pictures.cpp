@@ -98,14 +98,13 @@ TARN_API int GetDirAllPicture(afc_client_t client, plist_t items, const char *fo
 TARN_API plist_t GetPictureListFromDevice(PodDevice *device, const char **folders, int32_t count) {
   const tarn::ApiCall api_call;
   std::puts("GetUserPictureListFromDevice");
-  tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
   // One lock for all folders: the device's own sync must not move pictures
-  // while they are listed; without the lock file the walk still runs.
-  tarn::SyncLock lock(conn.afc());
+  // while they are listed.
+  const tarn::DeviceCall call(device, tarn::PolicyOf("GetPictureListFromDevice"));
   tarn::PlistPtr result(tarn::NewTrackListResult());
   plist_t items = tarn::ListItems(result.get());
   uint64_t total = 0;
-  for (int32_t i = 0; folders != nullptr && i < count; ++i) GetDirAllPicture(conn.afc(), items, folders[i], &total);
+  for (int32_t i = 0; folders != nullptr && i < count; ++i) GetDirAllPicture(call.afc(), items, folders[i], &total);
   const uint32_t found = plist_array_get_size(items);
   if (found == 0) return nullptr;
   tarn::AddToListCounts(result.get(), found, total);

@@ -100,10 +100,9 @@ TARN_API plist_t ReadRecordingDbTypeSQLITE(PodDevice *device, const char *path) 
   RecordingRowContext ctx{0, tarn::ListItems(result.get()), 0, nullptr};
   char *error = nullptr;
   {
-    tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
     // The device's own sync must not remove recordings while they are sized.
-    tarn::SyncLock lock(conn.afc());
-    ctx.client = conn.afc();
+    const tarn::DeviceCall call(device, tarn::PolicyOf("ReadRecordingDbTypeSQLITE"));
+    ctx.client = call.afc();
     if (sqlite3_exec(db.get(), kRecordingQuery, RecordingDbCallback, &ctx, &error) != SQLITE_OK)
       tarn::SetDatabaseError(path, error ? error : "");
   }

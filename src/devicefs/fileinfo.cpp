@@ -69,18 +69,18 @@ TARN_API char **GetFileInfo(afc_client_t client, const char *path) {
 
 TARN_API char **GetDirOrFileInfo(PodDevice *device, const char *path) {
   const tarn::ApiCall api_call;
-  tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
-  return GetFileInfo(conn.afc(), path);
+  const tarn::DeviceCall call(device, tarn::PolicyOf("GetDirOrFileInfo"));
+  return GetFileInfo(call.afc(), path);
 }
 
 TARN_API int IsDirExist(PodDevice *device, const char *path) {
   const tarn::ApiCall api_call;
   std::puts("IsDirExist");
-  tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
+  const tarn::DeviceCall call(device, tarn::PolicyOf("IsDirExist"));
   char **names = nullptr;
   // A failed connection is not special: the listing then fails and its
   // error is what gets printed.
-  const afc_error_t err = afc_read_directory(conn.afc(), path, &names);
+  const afc_error_t err = afc_read_directory(call.afc(), path, &names);
   tarn::StrVec owned(names);
   std::printf("1afc_error_t %d\n", static_cast<int>(err));
   if (err != AFC_E_SUCCESS) {
@@ -94,8 +94,8 @@ TARN_API int IsDirExist(PodDevice *device, const char *path) {
 TARN_API int IsFileExist(PodDevice *device, const char *path) {
   const tarn::ApiCall api_call;
   std::puts("IsFileExist");
-  tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
-  const tarn::AfcFile file(conn.afc(), path, AFC_FOPEN_RDONLY);
+  const tarn::DeviceCall call(device, tarn::PolicyOf("IsFileExist"));
+  const tarn::AfcFile file(call.afc(), path, AFC_FOPEN_RDONLY);
   std::printf("1afc_error_t %d\n", static_cast<int>(file.error()));
   if (file.error() != AFC_E_SUCCESS) {
     std::printf("afc_error_t %d\n", static_cast<int>(file.error()));
@@ -107,13 +107,11 @@ TARN_API int IsFileExist(PodDevice *device, const char *path) {
 TARN_API int MakeDir(PodDevice *device, const char *path) {
   const tarn::ApiCall api_call;
   std::puts("MakeDir");
-  tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
-  if (!conn) return 1;
-  tarn::SyncLock lock(conn.afc());
-  if (!lock.opened()) return 1;
+  const tarn::DeviceCall call(device, tarn::PolicyOf("MakeDir"));
+  if (!call.ready()) return 1;
   // Whether the directory was made is not reported: the device also answers
   // an existing directory with success, so callers test for it themselves.
-  tarn::SetAfcError(afc_make_directory(conn.afc(), path), path);
+  tarn::SetAfcError(afc_make_directory(call.afc(), path), path);
   return 0;
 }
 

@@ -86,9 +86,9 @@ TARN_API PodSearchItem *SearchFile(PodDevice *device, const char *dir, const cha
     tarn::SetError(TARN_E_INVALID_ARGUMENT, "A search needs a keyword.");
     return nullptr;
   }
-  tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
+  const tarn::DeviceCall call(device, tarn::PolicyOf("SearchFile"));
   PodSearchState state{keyword, nullptr, nullptr, 0};
-  InternalSearchFile(conn.afc(), dir, &state);
+  InternalSearchFile(call.afc(), dir, &state);
   return state.first;
 }
 
@@ -108,8 +108,8 @@ TARN_API void FreeSearchResult(PodSearchItem *first) {
 TARN_API int RenamePath(PodDevice *device, const char *old_path, const char *new_path) {
   const tarn::ApiCall api_call;
   std::puts("RenamePath");
-  tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
-  const afc_error_t err = afc_rename_path(conn.afc(), old_path, new_path);
+  const tarn::DeviceCall call(device, tarn::PolicyOf("RenamePath"));
+  const afc_error_t err = afc_rename_path(call.afc(), old_path, new_path);
   std::printf("afc_error_t %d\n", static_cast<int>(err));
   // A failed rename is only printed (and recorded): callers check the
   // outcome with IsFileExist/IsDirExist when they need to.
@@ -123,8 +123,8 @@ TARN_API int RenamePath(PodDevice *device, const char *old_path, const char *new
 TARN_API int DeleteFile(PodDevice *device, const char *path) {
   const tarn::ApiCall api_call;
   std::puts("DeleteFile");
-  tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
-  const afc_error_t err = afc_remove_path(conn.afc(), path);
+  const tarn::DeviceCall call(device, tarn::PolicyOf("DeleteFile"));
+  const afc_error_t err = afc_remove_path(call.afc(), path);
   std::printf("afc_error_t %d\n", static_cast<int>(err));
   if (err != AFC_E_SUCCESS) {
     std::printf("afc_error_t %d\n", static_cast<int>(err));
@@ -164,14 +164,14 @@ TARN_API int DeleteDir(PodDevice *device, const char *path) {
     tarn::SetError(TARN_E_INVALID_ARGUMENT, "No device path was given.");
     return 0;
   }
-  tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
+  const tarn::DeviceCall call(device, tarn::PolicyOf("DeleteDir"));
   auto *root = static_cast<PodDir *>(std::calloc(1, sizeof(PodDir)));
   root->path = strdup(path);
   root->name = strdup(GetFileName(path));
   std::printf("pd->name: %s\n", root->name);
   root->parent_path = strdup(path);
-  StoreSubFolderAndFilesInfo(conn.afc(), root, root, 1);
-  _TarnDeleteDir(conn.afc(), root, root);
+  StoreSubFolderAndFilesInfo(call.afc(), root, root, 1);
+  _TarnDeleteDir(call.afc(), root, root);
   return 0;
 }
 

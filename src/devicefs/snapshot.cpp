@@ -156,15 +156,15 @@ TARN_API void StoreSubFolderAndFilesInfo(afc_client_t client, PodDir *dir, PodDi
 
 TARN_API PodDir *GetPodDir(PodDevice *device, const char *path, uint32_t max_level) {
   const tarn::ApiCall api_call;
-  tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
+  const tarn::DeviceCall call(device, tarn::PolicyOf("GetPodDir"));
   auto *root = static_cast<PodDir *>(std::calloc(1, sizeof(PodDir)));
   root->path = CopyOrNull(path);
-  tarn::FileInfo info(GetFileInfo(conn.afc(), path));
+  tarn::FileInfo info(GetFileInfo(call.afc(), path));
   SetDirInfo(info.get(), root, path);
   // A limit beyond what a signed level can hold is no limit at all (the walk
   // still stops at TARN_MAX_WALK_DEPTH).
   root->max_level = max_level > INT32_MAX ? 0 : static_cast<int32_t>(max_level);
-  StoreSubFolderAndFilesInfo(conn.afc(), root, root, 1);
+  StoreSubFolderAndFilesInfo(call.afc(), root, root, 1);
   return root;
 }
 

@@ -198,11 +198,9 @@ TARN_API void CopyFileFromDeviceToNative(PodDevice *device, const char *device_p
   const tarn::ApiCall api_call;
   std::puts("CopyDeviceFile");
   {
-    tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
-    if (!conn) return;
-    tarn::SyncLock lock(conn.afc());
-    if (!lock.opened()) return;
-    _CopyFileFromDeviceToNative(device, conn.afc(), device_path, host_path, progress);
+    const tarn::DeviceCall call(device, tarn::PolicyOf("CopyFileFromDeviceToNative"));
+    if (!call.ready()) return;
+    _CopyFileFromDeviceToNative(device, call.afc(), device_path, host_path, progress);
   }
   std::puts("finish CopyDeviceFile");
 }
@@ -263,11 +261,9 @@ TARN_API int CopyFileFromNativeToDevice(PodDevice *device, const char *host_path
                                         PodProgressCallback progress) {
   const tarn::ApiCall api_call;
   std::puts("CopyFileFromNativeToDevice");
-  tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
-  if (!conn) return 1;
-  tarn::SyncLock lock(conn.afc());
-  if (!lock.opened()) return 1;
-  _TarnCopyFileFromNativeToDevice(device, conn.afc(), host_path, device_path, progress);
+  const tarn::DeviceCall call(device, tarn::PolicyOf("CopyFileFromNativeToDevice"));
+  if (!call.ready()) return 1;
+  _TarnCopyFileFromNativeToDevice(device, call.afc(), host_path, device_path, progress);
   return 0;
 }
 
@@ -300,9 +296,8 @@ TARN_API void CopyDeviceDirectory(PodDevice *device, const char *device_dir, con
   std::puts("CopyDeviceDirectory");
   // Neither a failed connection nor a lock file that cannot be opened stops
   // the copy: it then reads nothing, or reads without the lock.
-  tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
-  tarn::SyncLock lock(conn.afc());
-  _CopyDirectory(device, conn.afc(), device_dir, "", host_dir);
+  const tarn::DeviceCall call(device, tarn::PolicyOf("CopyDeviceDirectory"));
+  _CopyDirectory(device, call.afc(), device_dir, "", host_dir);
 }
 
 }  // extern "C"

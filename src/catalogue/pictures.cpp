@@ -1,6 +1,7 @@
 // Synced and streamed pictures: a walk over fixed device folders keeping
 // the files with a picture or video extension. The camera roll walks its
 // folder with the same code when its database lists nothing.
+#include "common/console.h"
 #include "catalogue/pictures.h"
 
 #include <cstdio>
@@ -97,7 +98,7 @@ TARN_API int GetDirAllPicture(afc_client_t client, plist_t items, const char *fo
 
 TARN_API plist_t GetPictureListFromDevice(PodDevice *device, const char **folders, int32_t count) {
   const tarn::ApiCall api_call;
-  std::puts("GetUserPictureListFromDevice");
+  tarn::ConsoleLine("GetUserPictureListFromDevice");
   // One lock for all folders: the device's own sync must not move pictures
   // while they are listed.
   const tarn::DeviceCall call(device, tarn::PolicyOf("GetPictureListFromDevice"));

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/console.h"
 #include "catalogue/media_item.h"
 #include "common/connection.h"
 #include "common/db_entry.h"
@@ -79,7 +80,7 @@ TARN_API int RecordingDbCallback(void *context, int columns, char **values, char
   plist_dict_set_item(item, "time", plist_new_uint(DurationMilliseconds(values[0])));
   plist_dict_set_item(item, "size", plist_new_uint(size));
   InsertPlistDictString(item, "name", label);
-  std::printf("name is %s\n", tarn::Printable(label));
+  tarn::Console("name is %s\n", tarn::Printable(label));
   ctx->total += size;
   return 0;
 }
@@ -155,7 +156,7 @@ TARN_API plist_t GetRecordingList(PodDevice *device, uint32_t, uint32_t) {
     return result != nullptr;
   });
   if (!listed) return nullptr;
-  std::puts("GetRecordingList END!!");
+  tarn::ConsoleLine("GetRecordingList END!!");
   PrintPlist(result);
   return result;
 }

@@ -7,6 +7,7 @@
 
 #include <glib.h>
 
+#include "common/console.h"
 #include "common/connection.h"
 #include "common/db_entry.h"
 #include "common/error.h"
@@ -114,19 +115,19 @@ TARN_API int CopyDbFileToNativeDir(PodDevice *device, afc_client_t client, plist
   tarn::WalkDbEntry(entry, [&](uint64_t, const char *device_path) {
     const char *name = GetFileName(device_path);
     tarn::CString local(ConcatFilePath(device->hostDir, name));
-    std::fflush(stdout);
+    tarn::ConsoleFlush();
     // Existence is the only test: a copy left by an earlier initialisation
     // is kept as it is, and the music database, which three tables name,
     // is copied once.
     if (local && !TarnIsFileExists(local.get())) {
-      std::puts("......begin CopyDeviceFile");
-      std::fflush(stdout);
+      tarn::ConsoleLine("......begin CopyDeviceFile");
+      tarn::ConsoleFlush();
       // A copy cut short (the device went away in mid-transfer, the host
       // disk filled up) must not stay: existence is all a later InitDevice
       // looks at, so it would stand in for the database for good.
       if (!tarn::DownloadWhole(device, client, device_path, local.get(), nullptr)) std::remove(local.get());
-      std::puts("......end CopyDeviceFile");
-      std::fflush(stdout);
+      tarn::ConsoleLine("......end CopyDeviceFile");
+      tarn::ConsoleFlush();
     }
     return false;
   });
@@ -135,7 +136,7 @@ TARN_API int CopyDbFileToNativeDir(PodDevice *device, afc_client_t client, plist
 
 TARN_API int InitDevice(PodDevice *device, const char *host_dir) {
   const tarn::ApiCall api_call;
-  std::puts("InitDevice");
+  tarn::ConsoleLine("InitDevice");
   if (device == nullptr) {
     tarn::SetError(TARN_E_INVALID_ARGUMENT, "No device handle was given.");
     return 1;

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/console.h"
 #include "common/connection.h"
 #include "common/error.h"
 #include "common/raii.h"
@@ -63,7 +64,7 @@ TARN_API void SetDeviceUsage(PodDevice *device, afc_client_t client, plist_t inf
 
 TARN_API plist_t GetDeviceInfo(PodDevice *device) {
   const tarn::ApiCall api_call;
-  std::puts("GetDeviceInfo");
+  tarn::ConsoleLine("GetDeviceInfo");
   if (device == nullptr) {
     tarn::SetError(TARN_E_INVALID_ARGUMENT, "No device handle was given.");
     return nullptr;
@@ -89,7 +90,7 @@ TARN_API plist_t GetDeviceInfo(PodDevice *device) {
     if (node) plist_dict_set_item(info.get(), value.key, node);
   }
   SetDeviceUsage(device, session.afc(), info.get());
-  std::puts("GetDeviceInfo end..");
+  tarn::ConsoleLine("GetDeviceInfo end..");
   PrintPlist(info.get());
   return info.release();
 }

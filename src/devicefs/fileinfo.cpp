@@ -5,6 +5,7 @@
 
 #include <glib.h>
 
+#include "common/console.h"
 #include "common/connection.h"
 #include "common/error.h"
 #include "common/raii.h"
@@ -75,16 +76,16 @@ TARN_API char **GetDirOrFileInfo(PodDevice *device, const char *path) {
 
 TARN_API int IsDirExist(PodDevice *device, const char *path) {
   const tarn::ApiCall api_call;
-  std::puts("IsDirExist");
+  tarn::ConsoleLine("IsDirExist");
   const tarn::DeviceCall call(device, tarn::PolicyOf("IsDirExist"));
   char **names = nullptr;
   // A failed connection is not special: the listing then fails and its
   // error is what gets printed.
   const afc_error_t err = afc_read_directory(call.afc(), path, &names);
   tarn::StrVec owned(names);
-  std::printf("1afc_error_t %d\n", static_cast<int>(err));
+  tarn::Console("1afc_error_t %d\n", static_cast<int>(err));
   if (err != AFC_E_SUCCESS) {
-    std::printf("afc_error_t %d\n", static_cast<int>(err));
+    tarn::Console("afc_error_t %d\n", static_cast<int>(err));
     tarn::SetAfcError(err, path);
     return 0;
   }
@@ -93,12 +94,12 @@ TARN_API int IsDirExist(PodDevice *device, const char *path) {
 
 TARN_API int IsFileExist(PodDevice *device, const char *path) {
   const tarn::ApiCall api_call;
-  std::puts("IsFileExist");
+  tarn::ConsoleLine("IsFileExist");
   const tarn::DeviceCall call(device, tarn::PolicyOf("IsFileExist"));
   const tarn::AfcFile file(call.afc(), path, AFC_FOPEN_RDONLY);
-  std::printf("1afc_error_t %d\n", static_cast<int>(file.error()));
+  tarn::Console("1afc_error_t %d\n", static_cast<int>(file.error()));
   if (file.error() != AFC_E_SUCCESS) {
-    std::printf("afc_error_t %d\n", static_cast<int>(file.error()));
+    tarn::Console("afc_error_t %d\n", static_cast<int>(file.error()));
     return 0;
   }
   return 1;
@@ -106,7 +107,7 @@ TARN_API int IsFileExist(PodDevice *device, const char *path) {
 
 TARN_API int MakeDir(PodDevice *device, const char *path) {
   const tarn::ApiCall api_call;
-  std::puts("MakeDir");
+  tarn::ConsoleLine("MakeDir");
   const tarn::DeviceCall call(device, tarn::PolicyOf("MakeDir"));
   if (!call.ready()) return 1;
   // Whether the directory was made is not reported: the device also answers

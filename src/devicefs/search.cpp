@@ -4,6 +4,7 @@
 #include <cstring>
 #include <string>
 
+#include "common/console.h"
 #include "common/connection.h"
 #include "common/error.h"
 #include "devicefs/records.h"
@@ -28,13 +29,13 @@ class Searcher {
     if (!e.is_dir) {
       if (match) {
         Append(tarn::NewFileRecord(e.name, dir_of(e).c_str(), e.path, e.info), 0);
-        std::printf("file_path is %s\n", e.path.c_str());
+        tarn::Console("file_path is %s\n", e.path.c_str());
       }
       return false;
     }
     if (match) {
       Append(tarn::NewDirRecord(e.name, nullptr, e.path, e.info), 1);
-      std::printf("file_path dir is %s\n", e.path.c_str());
+      tarn::Console("file_path dir is %s\n", e.path.c_str());
     }
     ++state_->depth;
     return true;
@@ -107,14 +108,14 @@ TARN_API void FreeSearchResult(PodSearchItem *first) {
 
 TARN_API int RenamePath(PodDevice *device, const char *old_path, const char *new_path) {
   const tarn::ApiCall api_call;
-  std::puts("RenamePath");
+  tarn::ConsoleLine("RenamePath");
   const tarn::DeviceCall call(device, tarn::PolicyOf("RenamePath"));
   const afc_error_t err = afc_rename_path(call.afc(), old_path, new_path);
-  std::printf("afc_error_t %d\n", static_cast<int>(err));
+  tarn::Console("afc_error_t %d\n", static_cast<int>(err));
   // A failed rename is only printed (and recorded): callers check the
   // outcome with IsFileExist/IsDirExist when they need to.
   if (err != AFC_E_SUCCESS) {
-    std::printf("afc_error_t %d\n", static_cast<int>(err));
+    tarn::Console("afc_error_t %d\n", static_cast<int>(err));
     tarn::SetAfcError(err, old_path);
   }
   return 0;
@@ -122,12 +123,12 @@ TARN_API int RenamePath(PodDevice *device, const char *old_path, const char *new
 
 TARN_API int DeleteFile(PodDevice *device, const char *path) {
   const tarn::ApiCall api_call;
-  std::puts("DeleteFile");
+  tarn::ConsoleLine("DeleteFile");
   const tarn::DeviceCall call(device, tarn::PolicyOf("DeleteFile"));
   const afc_error_t err = afc_remove_path(call.afc(), path);
-  std::printf("afc_error_t %d\n", static_cast<int>(err));
+  tarn::Console("afc_error_t %d\n", static_cast<int>(err));
   if (err != AFC_E_SUCCESS) {
-    std::printf("afc_error_t %d\n", static_cast<int>(err));
+    tarn::Console("afc_error_t %d\n", static_cast<int>(err));
     tarn::SetAfcError(err, path);
     return 1;
   }
@@ -138,13 +139,13 @@ TARN_API void _TarnDeleteDir(afc_client_t client, PodDir *dir, PodDir *root) {
   const tarn::ApiCall api_call;
   if (dir == nullptr) return;
   for (PodDir *sub = dir->first_dir; sub != nullptr;) {
-    std::printf("next_dir %s\n", tarn::Printable(sub->path));
+    tarn::Console("next_dir %s\n", tarn::Printable(sub->path));
     PodDir *next = sub->next_dir;
     _TarnDeleteDir(client, sub, root);
     sub = next;
   }
   for (PodFile *file = dir->first_file; file != nullptr;) {
-    std::printf("next_file %s\n", tarn::Printable(file->path));
+    tarn::Console("next_file %s\n", tarn::Printable(file->path));
     PodFile *next = file->next_file;
     // A file that cannot be removed does not stop the walk; its directory
     // then stays behind too.
@@ -168,7 +169,7 @@ TARN_API int DeleteDir(PodDevice *device, const char *path) {
   auto *root = static_cast<PodDir *>(std::calloc(1, sizeof(PodDir)));
   root->path = strdup(path);
   root->name = strdup(GetFileName(path));
-  std::printf("pd->name: %s\n", root->name);
+  tarn::Console("pd->name: %s\n", root->name);
   root->parent_path = strdup(path);
   StoreSubFolderAndFilesInfo(call.afc(), root, root, 1);
   _TarnDeleteDir(call.afc(), root, root);

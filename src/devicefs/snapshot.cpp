@@ -6,6 +6,7 @@
 #include <cstring>
 #include <vector>
 
+#include "common/console.h"
 #include "common/connection.h"
 #include "common/error.h"
 #include "devicefs/records.h"
@@ -66,9 +67,9 @@ class SnapshotBuilder {
 
   void Leave(const tarn::WalkEntry &e, bool) {
     if (frames_.size() > 1 && frames_.back().depth == e.depth) frames_.pop_back();
-    std::printf("info[0] is %s\n", tarn::Printable(e.info[tarn::kInfoKind]));
-    std::printf("file_path is %s\n", e.path.c_str());
-    std::fputs("finish free", stdout);
+    tarn::Console("info[0] is %s\n", tarn::Printable(e.info[tarn::kInfoKind]));
+    tarn::Console("file_path is %s\n", e.path.c_str());
+    tarn::ConsoleText("finish free");
   }
 
  private:
@@ -134,8 +135,8 @@ TARN_API void SetDirInfo(char **info, PodDir *dir, const char *) {
   if (dir == nullptr) return;
   Assign(dir->create_date, info ? info[tarn::kInfoBirthtime] : nullptr);
   Assign(dir->modify_date, info ? info[tarn::kInfoMtime] : nullptr);
-  std::printf("create_date is %s\n", tarn::Printable(dir->create_date));
-  std::printf("modify_date is %s\n", tarn::Printable(dir->modify_date));
+  tarn::Console("create_date is %s\n", tarn::Printable(dir->create_date));
+  tarn::Console("modify_date is %s\n", tarn::Printable(dir->modify_date));
 }
 
 TARN_API void SetFileInfo(char **info, PodFile *file, const char *) {
@@ -171,13 +172,13 @@ TARN_API PodDir *GetPodDir(PodDevice *device, const char *path, uint32_t max_lev
 TARN_API void FreePodDir(PodDir *dir, int free_self, PodDir *root) {
   if (dir == nullptr) return;
   for (PodDir *sub = dir->first_dir; sub != nullptr;) {
-    std::printf("next_dir %s\n", tarn::Printable(sub->path));
+    tarn::Console("next_dir %s\n", tarn::Printable(sub->path));
     PodDir *next = sub->next_dir;
     FreePodDir(sub, 1, root);
     sub = next;
   }
   for (PodFile *file = dir->first_file; file != nullptr;) {
-    std::printf("next_file %s\n", tarn::Printable(file->path));
+    tarn::Console("next_file %s\n", tarn::Printable(file->path));
     PodFile *next = file->next_file;
     tarn::FreeFileRecord(file);
     if (root) --root->file_count;

@@ -13,6 +13,7 @@
 #include "common/connection.h"
 #include "common/db_entry.h"
 #include "common/error.h"
+#include "common/number.h"
 #include "common/raii.h"
 #include "devicefs/walk.h"
 #include "tarn/tarn_device.h"
@@ -68,8 +69,8 @@ namespace tarn {
 
 bool AppendPictureItem(plist_t items, const char *path, char *const *info, uint64_t *total) {
   if (info == nullptr || info[kInfoSize] == nullptr) return false;
-  const uint64_t size = std::strtoull(info[kInfoSize], nullptr, 10);
-  const int32_t mtime = info[kInfoMtime] ? static_cast<int32_t>(std::strtoll(info[kInfoMtime], nullptr, 10)) : 0;
+  const uint64_t size = tarn::DeviceNumber(info[kInfoSize]);
+  const int32_t mtime = static_cast<int32_t>(tarn::DeviceNumber(info[kInfoMtime]));
   plist_t item = plist_new_dict();
   plist_array_append_item(items, item);
   plist_dict_set_item(item, "size", plist_new_uint(size));

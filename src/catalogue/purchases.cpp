@@ -9,6 +9,7 @@
 #include "common/connection.h"
 #include "common/error.h"
 #include "common/host_plist.h"
+#include "common/number.h"
 #include "common/raii.h"
 #include "tarn/tarn_device.h"
 
@@ -50,7 +51,7 @@ TARN_API uint32_t GetPurchaseMusicListFromPlist(PodDevice *device, const char *p
     }
     const char *size_text = info.get()[1];
     if (size_text == nullptr) continue;
-    const uint64_t size = std::strtoull(size_text, nullptr, 10);
+    const uint64_t size = tarn::DeviceNumber(size_text);
     plist_array_append_item(items, tarn::MediaItemFromPurchase(entry, device_path.get(), size));
     if (total) *total += size;
     ++appended;

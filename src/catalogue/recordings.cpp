@@ -11,6 +11,7 @@
 #include "common/connection.h"
 #include "common/db_entry.h"
 #include "common/error.h"
+#include "common/number.h"
 #include "common/raii.h"
 #include "musicdb/music_database.h"
 #include "devicefs/walk.h"
@@ -67,7 +68,7 @@ TARN_API int RecordingDbCallback(void *context, int columns, char **values, char
     info.reset(GetFileInfo(ctx->client, device_path));
   }
   if (info.get()[tarn::kInfoSize] == nullptr) return 0;
-  const uint64_t size = std::strtoull(info.get()[tarn::kInfoSize], nullptr, 10);
+  const uint64_t size = tarn::DeviceNumber(info.get()[tarn::kInfoSize]);
 
   plist_t item = plist_new_dict();
   plist_array_append_item(ctx->items, item);

@@ -11,6 +11,7 @@
 #include "common/connection.h"
 #include "common/db_entry.h"
 #include "common/error.h"
+#include "common/number.h"
 #include "common/raii.h"
 #include "devicefs/transfer.h"
 #include "tarn/tarn_device.h"
@@ -62,7 +63,7 @@ TARN_API int IsPodFileValid(afc_client_t client, const char *path) {
   tarn::StrVec owned(attrs);
   for (char **kv = attrs; kv[0] != nullptr && kv[1] != nullptr; kv += 2) {
     // An empty database is as good as none: nothing could be read from it.
-    if (std::strcmp(kv[0], "st_size") == 0 && std::strtoll(kv[1], nullptr, 10) == 0) return 0;
+    if (std::strcmp(kv[0], "st_size") == 0 && tarn::DeviceNumber(kv[1]) == 0) return 0;
   }
   return 1;
 }

@@ -1,4 +1,5 @@
 // Search by name, rename, and the single and recursive deletes.
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -53,7 +54,17 @@ class Searcher {
   }
 
   void Append(void *record, int32_t kind) {
+    if (record == nullptr) return;
     auto *item = static_cast<PodSearchItem *>(std::calloc(1, sizeof(PodSearchItem)));
+    if (item == nullptr) {
+      // Out of memory: the result goes on without this match.
+      if (kind == 0) {
+        tarn::FreeFileRecord(static_cast<PodFile *>(record));
+      } else {
+        tarn::FreeDirRecord(static_cast<PodDir *>(record));
+      }
+      return;
+    }
     item->record = record;
     item->kind = kind;
     if (state_->last) {
@@ -167,6 +178,10 @@ TARN_API int DeleteDir(PodDevice *device, const char *path) {
   }
   const tarn::DeviceCall call(device, tarn::PolicyOf("DeleteDir"));
   auto *root = static_cast<PodDir *>(std::calloc(1, sizeof(PodDir)));
+  if (root == nullptr) {
+    tarn::SetHostError(ENOMEM, path);
+    return 0;
+  }
   root->path = strdup(path);
   root->name = strdup(GetFileName(path));
   tarn::Console("pd->name: %s\n", root->name);

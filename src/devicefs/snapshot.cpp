@@ -1,5 +1,6 @@
 // Directory tree snapshots: a device directory read, to a chosen depth, into
 // the linked PodDir/PodFile records that the application walks directly.
+#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -36,6 +37,8 @@ class SnapshotBuilder {
     Frame &f = frames_.back();
     if (!e.is_dir) {
       PodFile *file = tarn::NewFileRecord(e.name, f.dir->path, e.path, e.info);
+      // Out of memory: the tree goes on without the entry.
+      if (file == nullptr) return false;
       ++root_->file_count;
       file->parent = f.dir;
       file->prev_file = f.last_file;
@@ -48,6 +51,7 @@ class SnapshotBuilder {
       return false;
     }
     PodDir *dir = tarn::NewDirRecord(e.name, f.dir->path, e.path, e.info);
+    if (dir == nullptr) return false;
     dir->level = e.depth;
     ++root_->dir_count;
     dir->parent = f.dir;
@@ -89,6 +93,7 @@ namespace tarn {
 
 PodFile *NewFileRecord(const char *name, const char *parent_path, const std::string &path, char **info) {
   auto *file = static_cast<PodFile *>(std::calloc(1, sizeof(PodFile)));
+  if (file == nullptr) return nullptr;
   file->name = CopyOrNull(name);
   file->parent_path = CopyOrNull(parent_path);
   file->path = CopyOrNull(path.c_str());
@@ -98,6 +103,7 @@ PodFile *NewFileRecord(const char *name, const char *parent_path, const std::str
 
 PodDir *NewDirRecord(const char *name, const char *parent_path, const std::string &path, char **info) {
   auto *dir = static_cast<PodDir *>(std::calloc(1, sizeof(PodDir)));
+  if (dir == nullptr) return nullptr;
   dir->path = CopyOrNull(path.c_str());
   SetDirInfo(info, dir, dir->path);
   dir->name = CopyOrNull(name);
@@ -159,6 +165,10 @@ TARN_API PodDir *GetPodDir(PodDevice *device, const char *path, uint32_t max_lev
   const tarn::ApiCall api_call;
   const tarn::DeviceCall call(device, tarn::PolicyOf("GetPodDir"));
   auto *root = static_cast<PodDir *>(std::calloc(1, sizeof(PodDir)));
+  if (root == nullptr) {
+    tarn::SetHostError(ENOMEM, path);
+    return nullptr;
+  }
   root->path = CopyOrNull(path);
   tarn::FileInfo info(GetFileInfo(call.afc(), path));
   SetDirInfo(info.get(), root, path);

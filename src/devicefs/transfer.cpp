@@ -11,6 +11,7 @@
 #include "common/console.h"
 #include "common/connection.h"
 #include "common/error.h"
+#include "common/number.h"
 #include "common/raii.h"
 #include "devicefs/transfer.h"
 #include "devicefs/walk.h"
@@ -120,7 +121,7 @@ class TreeCopier {
       tarn::Console("copy file from: %s\n", source.c_str());
       tarn::Console("copy file to: %s\n", target.c_str());
       const char *size = info[tarn::kInfoSize];
-      Download(device_, client_, source.c_str(), target.c_str(), size ? std::strtoull(size, nullptr, 10) : 0,
+      Download(device_, client_, source.c_str(), target.c_str(), tarn::DeviceNumber(size),
                nullptr);
       tarn::ConsoleLine("finish copy file1");
       tarn::ConsoleLine("finish copy file2");
@@ -179,7 +180,7 @@ bool DownloadWhole(PodDevice *device, afc_client_t client, const char *device_pa
     return false;
   }
   const char *size = info.get()[kInfoSize];
-  const uint64_t total = size ? std::strtoull(size, nullptr, 10) : 0;
+  const uint64_t total = tarn::DeviceNumber(size);
   info.reset();
   return Download(device, client, device_path, host_path, total, progress);
 }

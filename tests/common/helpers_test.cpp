@@ -8,6 +8,7 @@
 #include <fstream>
 #include <string>
 
+#include "common/number.h"
 #include "common/raii.h"
 #include "tarn/tarn_device.h"
 #include "sim_image.h"
@@ -106,6 +107,22 @@ TEST(Paths, JoinsDecideTheSeparatorFromTheLastSlash) {
   }
   CString plain(ConcatStr("/tmp/work", "iTunesCDB"));
   EXPECT_STREQ(plain.get(), "/tmp/workiTunesCDB") << "ConcatStr adds no separator";
+}
+
+TEST(DeviceNumbers, TextThatOverflowsOrIsNoNumberStaysDefined) {
+  struct Case {
+    const char *text;
+    uint64_t value;
+  } cases[] = {
+      {"300000", 300000},
+      {"18446744073709551615", UINT64_MAX},
+      {"99999999999999999999999", UINT64_MAX},
+      {"12abc", 12},
+      {"abc", 0},
+      {"", 0},
+      {nullptr, 0},
+  };
+  for (const auto &c : cases) EXPECT_EQ(tarn::DeviceNumber(c.text), c.value) << (c.text ? c.text : "(null)");
 }
 
 TEST(Paths, FileNameAndPostfix) {

@@ -114,19 +114,19 @@ TARN_API int CopyDbFileToNativeDir(PodDevice *device, afc_client_t client, plist
     return 1;
   }
   tarn::WalkDbEntry(entry, [&](uint64_t, const char *device_path) {
-    const char *name = GetFileName(device_path);
-    tarn::CString local(ConcatFilePath(device->hostDir, name));
+    const std::string copy = tarn::LocalCopyPath(device, device_path);
+    const char *local_path = copy.c_str();
     tarn::ConsoleFlush();
     // Existence is the only test: a copy left by an earlier initialisation
     // is kept as it is, and the music database, which three tables name,
     // is copied once.
-    if (local && !TarnIsFileExists(local.get())) {
+    if (!TarnIsFileExists(local_path)) {
       tarn::ConsoleLine("......begin CopyDeviceFile");
       tarn::ConsoleFlush();
       // A copy cut short (the device went away in mid-transfer, the host
       // disk filled up) must not stay: existence is all a later InitDevice
       // looks at, so it would stand in for the database for good.
-      if (!tarn::DownloadWhole(device, client, device_path, local.get(), nullptr)) std::remove(local.get());
+      if (!tarn::DownloadWhole(device, client, device_path, local_path, nullptr)) std::remove(local_path);
       tarn::ConsoleLine("......end CopyDeviceFile");
       tarn::ConsoleFlush();
     }

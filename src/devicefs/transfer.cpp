@@ -157,16 +157,6 @@ class TreeCopier {
   std::vector<std::string> targets_;
 };
 
-// ConcatFilePath glues a name straight onto a path without any '/'; such a
-// start directory gets its separator here, so that what is copied below it
-// lands inside it and not beside it.
-std::string AsDirectory(const char *dir, const char *name) {
-  tarn::CString joined(ConcatFilePath(dir, name));
-  std::string path = joined ? joined.get() : "";
-  if (path.find('/') == std::string::npos) path += '/';
-  return path;
-}
-
 }  // namespace
 
 namespace tarn {
@@ -281,8 +271,8 @@ TARN_API void _CopyDirectory(PodDevice *device, afc_client_t client, const char 
     tarn::SetError(TARN_E_INVALID_ARGUMENT, "A directory copy needs a device directory, a usable name and a host directory.");
     return;
   }
-  const std::string source = AsDirectory(device_parent, name);
-  const std::string target = AsDirectory(host_parent, name);
+  const std::string source = tarn::StartDirectory(device_parent, name);
+  const std::string target = tarn::StartDirectory(host_parent, name);
   tarn::Console("from is %s\n", source.c_str());
   tarn::Console("to is %s\n", target.c_str());
   tarn::FileInfo info(GetFileInfo(client, source.c_str()));

@@ -59,6 +59,12 @@ enum class PathJoin { kAlwaysSlash, kConcatFilePath };
 
 std::string JoinDevicePath(const std::string &dir, const char *name, PathJoin join);
 
+// The start directory of a directory copy (device or host side): the
+// ConcatFilePath join, which glues a name straight onto a path without any
+// '/'; such a path gets its separator here, so that what is copied below it
+// lands inside it and not beside it.
+std::string StartDirectory(const char *dir, const char *name);
+
 // One entry met by WalkDirectory. Everything in it lives until Leave returns.
 struct WalkEntry {
   const char *name;         // as listed

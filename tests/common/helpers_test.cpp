@@ -8,6 +8,7 @@
 #include <fstream>
 #include <string>
 
+#include "common/db_entry.h"
 #include "common/number.h"
 #include "common/raii.h"
 #include "tarn/tarn_device.h"
@@ -123,6 +124,23 @@ TEST(DeviceNumbers, TextThatOverflowsOrIsNoNumberStaysDefined) {
       {nullptr, 0},
   };
   for (const auto &c : cases) EXPECT_EQ(tarn::DeviceNumber(c.text), c.value) << (c.text ? c.text : "(null)");
+}
+
+TEST(Paths, LocalCopiesAreTheBaseNameInsideTheHostFolder) {
+  struct Case {
+    const char *host_dir, *device_path, *local;
+  } cases[] = {
+      {"/tmp/work", "/iTunes_Control/iTunes/iTunesCDB", "/tmp/work/iTunesCDB"},
+      {"/tmp/work/", "/iTunes_Control/iTunes/iTunesCDB", "/tmp/work/iTunesCDB"},
+      {"cache", "/Books/Books.plist", "cache/Books.plist"},
+      {"", "/Recordings/Recordings.db", "Recordings.db"},
+      {nullptr, "noslash", "noslash"},
+  };
+  for (const auto &c : cases) {
+    PodDevice device{};
+    device.hostDir = const_cast<char *>(c.host_dir);
+    EXPECT_EQ(tarn::LocalCopyPath(&device, c.device_path), c.local) << (c.host_dir ? c.host_dir : "(null)");
+  }
 }
 
 TEST(Paths, FileNameAndPostfix) {

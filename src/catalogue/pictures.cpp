@@ -68,9 +68,9 @@ struct PictureVisitor {
 namespace tarn {
 
 bool AppendPictureItem(plist_t items, const char *path, char *const *info, uint64_t *total) {
-  if (info == nullptr || info[kInfoSize] == nullptr) return false;
-  const uint64_t size = tarn::DeviceNumber(info[kInfoSize]);
-  const int32_t mtime = static_cast<int32_t>(tarn::DeviceNumber(info[kInfoMtime]));
+  if (info == nullptr || info[TARN_INFO_SIZE] == nullptr) return false;
+  const uint64_t size = tarn::DeviceNumber(info[TARN_INFO_SIZE]);
+  const int32_t mtime = static_cast<int32_t>(tarn::DeviceNumber(info[TARN_INFO_MTIME]));
   plist_t item = plist_new_dict();
   plist_array_append_item(items, item);
   plist_dict_set_item(item, "size", plist_new_uint(size));

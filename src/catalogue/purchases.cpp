@@ -49,7 +49,7 @@ TARN_API uint32_t GetPurchaseMusicListFromPlist(PodDevice *device, const char *p
       const tarn::KeepReason quiet;
       info.reset(GetFileInfo(call.afc(), device_path.get()));
     }
-    const char *size_text = info.get()[1];
+    const char *size_text = info.get()[TARN_INFO_SIZE];
     if (size_text == nullptr) continue;
     const uint64_t size = tarn::DeviceNumber(size_text);
     plist_array_append_item(items, tarn::MediaItemFromPurchase(entry, device_path.get(), size));

@@ -67,8 +67,8 @@ TARN_API int RecordingDbCallback(void *context, int columns, char **values, char
     const tarn::KeepReason quiet;
     info.reset(GetFileInfo(ctx->client, device_path));
   }
-  if (info.get()[tarn::kInfoSize] == nullptr) return 0;
-  const uint64_t size = tarn::DeviceNumber(info.get()[tarn::kInfoSize]);
+  if (info.get()[TARN_INFO_SIZE] == nullptr) return 0;
+  const uint64_t size = tarn::DeviceNumber(info.get()[TARN_INFO_SIZE]);
 
   plist_t item = plist_new_dict();
   plist_array_append_item(ctx->items, item);

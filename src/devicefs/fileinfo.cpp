@@ -27,9 +27,9 @@ int SlotOfKey(const char *key) {
     const char *key;
     int slot;
   } kSlots[] = {
-      {"st_ifmt", tarn::kInfoKind},   {"st_size", tarn::kInfoSize},
-      {"st_mtime", tarn::kInfoMtime}, {"st_blocks", tarn::kInfoBlocks},
-      {"st_birthtime", tarn::kInfoBirthtime},
+      {"st_ifmt", TARN_INFO_KIND},   {"st_size", TARN_INFO_SIZE},
+      {"st_mtime", TARN_INFO_MTIME}, {"st_blocks", TARN_INFO_BLOCKS},
+      {"st_birthtime", TARN_INFO_BIRTHTIME},
   };
   for (const auto &s : kSlots) {
     if (std::strcmp(key, s.key) == 0) return s.slot;
@@ -44,7 +44,7 @@ extern "C" {
 TARN_API char **GetFileInfo(afc_client_t client, const char *path) {
   const tarn::ApiCall api_call;
   // g_malloc0/g_strdup, because the vector is released with g_strfreev.
-  char **info = static_cast<char **>(g_malloc0(tarn::kInfoSlots * sizeof(char *)));
+  char **info = static_cast<char **>(g_malloc0(TARN_INFO_SLOTS * sizeof(char *)));
   char **attrs = nullptr;
   if (client == nullptr || path == nullptr) {
     tarn::SetError(TARN_E_INVALID_ARGUMENT,
@@ -63,7 +63,7 @@ TARN_API char **GetFileInfo(afc_client_t client, const char *path) {
     if (slot < 0) continue;
     g_free(info[slot]);  // a repeated key: the last one wins
     info[slot] = g_strdup(kv[1]);
-    if (slot == tarn::kInfoMtime || slot == tarn::kInfoBirthtime) CutNanoseconds(info[slot]);
+    if (slot == TARN_INFO_MTIME || slot == TARN_INFO_BIRTHTIME) CutNanoseconds(info[slot]);
   }
   return info;
 }

@@ -71,7 +71,7 @@ class SnapshotBuilder {
 
   void Leave(const tarn::WalkEntry &e, bool) {
     if (frames_.size() > 1 && frames_.back().depth == e.depth) frames_.pop_back();
-    tarn::Console("info[0] is %s\n", tarn::Printable(e.info[tarn::kInfoKind]));
+    tarn::Console("info[0] is %s\n", tarn::Printable(e.info[TARN_INFO_KIND]));
     tarn::Console("file_path is %s\n", e.path.c_str());
     tarn::ConsoleText("finish free");
   }
@@ -139,8 +139,8 @@ extern "C" {
 TARN_API void SetDirInfo(char **info, PodDir *dir, const char *) {
   const tarn::ApiCall api_call;
   if (dir == nullptr) return;
-  Assign(dir->create_date, info ? info[tarn::kInfoBirthtime] : nullptr);
-  Assign(dir->modify_date, info ? info[tarn::kInfoMtime] : nullptr);
+  Assign(dir->create_date, info ? info[TARN_INFO_BIRTHTIME] : nullptr);
+  Assign(dir->modify_date, info ? info[TARN_INFO_MTIME] : nullptr);
   tarn::Console("create_date is %s\n", tarn::Printable(dir->create_date));
   tarn::Console("modify_date is %s\n", tarn::Printable(dir->modify_date));
 }
@@ -148,9 +148,9 @@ TARN_API void SetDirInfo(char **info, PodDir *dir, const char *) {
 TARN_API void SetFileInfo(char **info, PodFile *file, const char *) {
   const tarn::ApiCall api_call;
   if (file == nullptr) return;
-  Assign(file->create_date, info ? info[tarn::kInfoBirthtime] : nullptr);
-  Assign(file->modify_date, info ? info[tarn::kInfoMtime] : nullptr);
-  Assign(file->size, info ? info[tarn::kInfoSize] : nullptr);
+  Assign(file->create_date, info ? info[TARN_INFO_BIRTHTIME] : nullptr);
+  Assign(file->modify_date, info ? info[TARN_INFO_MTIME] : nullptr);
+  Assign(file->size, info ? info[TARN_INFO_SIZE] : nullptr);
 }
 
 TARN_API void StoreSubFolderAndFilesInfo(afc_client_t client, PodDir *dir, PodDir *root, int32_t level) {

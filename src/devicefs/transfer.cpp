@@ -115,12 +115,12 @@ class TreeCopier {
   // Copies one entry whose information is known. Returns true for a
   // directory, whose host counterpart then receives the entries below it.
   bool Copy(const std::string &source, const std::string &target, char **info) {
-    tarn::Console("file_info[0] %s\n", tarn::Printable(info[tarn::kInfoKind]));
-    if (info[tarn::kInfoKind] == nullptr) return false;
+    tarn::Console("file_info[0] %s\n", tarn::Printable(info[TARN_INFO_KIND]));
+    if (info[TARN_INFO_KIND] == nullptr) return false;
     if (!tarn::IsDirInfo(info)) {
       tarn::Console("copy file from: %s\n", source.c_str());
       tarn::Console("copy file to: %s\n", target.c_str());
-      const char *size = info[tarn::kInfoSize];
+      const char *size = info[TARN_INFO_SIZE];
       Download(device_, client_, source.c_str(), target.c_str(), tarn::DeviceNumber(size),
                nullptr);
       tarn::ConsoleLine("finish copy file1");
@@ -164,12 +164,12 @@ namespace tarn {
 bool DownloadWhole(PodDevice *device, afc_client_t client, const char *device_path, const char *host_path,
                    PodProgressCallback progress) {
   FileInfo info(GetFileInfo(client, device_path));
-  if (info.get()[kInfoKind] == nullptr) {
+  if (info.get()[TARN_INFO_KIND] == nullptr) {
     // A device that answers without saying what the path is.
     if (CurrentCode() == TARN_OK) SetAfcError(AFC_E_OBJECT_NOT_FOUND, device_path);
     return false;
   }
-  const char *size = info.get()[kInfoSize];
+  const char *size = info.get()[TARN_INFO_SIZE];
   const uint64_t total = tarn::DeviceNumber(size);
   info.reset();
   return Download(device, client, device_path, host_path, total, progress);

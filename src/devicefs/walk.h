@@ -34,11 +34,8 @@ namespace tarn {
 // of the device file system compares against this, exactly and with case.
 inline constexpr const char *kAfcDirFlag = "S_IFDIR";
 
-// Slots of the file-information vector (GetFileInfo).
-enum FileInfoSlot { kInfoKind = 0, kInfoSize = 1, kInfoMtime = 2, kInfoBlocks = 3, kInfoBirthtime = 4, kInfoSlots = 6 };
-
 inline bool IsDirInfo(char *const *info) {
-  return info != nullptr && info[kInfoKind] != nullptr && std::strcmp(info[kInfoKind], kAfcDirFlag) == 0;
+  return info != nullptr && info[TARN_INFO_KIND] != nullptr && std::strcmp(info[TARN_INFO_KIND], kAfcDirFlag) == 0;
 }
 
 // False for the names a walk must never turn into a path (see above).

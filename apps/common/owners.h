@@ -9,6 +9,8 @@
 #include <glib.h>
 #include <plist/plist.h>
 
+#include "tarn/tarn_device.h"
+
 namespace tarn::app {
 
 struct PlistFree {
@@ -21,12 +23,12 @@ struct MallocFree {
 };
 using CString = std::unique_ptr<char, MallocFree>;
 
-// A file-information vector: five value slots, any of which may be NULL
+// A file-information vector: TARN_INFO_VALUES value slots, any of which may be NULL
 // when the device left a key out, so g_strfreev (which stops at the first
 // NULL) would leak the slots after a hole.
 struct FileInfoFree {
   void operator()(char **v) const {
-    for (int i = 0; i < 5; ++i) g_free(v[i]);
+    for (int i = 0; i < TARN_INFO_VALUES; ++i) g_free(v[i]);
     g_free(v);
   }
 };

@@ -18,10 +18,11 @@
  *  - Most functions print a few progress lines on standard output; the lines
  *    are part of the interface and are listed with each function.
  *
- * Threads: the library keeps no global state but one record per thread of
- * the reason for its last failure (TarnLastError()), and no thread of its
- * own outlives a call (a parse of the music database verifies the file's
- * checksum on a second thread, which ends before the parse returns).
+ * Threads: the library keeps no global state. Per thread it keeps the
+ * reason for the last failure (TarnLastError()) and, only while
+ * SetDeviceUsage runs, the music database parse its lists share. No thread
+ * of its own outlives a call (a parse of the music database verifies the
+ * file's checksum on a second thread, which ends before the parse returns).
  *  - May be shared: nothing of the library's own. Different handles, also
  *    for the same device, may be used from different threads at the same
  *    time; each call opens its own connection. Results (property lists,
@@ -549,10 +550,22 @@ TARN_API plist_t ReadUserPictureDbTypeCdb(const char *path);
 /* Device file system                                                        */
 /* ------------------------------------------------------------------------ */
 
+/** The slots of a file-information vector (GetFileInfo()), in their order. */
+typedef enum TarnFileInfoSlot {
+    TARN_INFO_KIND = 0,      /**< "st_ifmt": "S_IFDIR" for a directory */
+    TARN_INFO_SIZE = 1,      /**< size in bytes */
+    TARN_INFO_MTIME = 2,     /**< modification time, whole seconds */
+    TARN_INFO_BLOCKS = 3,    /**< blocks */
+    TARN_INFO_BIRTHTIME = 4, /**< creation time, whole seconds */
+    TARN_INFO_VALUES = 5,    /**< the number of value slots; the slot after them is NULL */
+    TARN_INFO_SLOTS = 6      /**< the length of the vector */
+} TarnFileInfoSlot;
+
 /**
  * The file-information vector of a device path, with an open client: six
- * slots, 0 "st_ifmt" (a directory is "S_IFDIR"), 1 size, 2 modification
- * time in whole seconds, 3 blocks, 4 creation time in whole seconds, 5 NULL.
+ * slots (TarnFileInfoSlot), 0 "st_ifmt" (a directory is "S_IFDIR"), 1 size,
+ * 2 modification time in whole seconds, 3 blocks, 4 creation time in whole
+ * seconds, 5 NULL.
  * A slot the device did not send is NULL; all are NULL when the query failed.
  * @return A new vector (never NULL), released with g_strfreev(). g_strfreev()
  *         stops at the first NULL slot, so a caller that meets a device

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <iterator>
 
+#include "common/console.h"
 #include "common/db_entry.h"
 #include "common/error.h"
 #include "common/host_plist.h"
@@ -81,7 +82,7 @@ TARN_API plist_t ReadBookDbTypePLISTBin(const char *path) {
 
 TARN_API plist_t GetBookList(PodDevice *device, uint32_t, uint32_t) {
   const tarn::ApiCall api_call;
-  std::puts("GetBookList");
+  tarn::ConsoleLine("GetBookList");
   tarn::PlistPtr catalogues(plist_new_array());
   int read = 0;
   const bool listed = tarn::WalkDbFiles(device, "BookDb", [&](uint64_t type, const char *device_path) {

@@ -3,6 +3,7 @@
 // lists nothing, the camera folder is walked instead.
 #include <cstdio>
 
+#include "common/console.h"
 #include "catalogue/media_item.h"
 #include "catalogue/pictures.h"
 #include "common/connection.h"
@@ -52,16 +53,15 @@ TARN_API plist_t ReadCameraDbTypeSQLITE(PodDevice *device, const char *path) {
   char *error = nullptr;
   int exec_rc = SQLITE_OK;
   {
-    tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
     // The device's own sync must not remove files while they are sized.
-    tarn::SyncLock lock(conn.afc());
-    ctx.client = conn.afc();
+    const tarn::DeviceCall call(device, tarn::PolicyOf("ReadCameraDbTypeSQLITE"));
+    ctx.client = call.afc();
     exec_rc = sqlite3_exec(db.get(), kCameraQuery, CameraPictureCallback, &ctx, &error);
   }
   tarn::SqliteText owned_error(error);
   // Rows handed over before a failure are kept.
   if (exec_rc != SQLITE_OK) {
-    std::printf("zErrMsg %s\n", tarn::Printable(error));
+    tarn::Console("zErrMsg %s\n", tarn::Printable(error));
     tarn::SetDatabaseError(path, error ? error : "");
   }
   const uint32_t found = plist_array_get_size(ctx.items);
@@ -78,7 +78,7 @@ TARN_API plist_t ReadCameraDbTypeFromDevice(PodDevice *device) {
 
 TARN_API plist_t GetCameraPVList(PodDevice *device, uint32_t, uint32_t) {
   const tarn::ApiCall api_call;
-  std::puts("GetCameraPVList");
+  tarn::ConsoleLine("GetCameraPVList");
   plist_t result = nullptr;
   const bool listed = tarn::WalkDbFiles(device, "CameraDb", [&](uint64_t type, const char *device_path) {
     if (type != 0) return false;
@@ -88,7 +88,7 @@ TARN_API plist_t GetCameraPVList(PodDevice *device, uint32_t, uint32_t) {
   if (!listed) return ReadCameraDbTypeFromDevice(device);
   PrintPlist(result);
   if (result == nullptr) return ReadCameraDbTypeFromDevice(device);
-  std::puts("GetCameraPVList END");
+  tarn::ConsoleLine("GetCameraPVList END");
   return result;
 }
 

@@ -1,6 +1,7 @@
 // Synced and streamed pictures: a walk over fixed device folders keeping
 // the files with a picture or video extension. The camera roll walks its
 // folder with the same code when its database lists nothing.
+#include "common/console.h"
 #include "catalogue/pictures.h"
 
 #include <cstdio>
@@ -12,6 +13,7 @@
 #include "common/connection.h"
 #include "common/db_entry.h"
 #include "common/error.h"
+#include "common/number.h"
 #include "common/raii.h"
 #include "devicefs/walk.h"
 #include "tarn/tarn_device.h"
@@ -66,9 +68,9 @@ struct PictureVisitor {
 namespace tarn {
 
 bool AppendPictureItem(plist_t items, const char *path, char *const *info, uint64_t *total) {
-  if (info == nullptr || info[kInfoSize] == nullptr) return false;
-  const uint64_t size = std::strtoull(info[kInfoSize], nullptr, 10);
-  const int32_t mtime = info[kInfoMtime] ? static_cast<int32_t>(std::strtoll(info[kInfoMtime], nullptr, 10)) : 0;
+  if (info == nullptr || info[TARN_INFO_SIZE] == nullptr) return false;
+  const uint64_t size = tarn::DeviceNumber(info[TARN_INFO_SIZE]);
+  const int32_t mtime = static_cast<int32_t>(tarn::DeviceNumber(info[TARN_INFO_MTIME]));
   plist_t item = plist_new_dict();
   plist_array_append_item(items, item);
   plist_dict_set_item(item, "size", plist_new_uint(size));
@@ -97,15 +99,14 @@ TARN_API int GetDirAllPicture(afc_client_t client, plist_t items, const char *fo
 
 TARN_API plist_t GetPictureListFromDevice(PodDevice *device, const char **folders, int32_t count) {
   const tarn::ApiCall api_call;
-  std::puts("GetUserPictureListFromDevice");
-  tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
+  tarn::ConsoleLine("GetUserPictureListFromDevice");
   // One lock for all folders: the device's own sync must not move pictures
-  // while they are listed; without the lock file the walk still runs.
-  tarn::SyncLock lock(conn.afc());
+  // while they are listed.
+  const tarn::DeviceCall call(device, tarn::PolicyOf("GetPictureListFromDevice"));
   tarn::PlistPtr result(tarn::NewTrackListResult());
   plist_t items = tarn::ListItems(result.get());
   uint64_t total = 0;
-  for (int32_t i = 0; folders != nullptr && i < count; ++i) GetDirAllPicture(conn.afc(), items, folders[i], &total);
+  for (int32_t i = 0; folders != nullptr && i < count; ++i) GetDirAllPicture(call.afc(), items, folders[i], &total);
   const uint32_t found = plist_array_get_size(items);
   if (found == 0) return nullptr;
   tarn::AddToListCounts(result.get(), found, total);

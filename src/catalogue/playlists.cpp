@@ -1,11 +1,12 @@
 // Every playlist of the music database, each member as a full media item.
 #include <cstdio>
 
+#include "common/console.h"
 #include "catalogue/media_item.h"
 #include "common/db_entry.h"
 #include "common/error.h"
 #include "common/raii.h"
-#include "device/music_database.h"
+#include "musicdb/music_database.h"
 #include "tarn/tarn_device.h"
 
 extern "C" {
@@ -15,7 +16,7 @@ TARN_API plist_t ReadPlaylistDbTypeCdb(const char *path) {
   const tarn::MusicDatabase db(path);
   if (!db) return nullptr;
   const uint32_t count = itdb_playlists_number(db.get());
-  std::printf("playlists_number is %d\n", static_cast<int>(count));
+  tarn::Console("playlists_number is %d\n", static_cast<int>(count));
   if (count == 0) return nullptr;
   plist_t result = plist_new_array();
   for (GList *l = db->playlists; l != nullptr; l = l->next) {
@@ -37,7 +38,7 @@ TARN_API plist_t ReadPlaylistDbTypeCdb(const char *path) {
 
 TARN_API plist_t GetPlayList(PodDevice *device, uint32_t, uint32_t) {
   const tarn::ApiCall api_call;
-  std::puts("GetPlayList");
+  tarn::ConsoleLine("GetPlayList");
   plist_t result = nullptr;
   if (!tarn::WalkDbFiles(device, "TrackDb", [&](uint64_t type, const char *device_path) {
         if (type != tarn::kTrackDbCdb) return false;
@@ -47,7 +48,7 @@ TARN_API plist_t GetPlayList(PodDevice *device, uint32_t, uint32_t) {
     return nullptr;
   }
   PrintPlist(result);
-  std::puts("GetPlayList END");
+  tarn::ConsoleLine("GetPlayList END");
   return result;
 }
 

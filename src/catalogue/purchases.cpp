@@ -9,6 +9,7 @@
 #include "common/connection.h"
 #include "common/error.h"
 #include "common/host_plist.h"
+#include "common/number.h"
 #include "common/raii.h"
 #include "tarn/tarn_device.h"
 
@@ -22,10 +23,9 @@ TARN_API uint32_t GetPurchaseMusicListFromPlist(PodDevice *device, const char *p
   plist_t purchases = plist_dict_get_item(root.get(), "contentInfoByXMLFilename");
   if (plist_get_node_type(purchases) != PLIST_DICT || plist_dict_get_size(purchases) == 0) return 0;
 
-  tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
   // Held for the whole loop, so that the device does not sync the files
-  // away while we size them; without the lock file the loop still runs.
-  tarn::SyncLock lock(conn.afc());
+  // away while we size them.
+  const tarn::DeviceCall call(device, tarn::PolicyOf("GetPurchaseMusicListFromPlist"));
   uint32_t appended = 0;
   plist_dict_iter it = nullptr;
   plist_dict_new_iter(purchases, &it);
@@ -47,11 +47,11 @@ TARN_API uint32_t GetPurchaseMusicListFromPlist(PodDevice *device, const char *p
     tarn::FileInfo info;
     {
       const tarn::KeepReason quiet;
-      info.reset(GetFileInfo(conn.afc(), device_path.get()));
+      info.reset(GetFileInfo(call.afc(), device_path.get()));
     }
-    const char *size_text = info.get()[1];
+    const char *size_text = info.get()[TARN_INFO_SIZE];
     if (size_text == nullptr) continue;
-    const uint64_t size = std::strtoull(size_text, nullptr, 10);
+    const uint64_t size = tarn::DeviceNumber(size_text);
     plist_array_append_item(items, tarn::MediaItemFromPurchase(entry, device_path.get(), size));
     if (total) *total += size;
     ++appended;

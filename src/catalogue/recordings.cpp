@@ -6,12 +6,14 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/console.h"
 #include "catalogue/media_item.h"
 #include "common/connection.h"
 #include "common/db_entry.h"
 #include "common/error.h"
+#include "common/number.h"
 #include "common/raii.h"
-#include "device/music_database.h"
+#include "musicdb/music_database.h"
 #include "devicefs/walk.h"
 #include "tarn/tarn_device.h"
 
@@ -65,8 +67,8 @@ TARN_API int RecordingDbCallback(void *context, int columns, char **values, char
     const tarn::KeepReason quiet;
     info.reset(GetFileInfo(ctx->client, device_path));
   }
-  if (info.get()[tarn::kInfoSize] == nullptr) return 0;
-  const uint64_t size = std::strtoull(info.get()[tarn::kInfoSize], nullptr, 10);
+  if (info.get()[TARN_INFO_SIZE] == nullptr) return 0;
+  const uint64_t size = tarn::DeviceNumber(info.get()[TARN_INFO_SIZE]);
 
   plist_t item = plist_new_dict();
   plist_array_append_item(ctx->items, item);
@@ -79,7 +81,7 @@ TARN_API int RecordingDbCallback(void *context, int columns, char **values, char
   plist_dict_set_item(item, "time", plist_new_uint(DurationMilliseconds(values[0])));
   plist_dict_set_item(item, "size", plist_new_uint(size));
   InsertPlistDictString(item, "name", label);
-  std::printf("name is %s\n", tarn::Printable(label));
+  tarn::Console("name is %s\n", tarn::Printable(label));
   ctx->total += size;
   return 0;
 }
@@ -100,10 +102,9 @@ TARN_API plist_t ReadRecordingDbTypeSQLITE(PodDevice *device, const char *path) 
   RecordingRowContext ctx{0, tarn::ListItems(result.get()), 0, nullptr};
   char *error = nullptr;
   {
-    tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
     // The device's own sync must not remove recordings while they are sized.
-    tarn::SyncLock lock(conn.afc());
-    ctx.client = conn.afc();
+    const tarn::DeviceCall call(device, tarn::PolicyOf("ReadRecordingDbTypeSQLITE"));
+    ctx.client = call.afc();
     if (sqlite3_exec(db.get(), kRecordingQuery, RecordingDbCallback, &ctx, &error) != SQLITE_OK)
       tarn::SetDatabaseError(path, error ? error : "");
   }
@@ -156,7 +157,7 @@ TARN_API plist_t GetRecordingList(PodDevice *device, uint32_t, uint32_t) {
     return result != nullptr;
   });
   if (!listed) return nullptr;
-  std::puts("GetRecordingList END!!");
+  tarn::ConsoleLine("GetRecordingList END!!");
   PrintPlist(result);
   return result;
 }

@@ -3,11 +3,12 @@
 #include <cstdio>
 #include <string>
 
+#include "common/console.h"
 #include "catalogue/media_item.h"
 #include "common/db_entry.h"
 #include "common/error.h"
 #include "common/raii.h"
-#include "device/music_database.h"
+#include "musicdb/music_database.h"
 #include "tarn/tarn_device.h"
 
 namespace {
@@ -70,7 +71,7 @@ TARN_API plist_t ReadTrackDbTypeCdb(const char *path, uint32_t kind) {
 
 TARN_API plist_t GetMusicList(PodDevice *device, uint32_t, uint32_t) {
   const tarn::ApiCall api_call;
-  std::puts("GetAudioList");
+  tarn::ConsoleLine("GetAudioList");
   plist_t result = nullptr;
   tarn::WalkDbFiles(device, "TrackDb", [&](uint64_t type, const char *device_path) {
     const std::string local = tarn::LocalCopyPath(device, device_path);
@@ -94,7 +95,7 @@ TARN_API plist_t GetMusicList(PodDevice *device, uint32_t, uint32_t) {
 
 TARN_API plist_t GetMovieList(PodDevice *device, uint32_t, uint32_t) {
   const tarn::ApiCall api_call;
-  std::puts("GetVideoList");
+  tarn::ConsoleLine("GetVideoList");
   return ListOfKind(device, kMovies);
 }
 TARN_API plist_t GetPodcastList(PodDevice *device, uint32_t, uint32_t) {

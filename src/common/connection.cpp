@@ -11,6 +11,16 @@ DeviceConnection::DeviceConnection(const char *device_id) {
 
 DeviceConnection::~DeviceConnection() { CloseIdeviceAndAfC(afc_, device_); }
 
+DeviceCall::DeviceCall(const PodDevice *device, LockPolicy policy) : conn_(device ? device->deviceId : nullptr) {
+  if (policy == LockPolicy::kNone) return;
+  if (policy == LockPolicy::kGiveUpWithout && !conn_) {
+    ready_ = false;
+    return;
+  }
+  lock_.emplace(conn_.afc());
+  if (policy == LockPolicy::kGiveUpWithout) ready_ = lock_->opened();
+}
+
 bool ConnectDevice(const char *device_id, idevice_t *device) {
   *device = nullptr;
   if (device_id == nullptr) {

@@ -5,10 +5,14 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
+#include <string_view>
 
 #include <libimobiledevice/afc.h>
 #include <libimobiledevice/libimobiledevice.h>
 #include <libimobiledevice/lockdown.h>
+
+struct PodDevice;
 
 namespace tarn {
 
@@ -112,6 +116,73 @@ class SyncLock {
  private:
   afc_client_t client_;
   AfcFile file_;
+};
+
+// What a call does about the device's sync lock.
+enum class LockPolicy {
+  // Reads without the lock, and goes on over a failed connection: the failed
+  // device requests then say why.
+  kNone,
+  // Takes the lock where it can; without the lock file, or without a
+  // connection, the work still runs.
+  kGoOnWithout,
+  // Needs both the connection and the lock file: without either the call
+  // gives up before touching the device.
+  kGiveUpWithout,
+};
+
+struct CallPolicy {
+  std::string_view function;
+  LockPolicy policy;
+};
+
+// Every exported call that opens its own connection, with its lock policy.
+// Writers give up without the lock; readers that size or copy many files go
+// on without it; single lookups do not take it.
+inline constexpr CallPolicy kCallPolicies[] = {
+    {"CopyFileFromDeviceToNative", LockPolicy::kGiveUpWithout},
+    {"CopyFileFromNativeToDevice", LockPolicy::kGiveUpWithout},
+    {"MakeDir", LockPolicy::kGiveUpWithout},
+    {"CopyDeviceDirectory", LockPolicy::kGoOnWithout},
+    {"GetPictureListFromDevice", LockPolicy::kGoOnWithout},
+    {"GetPurchaseMusicListFromPlist", LockPolicy::kGoOnWithout},
+    {"ReadRecordingDbTypeSQLITE", LockPolicy::kGoOnWithout},
+    {"ReadCameraDbTypeSQLITE", LockPolicy::kGoOnWithout},
+    {"GetDirOrFileInfo", LockPolicy::kNone},
+    {"IsDirExist", LockPolicy::kNone},
+    {"IsFileExist", LockPolicy::kNone},
+    {"GetPodDir", LockPolicy::kNone},
+    {"SearchFile", LockPolicy::kNone},
+    {"RenamePath", LockPolicy::kNone},
+    {"DeleteFile", LockPolicy::kNone},
+    {"DeleteDir", LockPolicy::kNone},
+};
+
+// The policy the table names for a function; a name missing from the table
+// does not compile.
+consteval LockPolicy PolicyOf(std::string_view function) {
+  for (const CallPolicy &entry : kCallPolicies)
+    if (entry.function == function) return entry.policy;
+  throw "every call that opens a connection is listed in kCallPolicies";
+}
+
+// One exported call's hold on the device: its connection and, by its
+// policy, the sync lock, both released when the call returns.
+class DeviceCall {
+ public:
+  DeviceCall(const PodDevice *device, LockPolicy policy);
+  DeviceCall(const DeviceCall &) = delete;
+  DeviceCall &operator=(const DeviceCall &) = delete;
+
+  afc_client_t afc() const { return conn_.afc(); }
+  // False only under kGiveUpWithout, when the connection or the lock file
+  // is missing: the call then returns without touching the device.
+  bool ready() const { return ready_; }
+
+ private:
+  DeviceConnection conn_;
+  std::optional<SyncLock> lock_;
+  bool ready_ = true;
 };
 
 }  // namespace tarn

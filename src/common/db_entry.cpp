@@ -41,8 +41,9 @@ bool WalkDbFiles(const PodDevice *device, const char *kind, const DbFileVisitor 
 
 std::string LocalCopyPath(const PodDevice *device, const char *device_path) {
   std::string local = device && device->hostDir ? device->hostDir : "";
+  if (!local.empty() && local.back() != '/') local += '/';
   const char *slash = std::strrchr(device_path, '/');
-  local += slash ? slash : device_path;
+  local += slash ? slash + 1 : device_path;
   return local;
 }
 

@@ -44,8 +44,9 @@ bool WalkDbEntry(plist_t entry, const DbFileVisitor &visit);
 // TARN_E_DATABASE_ABSENT unless the caller has another way (required false).
 bool WalkDbFiles(const PodDevice *device, const char *kind, const DbFileVisitor &visit, bool required = true);
 
-// The host path of the local copy of a device database: hostDir followed by
-// the device path's last '/' and base name.
+// The host path of the local copy of a device database: the device path's
+// base name in hostDir (a relative name when there is no hostDir). InitDevice
+// writes the copies here and every reader opens them here.
 std::string LocalCopyPath(const PodDevice *device, const char *device_path);
 
 }  // namespace tarn

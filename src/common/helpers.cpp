@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/console.h"
 #include "common/error.h"
 #include "common/host_plist.h"
 #include "common/raii.h"
@@ -67,13 +68,13 @@ TARN_API plist_t PlistCopyEmptyString(plist_t node) {
 
 TARN_API void PrintPlist(plist_t node) {
   const tarn::ApiCall api_call;
-  std::puts("..................................");
+  tarn::ConsoleLine("..................................");
   if (node == nullptr) return;
   char *xml = nullptr;
   uint32_t length = 0;
   plist_to_xml(node, &xml, &length);
   tarn::CString owned(xml);
-  std::printf("the xml_doc:\n %s\n", xml ? xml : "");
+  tarn::Console("the xml_doc:\n %s\n", xml ? xml : "");
 }
 
 TARN_API int IsBinPlist(const char *path) {

@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 #include <vector>
+#include <sys/stat.h>
 
 #include "common/error.h"
 
@@ -71,7 +72,10 @@ PlistPtr ParseHostPlist(const char *path, PodPlistParser parser) {
     SetDatabaseError(path, path ? g_strerror(errno) : "");
     return nullptr;
   }
-  const int64_t size = GetFileSize(path);
+  // The size of the file that was opened, not of whatever the name points
+  // to by now.
+  struct stat st;
+  const int64_t size = ::fstat(fileno(file.get()), &st) == 0 ? static_cast<int64_t>(st.st_size) : 0;
   if (size <= 0 || size > UINT32_MAX) {
     SetDatabaseError(path, size <= 0 ? "it is empty" : "it is too large");
     return nullptr;

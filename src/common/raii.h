@@ -13,6 +13,8 @@
 #include <plist/plist.h>
 #include <sqlite3.h>
 
+#include "tarn/tarn_device.h"
+
 namespace tarn {
 
 struct PlistDeleter {
@@ -33,14 +35,13 @@ struct StrvDeleter {
 // A NULL-terminated string vector released with g_strfreev.
 using StrVec = std::unique_ptr<char *, StrvDeleter>;
 
-// A file-information vector (GetFileInfo): five value slots, any of which is
+// A file-information vector (GetFileInfo): TARN_INFO_VALUES value slots, any of which is
 // NULL when the device left that key out, then the terminating NULL.
 // g_strfreev would stop at the first hole and leak the slots after it.
-inline constexpr int kFileInfoValueSlots = 5;
 struct FileInfoDeleter {
   void operator()(char **v) const {
     if (!v) return;
-    for (int i = 0; i < kFileInfoValueSlots; ++i) g_free(v[i]);
+    for (int i = 0; i < TARN_INFO_VALUES; ++i) g_free(v[i]);
     g_free(v);
   }
 };

@@ -7,9 +7,11 @@
 
 #include <glib.h>
 
+#include "common/console.h"
 #include "common/connection.h"
 #include "common/db_entry.h"
 #include "common/error.h"
+#include "common/number.h"
 #include "common/raii.h"
 #include "devicefs/transfer.h"
 #include "tarn/tarn_device.h"
@@ -61,7 +63,7 @@ TARN_API int IsPodFileValid(afc_client_t client, const char *path) {
   tarn::StrVec owned(attrs);
   for (char **kv = attrs; kv[0] != nullptr && kv[1] != nullptr; kv += 2) {
     // An empty database is as good as none: nothing could be read from it.
-    if (std::strcmp(kv[0], "st_size") == 0 && std::strtoll(kv[1], nullptr, 10) == 0) return 0;
+    if (std::strcmp(kv[0], "st_size") == 0 && tarn::DeviceNumber(kv[1]) == 0) return 0;
   }
   return 1;
 }
@@ -112,21 +114,21 @@ TARN_API int CopyDbFileToNativeDir(PodDevice *device, afc_client_t client, plist
     return 1;
   }
   tarn::WalkDbEntry(entry, [&](uint64_t, const char *device_path) {
-    const char *name = GetFileName(device_path);
-    tarn::CString local(ConcatFilePath(device->hostDir, name));
-    std::fflush(stdout);
+    const std::string copy = tarn::LocalCopyPath(device, device_path);
+    const char *local_path = copy.c_str();
+    tarn::ConsoleFlush();
     // Existence is the only test: a copy left by an earlier initialisation
     // is kept as it is, and the music database, which three tables name,
     // is copied once.
-    if (local && !TarnIsFileExists(local.get())) {
-      std::puts("......begin CopyDeviceFile");
-      std::fflush(stdout);
+    if (!TarnIsFileExists(local_path)) {
+      tarn::ConsoleLine("......begin CopyDeviceFile");
+      tarn::ConsoleFlush();
       // A copy cut short (the device went away in mid-transfer, the host
       // disk filled up) must not stay: existence is all a later InitDevice
       // looks at, so it would stand in for the database for good.
-      if (!tarn::DownloadWhole(device, client, device_path, local.get(), nullptr)) std::remove(local.get());
-      std::puts("......end CopyDeviceFile");
-      std::fflush(stdout);
+      if (!tarn::DownloadWhole(device, client, device_path, local_path, nullptr)) std::remove(local_path);
+      tarn::ConsoleLine("......end CopyDeviceFile");
+      tarn::ConsoleFlush();
     }
     return false;
   });
@@ -135,7 +137,7 @@ TARN_API int CopyDbFileToNativeDir(PodDevice *device, afc_client_t client, plist
 
 TARN_API int InitDevice(PodDevice *device, const char *host_dir) {
   const tarn::ApiCall api_call;
-  std::puts("InitDevice");
+  tarn::ConsoleLine("InitDevice");
   if (device == nullptr) {
     tarn::SetError(TARN_E_INVALID_ARGUMENT, "No device handle was given.");
     return 1;

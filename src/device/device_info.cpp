@@ -3,10 +3,12 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/console.h"
 #include "common/connection.h"
 #include "common/error.h"
+#include "common/number.h"
 #include "common/raii.h"
-#include "device/music_database.h"
+#include "musicdb/music_database.h"
 #include "tarn/tarn_device.h"
 
 namespace {
@@ -34,11 +36,11 @@ TARN_API void SetDeviceUsage(PodDevice *device, afc_client_t client, plist_t inf
   // sends them.
   for (char **kv = attrs; kv != nullptr && kv[0] != nullptr && kv[1] != nullptr; kv += 2) {
     if (std::strcmp(kv[0], "FSTotalBytes") == 0) {
-      capacity = std::atoll(kv[1]);
+      capacity = static_cast<int64_t>(tarn::DeviceNumber(kv[1]));
       // "Catacity" is the key applications have always read.
       plist_dict_set_item(info, "Catacity", plist_new_uint(static_cast<uint64_t>(capacity)));
     } else if (std::strcmp(kv[0], "FSFreeBytes") == 0) {
-      available = std::atoll(kv[1]);
+      available = static_cast<int64_t>(tarn::DeviceNumber(kv[1]));
       plist_dict_set_item(info, "Available", plist_new_uint(static_cast<uint64_t>(available)));
     }
   }
@@ -63,7 +65,7 @@ TARN_API void SetDeviceUsage(PodDevice *device, afc_client_t client, plist_t inf
 
 TARN_API plist_t GetDeviceInfo(PodDevice *device) {
   const tarn::ApiCall api_call;
-  std::puts("GetDeviceInfo");
+  tarn::ConsoleLine("GetDeviceInfo");
   if (device == nullptr) {
     tarn::SetError(TARN_E_INVALID_ARGUMENT, "No device handle was given.");
     return nullptr;
@@ -89,7 +91,7 @@ TARN_API plist_t GetDeviceInfo(PodDevice *device) {
     if (node) plist_dict_set_item(info.get(), value.key, node);
   }
   SetDeviceUsage(device, session.afc(), info.get());
-  std::puts("GetDeviceInfo end..");
+  tarn::ConsoleLine("GetDeviceInfo end..");
   PrintPlist(info.get());
   return info.release();
 }

@@ -6,6 +6,7 @@
 
 #include <libimobiledevice/lockdown.h>
 
+#include "common/console.h"
 #include "common/connection.h"
 #include "common/error.h"
 #include "tarn/tarn_device.h"
@@ -14,7 +15,7 @@ extern "C" {
 
 TARN_API PodDeviceService *CreatePodDeviceService(void) {
   const tarn::ApiCall api_call;
-  std::puts("CreatePodDeviceService");
+  tarn::ConsoleLine("CreatePodDeviceService");
   auto *service = static_cast<PodDeviceService *>(std::calloc(1, sizeof(PodDeviceService)));
   if (service == nullptr) return nullptr;
   service->GetDevicesId = GetDevicesId;
@@ -27,7 +28,7 @@ TARN_API void FreePodDeviceService(PodDeviceService *service) { std::free(servic
 
 TARN_API plist_t GetDevicesId(void) {
   const tarn::ApiCall api_call;
-  std::puts("GetDevicesId");
+  tarn::ConsoleLine("GetDevicesId");
   char **ids = nullptr;
   int count = 0;
   const idevice_error_t err = idevice_get_device_list(&ids, &count);
@@ -45,14 +46,14 @@ TARN_API plist_t GetDevicesId(void) {
   plist_t list = plist_new_array();
   for (int i = 0; i < count && ids[i] != nullptr; ++i) plist_array_append_item(list, plist_new_string(ids[i]));
   idevice_device_list_free(ids);
-  std::puts("GetDevicesId END");
+  tarn::ConsoleLine("GetDevicesId END");
   PrintPlist(list);
   return list;
 }
 
 TARN_API PodDevice *CreatePodDevice(const char *device_id) {
   const tarn::ApiCall api_call;
-  std::puts("CreatePodDevice");
+  tarn::ConsoleLine("CreatePodDevice");
   // Zero-filled, so that a handle freed without InitDevice releases nothing
   // that the library did not set.
   auto *d = static_cast<PodDevice *>(std::calloc(1, sizeof(PodDevice)));

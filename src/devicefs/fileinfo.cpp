@@ -5,6 +5,7 @@
 
 #include <glib.h>
 
+#include "common/console.h"
 #include "common/connection.h"
 #include "common/error.h"
 #include "common/raii.h"
@@ -26,9 +27,9 @@ int SlotOfKey(const char *key) {
     const char *key;
     int slot;
   } kSlots[] = {
-      {"st_ifmt", tarn::kInfoKind},   {"st_size", tarn::kInfoSize},
-      {"st_mtime", tarn::kInfoMtime}, {"st_blocks", tarn::kInfoBlocks},
-      {"st_birthtime", tarn::kInfoBirthtime},
+      {"st_ifmt", TARN_INFO_KIND},   {"st_size", TARN_INFO_SIZE},
+      {"st_mtime", TARN_INFO_MTIME}, {"st_blocks", TARN_INFO_BLOCKS},
+      {"st_birthtime", TARN_INFO_BIRTHTIME},
   };
   for (const auto &s : kSlots) {
     if (std::strcmp(key, s.key) == 0) return s.slot;
@@ -43,7 +44,7 @@ extern "C" {
 TARN_API char **GetFileInfo(afc_client_t client, const char *path) {
   const tarn::ApiCall api_call;
   // g_malloc0/g_strdup, because the vector is released with g_strfreev.
-  char **info = static_cast<char **>(g_malloc0(tarn::kInfoSlots * sizeof(char *)));
+  char **info = static_cast<char **>(g_malloc0(TARN_INFO_SLOTS * sizeof(char *)));
   char **attrs = nullptr;
   if (client == nullptr || path == nullptr) {
     tarn::SetError(TARN_E_INVALID_ARGUMENT,
@@ -62,29 +63,29 @@ TARN_API char **GetFileInfo(afc_client_t client, const char *path) {
     if (slot < 0) continue;
     g_free(info[slot]);  // a repeated key: the last one wins
     info[slot] = g_strdup(kv[1]);
-    if (slot == tarn::kInfoMtime || slot == tarn::kInfoBirthtime) CutNanoseconds(info[slot]);
+    if (slot == TARN_INFO_MTIME || slot == TARN_INFO_BIRTHTIME) CutNanoseconds(info[slot]);
   }
   return info;
 }
 
 TARN_API char **GetDirOrFileInfo(PodDevice *device, const char *path) {
   const tarn::ApiCall api_call;
-  tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
-  return GetFileInfo(conn.afc(), path);
+  const tarn::DeviceCall call(device, tarn::PolicyOf("GetDirOrFileInfo"));
+  return GetFileInfo(call.afc(), path);
 }
 
 TARN_API int IsDirExist(PodDevice *device, const char *path) {
   const tarn::ApiCall api_call;
-  std::puts("IsDirExist");
-  tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
+  tarn::ConsoleLine("IsDirExist");
+  const tarn::DeviceCall call(device, tarn::PolicyOf("IsDirExist"));
   char **names = nullptr;
   // A failed connection is not special: the listing then fails and its
   // error is what gets printed.
-  const afc_error_t err = afc_read_directory(conn.afc(), path, &names);
+  const afc_error_t err = afc_read_directory(call.afc(), path, &names);
   tarn::StrVec owned(names);
-  std::printf("1afc_error_t %d\n", static_cast<int>(err));
+  tarn::Console("1afc_error_t %d\n", static_cast<int>(err));
   if (err != AFC_E_SUCCESS) {
-    std::printf("afc_error_t %d\n", static_cast<int>(err));
+    tarn::Console("afc_error_t %d\n", static_cast<int>(err));
     tarn::SetAfcError(err, path);
     return 0;
   }
@@ -93,12 +94,12 @@ TARN_API int IsDirExist(PodDevice *device, const char *path) {
 
 TARN_API int IsFileExist(PodDevice *device, const char *path) {
   const tarn::ApiCall api_call;
-  std::puts("IsFileExist");
-  tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
-  const tarn::AfcFile file(conn.afc(), path, AFC_FOPEN_RDONLY);
-  std::printf("1afc_error_t %d\n", static_cast<int>(file.error()));
+  tarn::ConsoleLine("IsFileExist");
+  const tarn::DeviceCall call(device, tarn::PolicyOf("IsFileExist"));
+  const tarn::AfcFile file(call.afc(), path, AFC_FOPEN_RDONLY);
+  tarn::Console("1afc_error_t %d\n", static_cast<int>(file.error()));
   if (file.error() != AFC_E_SUCCESS) {
-    std::printf("afc_error_t %d\n", static_cast<int>(file.error()));
+    tarn::Console("afc_error_t %d\n", static_cast<int>(file.error()));
     return 0;
   }
   return 1;
@@ -106,14 +107,12 @@ TARN_API int IsFileExist(PodDevice *device, const char *path) {
 
 TARN_API int MakeDir(PodDevice *device, const char *path) {
   const tarn::ApiCall api_call;
-  std::puts("MakeDir");
-  tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
-  if (!conn) return 1;
-  tarn::SyncLock lock(conn.afc());
-  if (!lock.opened()) return 1;
+  tarn::ConsoleLine("MakeDir");
+  const tarn::DeviceCall call(device, tarn::PolicyOf("MakeDir"));
+  if (!call.ready()) return 1;
   // Whether the directory was made is not reported: the device also answers
   // an existing directory with success, so callers test for it themselves.
-  tarn::SetAfcError(afc_make_directory(conn.afc(), path), path);
+  tarn::SetAfcError(afc_make_directory(call.afc(), path), path);
   return 0;
 }
 

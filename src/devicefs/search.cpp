@@ -1,9 +1,11 @@
 // Search by name, rename, and the single and recursive deletes.
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
+#include "common/console.h"
 #include "common/connection.h"
 #include "common/error.h"
 #include "devicefs/records.h"
@@ -28,13 +30,13 @@ class Searcher {
     if (!e.is_dir) {
       if (match) {
         Append(tarn::NewFileRecord(e.name, dir_of(e).c_str(), e.path, e.info), 0);
-        std::printf("file_path is %s\n", e.path.c_str());
+        tarn::Console("file_path is %s\n", e.path.c_str());
       }
       return false;
     }
     if (match) {
       Append(tarn::NewDirRecord(e.name, nullptr, e.path, e.info), 1);
-      std::printf("file_path dir is %s\n", e.path.c_str());
+      tarn::Console("file_path dir is %s\n", e.path.c_str());
     }
     ++state_->depth;
     return true;
@@ -52,7 +54,17 @@ class Searcher {
   }
 
   void Append(void *record, int32_t kind) {
+    if (record == nullptr) return;
     auto *item = static_cast<PodSearchItem *>(std::calloc(1, sizeof(PodSearchItem)));
+    if (item == nullptr) {
+      // Out of memory: the result goes on without this match.
+      if (kind == 0) {
+        tarn::FreeFileRecord(static_cast<PodFile *>(record));
+      } else {
+        tarn::FreeDirRecord(static_cast<PodDir *>(record));
+      }
+      return;
+    }
     item->record = record;
     item->kind = kind;
     if (state_->last) {
@@ -86,9 +98,9 @@ TARN_API PodSearchItem *SearchFile(PodDevice *device, const char *dir, const cha
     tarn::SetError(TARN_E_INVALID_ARGUMENT, "A search needs a keyword.");
     return nullptr;
   }
-  tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
+  const tarn::DeviceCall call(device, tarn::PolicyOf("SearchFile"));
   PodSearchState state{keyword, nullptr, nullptr, 0};
-  InternalSearchFile(conn.afc(), dir, &state);
+  InternalSearchFile(call.afc(), dir, &state);
   return state.first;
 }
 
@@ -107,14 +119,14 @@ TARN_API void FreeSearchResult(PodSearchItem *first) {
 
 TARN_API int RenamePath(PodDevice *device, const char *old_path, const char *new_path) {
   const tarn::ApiCall api_call;
-  std::puts("RenamePath");
-  tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
-  const afc_error_t err = afc_rename_path(conn.afc(), old_path, new_path);
-  std::printf("afc_error_t %d\n", static_cast<int>(err));
+  tarn::ConsoleLine("RenamePath");
+  const tarn::DeviceCall call(device, tarn::PolicyOf("RenamePath"));
+  const afc_error_t err = afc_rename_path(call.afc(), old_path, new_path);
+  tarn::Console("afc_error_t %d\n", static_cast<int>(err));
   // A failed rename is only printed (and recorded): callers check the
   // outcome with IsFileExist/IsDirExist when they need to.
   if (err != AFC_E_SUCCESS) {
-    std::printf("afc_error_t %d\n", static_cast<int>(err));
+    tarn::Console("afc_error_t %d\n", static_cast<int>(err));
     tarn::SetAfcError(err, old_path);
   }
   return 0;
@@ -122,12 +134,12 @@ TARN_API int RenamePath(PodDevice *device, const char *old_path, const char *new
 
 TARN_API int DeleteFile(PodDevice *device, const char *path) {
   const tarn::ApiCall api_call;
-  std::puts("DeleteFile");
-  tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
-  const afc_error_t err = afc_remove_path(conn.afc(), path);
-  std::printf("afc_error_t %d\n", static_cast<int>(err));
+  tarn::ConsoleLine("DeleteFile");
+  const tarn::DeviceCall call(device, tarn::PolicyOf("DeleteFile"));
+  const afc_error_t err = afc_remove_path(call.afc(), path);
+  tarn::Console("afc_error_t %d\n", static_cast<int>(err));
   if (err != AFC_E_SUCCESS) {
-    std::printf("afc_error_t %d\n", static_cast<int>(err));
+    tarn::Console("afc_error_t %d\n", static_cast<int>(err));
     tarn::SetAfcError(err, path);
     return 1;
   }
@@ -138,13 +150,13 @@ TARN_API void _TarnDeleteDir(afc_client_t client, PodDir *dir, PodDir *root) {
   const tarn::ApiCall api_call;
   if (dir == nullptr) return;
   for (PodDir *sub = dir->first_dir; sub != nullptr;) {
-    std::printf("next_dir %s\n", tarn::Printable(sub->path));
+    tarn::Console("next_dir %s\n", tarn::Printable(sub->path));
     PodDir *next = sub->next_dir;
     _TarnDeleteDir(client, sub, root);
     sub = next;
   }
   for (PodFile *file = dir->first_file; file != nullptr;) {
-    std::printf("next_file %s\n", tarn::Printable(file->path));
+    tarn::Console("next_file %s\n", tarn::Printable(file->path));
     PodFile *next = file->next_file;
     // A file that cannot be removed does not stop the walk; its directory
     // then stays behind too.
@@ -164,14 +176,18 @@ TARN_API int DeleteDir(PodDevice *device, const char *path) {
     tarn::SetError(TARN_E_INVALID_ARGUMENT, "No device path was given.");
     return 0;
   }
-  tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
+  const tarn::DeviceCall call(device, tarn::PolicyOf("DeleteDir"));
   auto *root = static_cast<PodDir *>(std::calloc(1, sizeof(PodDir)));
+  if (root == nullptr) {
+    tarn::SetHostError(ENOMEM, path);
+    return 0;
+  }
   root->path = strdup(path);
   root->name = strdup(GetFileName(path));
-  std::printf("pd->name: %s\n", root->name);
+  tarn::Console("pd->name: %s\n", root->name);
   root->parent_path = strdup(path);
-  StoreSubFolderAndFilesInfo(conn.afc(), root, root, 1);
-  _TarnDeleteDir(conn.afc(), root, root);
+  StoreSubFolderAndFilesInfo(call.afc(), root, root, 1);
+  _TarnDeleteDir(call.afc(), root, root);
   return 0;
 }
 

@@ -1,11 +1,13 @@
 // Directory tree snapshots: a device directory read, to a chosen depth, into
 // the linked PodDir/PodFile records that the application walks directly.
+#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
 
+#include "common/console.h"
 #include "common/connection.h"
 #include "common/error.h"
 #include "devicefs/records.h"
@@ -35,6 +37,8 @@ class SnapshotBuilder {
     Frame &f = frames_.back();
     if (!e.is_dir) {
       PodFile *file = tarn::NewFileRecord(e.name, f.dir->path, e.path, e.info);
+      // Out of memory: the tree goes on without the entry.
+      if (file == nullptr) return false;
       ++root_->file_count;
       file->parent = f.dir;
       file->prev_file = f.last_file;
@@ -47,6 +51,7 @@ class SnapshotBuilder {
       return false;
     }
     PodDir *dir = tarn::NewDirRecord(e.name, f.dir->path, e.path, e.info);
+    if (dir == nullptr) return false;
     dir->level = e.depth;
     ++root_->dir_count;
     dir->parent = f.dir;
@@ -66,9 +71,9 @@ class SnapshotBuilder {
 
   void Leave(const tarn::WalkEntry &e, bool) {
     if (frames_.size() > 1 && frames_.back().depth == e.depth) frames_.pop_back();
-    std::printf("info[0] is %s\n", tarn::Printable(e.info[tarn::kInfoKind]));
-    std::printf("file_path is %s\n", e.path.c_str());
-    std::fputs("finish free", stdout);
+    tarn::Console("info[0] is %s\n", tarn::Printable(e.info[TARN_INFO_KIND]));
+    tarn::Console("file_path is %s\n", e.path.c_str());
+    tarn::ConsoleText("finish free");
   }
 
  private:
@@ -88,6 +93,7 @@ namespace tarn {
 
 PodFile *NewFileRecord(const char *name, const char *parent_path, const std::string &path, char **info) {
   auto *file = static_cast<PodFile *>(std::calloc(1, sizeof(PodFile)));
+  if (file == nullptr) return nullptr;
   file->name = CopyOrNull(name);
   file->parent_path = CopyOrNull(parent_path);
   file->path = CopyOrNull(path.c_str());
@@ -97,6 +103,7 @@ PodFile *NewFileRecord(const char *name, const char *parent_path, const std::str
 
 PodDir *NewDirRecord(const char *name, const char *parent_path, const std::string &path, char **info) {
   auto *dir = static_cast<PodDir *>(std::calloc(1, sizeof(PodDir)));
+  if (dir == nullptr) return nullptr;
   dir->path = CopyOrNull(path.c_str());
   SetDirInfo(info, dir, dir->path);
   dir->name = CopyOrNull(name);
@@ -132,18 +139,18 @@ extern "C" {
 TARN_API void SetDirInfo(char **info, PodDir *dir, const char *) {
   const tarn::ApiCall api_call;
   if (dir == nullptr) return;
-  Assign(dir->create_date, info ? info[tarn::kInfoBirthtime] : nullptr);
-  Assign(dir->modify_date, info ? info[tarn::kInfoMtime] : nullptr);
-  std::printf("create_date is %s\n", tarn::Printable(dir->create_date));
-  std::printf("modify_date is %s\n", tarn::Printable(dir->modify_date));
+  Assign(dir->create_date, info ? info[TARN_INFO_BIRTHTIME] : nullptr);
+  Assign(dir->modify_date, info ? info[TARN_INFO_MTIME] : nullptr);
+  tarn::Console("create_date is %s\n", tarn::Printable(dir->create_date));
+  tarn::Console("modify_date is %s\n", tarn::Printable(dir->modify_date));
 }
 
 TARN_API void SetFileInfo(char **info, PodFile *file, const char *) {
   const tarn::ApiCall api_call;
   if (file == nullptr) return;
-  Assign(file->create_date, info ? info[tarn::kInfoBirthtime] : nullptr);
-  Assign(file->modify_date, info ? info[tarn::kInfoMtime] : nullptr);
-  Assign(file->size, info ? info[tarn::kInfoSize] : nullptr);
+  Assign(file->create_date, info ? info[TARN_INFO_BIRTHTIME] : nullptr);
+  Assign(file->modify_date, info ? info[TARN_INFO_MTIME] : nullptr);
+  Assign(file->size, info ? info[TARN_INFO_SIZE] : nullptr);
 }
 
 TARN_API void StoreSubFolderAndFilesInfo(afc_client_t client, PodDir *dir, PodDir *root, int32_t level) {
@@ -156,28 +163,32 @@ TARN_API void StoreSubFolderAndFilesInfo(afc_client_t client, PodDir *dir, PodDi
 
 TARN_API PodDir *GetPodDir(PodDevice *device, const char *path, uint32_t max_level) {
   const tarn::ApiCall api_call;
-  tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
+  const tarn::DeviceCall call(device, tarn::PolicyOf("GetPodDir"));
   auto *root = static_cast<PodDir *>(std::calloc(1, sizeof(PodDir)));
+  if (root == nullptr) {
+    tarn::SetHostError(ENOMEM, path);
+    return nullptr;
+  }
   root->path = CopyOrNull(path);
-  tarn::FileInfo info(GetFileInfo(conn.afc(), path));
+  tarn::FileInfo info(GetFileInfo(call.afc(), path));
   SetDirInfo(info.get(), root, path);
   // A limit beyond what a signed level can hold is no limit at all (the walk
   // still stops at TARN_MAX_WALK_DEPTH).
   root->max_level = max_level > INT32_MAX ? 0 : static_cast<int32_t>(max_level);
-  StoreSubFolderAndFilesInfo(conn.afc(), root, root, 1);
+  StoreSubFolderAndFilesInfo(call.afc(), root, root, 1);
   return root;
 }
 
 TARN_API void FreePodDir(PodDir *dir, int free_self, PodDir *root) {
   if (dir == nullptr) return;
   for (PodDir *sub = dir->first_dir; sub != nullptr;) {
-    std::printf("next_dir %s\n", tarn::Printable(sub->path));
+    tarn::Console("next_dir %s\n", tarn::Printable(sub->path));
     PodDir *next = sub->next_dir;
     FreePodDir(sub, 1, root);
     sub = next;
   }
   for (PodFile *file = dir->first_file; file != nullptr;) {
-    std::printf("next_file %s\n", tarn::Printable(file->path));
+    tarn::Console("next_file %s\n", tarn::Printable(file->path));
     PodFile *next = file->next_file;
     tarn::FreeFileRecord(file);
     if (root) --root->file_count;

@@ -8,8 +8,10 @@
 #include <string>
 #include <vector>
 
+#include "common/console.h"
 #include "common/connection.h"
 #include "common/error.h"
+#include "common/number.h"
 #include "common/raii.h"
 #include "devicefs/transfer.h"
 #include "devicefs/walk.h"
@@ -35,10 +37,10 @@ tarn::HostFile OpenHostFile(const char *path, const char *mode) {
 // written.
 bool Download(PodDevice *device, afc_client_t client, const char *device_path, const char *host_path,
               uint64_t total, PodProgressCallback progress) {
-  std::printf("block_size: %ul\n", kBlockSize);
+  tarn::Console("block_size: %ul\n", kBlockSize);
   tarn::AfcFile source(client, device_path, AFC_FOPEN_RDONLY);
   if (!source.is_open()) {
-    std::puts("finish _CopyFile");
+    tarn::ConsoleLine("finish _CopyFile");
     return false;
   }
   // A host path that cannot be created (missing or read-only directory) ends
@@ -46,7 +48,7 @@ bool Download(PodDevice *device, afc_client_t client, const char *device_path, c
   tarn::HostFile target = OpenHostFile(host_path, "wb");
   if (!target) {
     tarn::SetHostError(host_path ? errno : EINVAL, host_path);
-    std::puts("finish _CopyFile");
+    tarn::ConsoleLine("finish _CopyFile");
     return false;
   }
   // Only the bytes each read delivers are used, so the buffer needs no
@@ -100,7 +102,7 @@ bool Download(PodDevice *device, afc_client_t client, const char *device_path, c
     tarn::SetHostError(errno, host_path, {done, total});
     whole = false;
   }
-  std::puts("finish _CopyFile");
+  tarn::ConsoleLine("finish _CopyFile");
   return whole;
 }
 
@@ -113,23 +115,23 @@ class TreeCopier {
   // Copies one entry whose information is known. Returns true for a
   // directory, whose host counterpart then receives the entries below it.
   bool Copy(const std::string &source, const std::string &target, char **info) {
-    std::printf("file_info[0] %s\n", tarn::Printable(info[tarn::kInfoKind]));
-    if (info[tarn::kInfoKind] == nullptr) return false;
+    tarn::Console("file_info[0] %s\n", tarn::Printable(info[TARN_INFO_KIND]));
+    if (info[TARN_INFO_KIND] == nullptr) return false;
     if (!tarn::IsDirInfo(info)) {
-      std::printf("copy file from: %s\n", source.c_str());
-      std::printf("copy file to: %s\n", target.c_str());
-      const char *size = info[tarn::kInfoSize];
-      Download(device_, client_, source.c_str(), target.c_str(), size ? std::strtoull(size, nullptr, 10) : 0,
+      tarn::Console("copy file from: %s\n", source.c_str());
+      tarn::Console("copy file to: %s\n", target.c_str());
+      const char *size = info[TARN_INFO_SIZE];
+      Download(device_, client_, source.c_str(), target.c_str(), tarn::DeviceNumber(size),
                nullptr);
-      std::puts("finish copy file1");
-      std::puts("finish copy file2");
+      tarn::ConsoleLine("finish copy file1");
+      tarn::ConsoleLine("finish copy file2");
       return false;
     }
-    std::printf("Mkdir %s\n", target.c_str());
+    tarn::Console("Mkdir %s\n", target.c_str());
     // A directory that cannot be made shows up as failed file creations
     // below it; there is nothing more useful to do with the error here.
     Mkdir(target.c_str());
-    std::fputs("afc_read_directory ", stdout);
+    tarn::ConsoleText("afc_read_directory ");
     targets_.push_back(target);
     return true;
   }
@@ -138,15 +140,15 @@ class TreeCopier {
     // Listed names are walkable (no '/', not "." or ".."), so the target
     // stays inside the host directory the copy was given.
     const std::string target = tarn::JoinDevicePath(targets_.back(), e.name, tarn::PathJoin::kConcatFilePath);
-    std::printf("from is %s\n", e.path.c_str());
-    std::printf("to is %s\n", target.c_str());
+    tarn::Console("from is %s\n", e.path.c_str());
+    tarn::Console("to is %s\n", target.c_str());
     return Copy(e.path, target, e.info);
   }
 
   void Leave(const tarn::WalkEntry &e, bool listed) {
     if (!e.is_dir) return;
     targets_.pop_back();
-    if (listed) std::fputs("free(from) ", stdout);
+    if (listed) tarn::ConsoleText("free(from) ");
   }
 
  private:
@@ -155,16 +157,6 @@ class TreeCopier {
   std::vector<std::string> targets_;
 };
 
-// ConcatFilePath glues a name straight onto a path without any '/'; such a
-// start directory gets its separator here, so that what is copied below it
-// lands inside it and not beside it.
-std::string AsDirectory(const char *dir, const char *name) {
-  tarn::CString joined(ConcatFilePath(dir, name));
-  std::string path = joined ? joined.get() : "";
-  if (path.find('/') == std::string::npos) path += '/';
-  return path;
-}
-
 }  // namespace
 
 namespace tarn {
@@ -172,13 +164,13 @@ namespace tarn {
 bool DownloadWhole(PodDevice *device, afc_client_t client, const char *device_path, const char *host_path,
                    PodProgressCallback progress) {
   FileInfo info(GetFileInfo(client, device_path));
-  if (info.get()[kInfoKind] == nullptr) {
+  if (info.get()[TARN_INFO_KIND] == nullptr) {
     // A device that answers without saying what the path is.
     if (CurrentCode() == TARN_OK) SetAfcError(AFC_E_OBJECT_NOT_FOUND, device_path);
     return false;
   }
-  const char *size = info.get()[kInfoSize];
-  const uint64_t total = size ? std::strtoull(size, nullptr, 10) : 0;
+  const char *size = info.get()[TARN_INFO_SIZE];
+  const uint64_t total = tarn::DeviceNumber(size);
   info.reset();
   return Download(device, client, device_path, host_path, total, progress);
 }
@@ -196,15 +188,13 @@ TARN_API void _CopyFileFromDeviceToNative(PodDevice *device, afc_client_t client
 TARN_API void CopyFileFromDeviceToNative(PodDevice *device, const char *device_path, const char *host_path,
                                          PodProgressCallback progress) {
   const tarn::ApiCall api_call;
-  std::puts("CopyDeviceFile");
+  tarn::ConsoleLine("CopyDeviceFile");
   {
-    tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
-    if (!conn) return;
-    tarn::SyncLock lock(conn.afc());
-    if (!lock.opened()) return;
-    _CopyFileFromDeviceToNative(device, conn.afc(), device_path, host_path, progress);
+    const tarn::DeviceCall call(device, tarn::PolicyOf("CopyFileFromDeviceToNative"));
+    if (!call.ready()) return;
+    _CopyFileFromDeviceToNative(device, call.afc(), device_path, host_path, progress);
   }
-  std::puts("finish CopyDeviceFile");
+  tarn::ConsoleLine("finish CopyDeviceFile");
 }
 
 TARN_API void _TarnCopyFileFromNativeToDevice(PodDevice *device, afc_client_t client, const char *host_path,
@@ -214,7 +204,7 @@ TARN_API void _TarnCopyFileFromNativeToDevice(PodDevice *device, afc_client_t cl
   tarn::HostFile source = OpenHostFile(host_path, "rb");
   if (!source) {
     tarn::SetHostError(host_path ? errno : EINVAL, host_path);
-    std::printf("can't read file %s\n", host_path ? host_path : "(null)");
+    tarn::Console("can't read file %s\n", host_path ? host_path : "(null)");
     return;
   }
   tarn::AfcFile target(client, device_path, AFC_FOPEN_WRONLY);
@@ -262,12 +252,10 @@ TARN_API void _TarnCopyFileFromNativeToDevice(PodDevice *device, afc_client_t cl
 TARN_API int CopyFileFromNativeToDevice(PodDevice *device, const char *host_path, const char *device_path,
                                         PodProgressCallback progress) {
   const tarn::ApiCall api_call;
-  std::puts("CopyFileFromNativeToDevice");
-  tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
-  if (!conn) return 1;
-  tarn::SyncLock lock(conn.afc());
-  if (!lock.opened()) return 1;
-  _TarnCopyFileFromNativeToDevice(device, conn.afc(), host_path, device_path, progress);
+  tarn::ConsoleLine("CopyFileFromNativeToDevice");
+  const tarn::DeviceCall call(device, tarn::PolicyOf("CopyFileFromNativeToDevice"));
+  if (!call.ready()) return 1;
+  _TarnCopyFileFromNativeToDevice(device, call.afc(), host_path, device_path, progress);
   return 0;
 }
 
@@ -283,26 +271,25 @@ TARN_API void _CopyDirectory(PodDevice *device, afc_client_t client, const char 
     tarn::SetError(TARN_E_INVALID_ARGUMENT, "A directory copy needs a device directory, a usable name and a host directory.");
     return;
   }
-  const std::string source = AsDirectory(device_parent, name);
-  const std::string target = AsDirectory(host_parent, name);
-  std::printf("from is %s\n", source.c_str());
-  std::printf("to is %s\n", target.c_str());
+  const std::string source = tarn::StartDirectory(device_parent, name);
+  const std::string target = tarn::StartDirectory(host_parent, name);
+  tarn::Console("from is %s\n", source.c_str());
+  tarn::Console("to is %s\n", target.c_str());
   tarn::FileInfo info(GetFileInfo(client, source.c_str()));
   TreeCopier copier(device, client);
   if (!copier.Copy(source, target, info.get())) return;
   info.reset();
   if (tarn::WalkDirectory(client, source, 0, copier, tarn::PathJoin::kConcatFilePath))
-    std::fputs("free(from) ", stdout);
+    tarn::ConsoleText("free(from) ");
 }
 
 TARN_API void CopyDeviceDirectory(PodDevice *device, const char *device_dir, const char *host_dir) {
   const tarn::ApiCall api_call;
-  std::puts("CopyDeviceDirectory");
+  tarn::ConsoleLine("CopyDeviceDirectory");
   // Neither a failed connection nor a lock file that cannot be opened stops
   // the copy: it then reads nothing, or reads without the lock.
-  tarn::DeviceConnection conn(device ? device->deviceId : nullptr);
-  tarn::SyncLock lock(conn.afc());
-  _CopyDirectory(device, conn.afc(), device_dir, "", host_dir);
+  const tarn::DeviceCall call(device, tarn::PolicyOf("CopyDeviceDirectory"));
+  _CopyDirectory(device, call.afc(), device_dir, "", host_dir);
 }
 
 }  // extern "C"

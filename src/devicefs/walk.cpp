@@ -39,6 +39,12 @@ void ReportWalk(const std::string &dir, const WalkBudget &budget) {
   }
 }
 
+std::string StartDirectory(const char *dir, const char *name) {
+  std::string path = JoinDevicePath(dir ? dir : "", name, PathJoin::kConcatFilePath);
+  if (path.find('/') == std::string::npos) path += '/';
+  return path;
+}
+
 std::string JoinDevicePath(const std::string &dir, const char *name, PathJoin join) {
   if (join == PathJoin::kConcatFilePath) {
     CString joined(ConcatFilePath(dir.c_str(), name));

@@ -34,11 +34,8 @@ namespace tarn {
 // of the device file system compares against this, exactly and with case.
 inline constexpr const char *kAfcDirFlag = "S_IFDIR";
 
-// Slots of the file-information vector (GetFileInfo).
-enum FileInfoSlot { kInfoKind = 0, kInfoSize = 1, kInfoMtime = 2, kInfoBlocks = 3, kInfoBirthtime = 4, kInfoSlots = 6 };
-
 inline bool IsDirInfo(char *const *info) {
-  return info != nullptr && info[kInfoKind] != nullptr && std::strcmp(info[kInfoKind], kAfcDirFlag) == 0;
+  return info != nullptr && info[TARN_INFO_KIND] != nullptr && std::strcmp(info[TARN_INFO_KIND], kAfcDirFlag) == 0;
 }
 
 // False for the names a walk must never turn into a path (see above).
@@ -58,6 +55,12 @@ StrVec ListDirectory(afc_client_t client, const char *path);
 enum class PathJoin { kAlwaysSlash, kConcatFilePath };
 
 std::string JoinDevicePath(const std::string &dir, const char *name, PathJoin join);
+
+// The start directory of a directory copy (device or host side): the
+// ConcatFilePath join, which glues a name straight onto a path without any
+// '/'; such a path gets its separator here, so that what is copied below it
+// lands inside it and not beside it.
+std::string StartDirectory(const char *dir, const char *name);
 
 // One entry met by WalkDirectory. Everything in it lives until Leave returns.
 struct WalkEntry {

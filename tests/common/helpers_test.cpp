@@ -8,6 +8,8 @@
 #include <fstream>
 #include <string>
 
+#include "common/db_entry.h"
+#include "common/number.h"
 #include "common/raii.h"
 #include "tarn/tarn_device.h"
 #include "sim_image.h"
@@ -106,6 +108,39 @@ TEST(Paths, JoinsDecideTheSeparatorFromTheLastSlash) {
   }
   CString plain(ConcatStr("/tmp/work", "iTunesCDB"));
   EXPECT_STREQ(plain.get(), "/tmp/workiTunesCDB") << "ConcatStr adds no separator";
+}
+
+TEST(DeviceNumbers, TextThatOverflowsOrIsNoNumberStaysDefined) {
+  struct Case {
+    const char *text;
+    uint64_t value;
+  } cases[] = {
+      {"300000", 300000},
+      {"18446744073709551615", UINT64_MAX},
+      {"99999999999999999999999", UINT64_MAX},
+      {"12abc", 12},
+      {"abc", 0},
+      {"", 0},
+      {nullptr, 0},
+  };
+  for (const auto &c : cases) EXPECT_EQ(tarn::DeviceNumber(c.text), c.value) << (c.text ? c.text : "(null)");
+}
+
+TEST(Paths, LocalCopiesAreTheBaseNameInsideTheHostFolder) {
+  struct Case {
+    const char *host_dir, *device_path, *local;
+  } cases[] = {
+      {"/tmp/work", "/iTunes_Control/iTunes/iTunesCDB", "/tmp/work/iTunesCDB"},
+      {"/tmp/work/", "/iTunes_Control/iTunes/iTunesCDB", "/tmp/work/iTunesCDB"},
+      {"cache", "/Books/Books.plist", "cache/Books.plist"},
+      {"", "/Recordings/Recordings.db", "Recordings.db"},
+      {nullptr, "noslash", "noslash"},
+  };
+  for (const auto &c : cases) {
+    PodDevice device{};
+    device.hostDir = const_cast<char *>(c.host_dir);
+    EXPECT_EQ(tarn::LocalCopyPath(&device, c.device_path), c.local) << (c.host_dir ? c.host_dir : "(null)");
+  }
 }
 
 TEST(Paths, FileNameAndPostfix) {

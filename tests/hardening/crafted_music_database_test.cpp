@@ -12,7 +12,7 @@
 
 #include <gtest/gtest.h>
 
-#include "device/itdb_check.h"
+#include "musicdb/itdb_check.h"
 #include "images.h"
 #include "tarn/tarn_device.h"
 #include "test_util.h"

@@ -9,7 +9,7 @@
 // libgpod's, each where libgpod would spin in place or lose its way:
 // records must lie inside the file and inside their parent, and each step
 // of a loop must move forward.
-#include "device/itdb_check.h"
+#include "musicdb/itdb_check.h"
 
 #include <glib.h>
 #include <gpod/itdb.h>

@@ -13,7 +13,7 @@
 // database, a walk over its records (itdb_check.h) makes sure that it can
 // parse it; the stream's checksum is verified on a second thread while it
 // does.
-#include "device/music_database.h"
+#include "musicdb/music_database.h"
 
 #include <fcntl.h>
 #include <glib.h>
@@ -37,7 +37,7 @@
 
 #include "common/error.h"
 #include "common/raii.h"
-#include "device/itdb_check.h"
+#include "musicdb/itdb_check.h"
 #include "tarn/tarn_device.h"
 
 namespace {

@@ -3,12 +3,14 @@
 // lists nothing, the camera folder is walked instead.
 #include <cstdio>
 
-#include "common/console.h"
+#include "catalogue/catalogue.h"
 #include "catalogue/media_item.h"
 #include "catalogue/pictures.h"
 #include "common/connection.h"
+#include "common/console.h"
 #include "common/db_entry.h"
 #include "common/error.h"
+#include "common/helpers.h"
 #include "common/raii.h"
 #include "devicefs/walk.h"
 #include "tarn/tarn_device.h"
@@ -20,24 +22,9 @@ constexpr const char *kCameraQuery = "select ('/' || directory || '/' || filenam
 
 }  // namespace
 
-extern "C" {
+namespace tarn {
 
-TARN_API int CameraPictureCallback(void *context, int columns, char **values, char **) {
-  const tarn::ApiCall api_call;
-  auto *ctx = static_cast<CameraRowContext *>(context);
-  if (ctx == nullptr || columns < 1 || values == nullptr || values[0] == nullptr) return 0;
-  tarn::FileInfo info;
-  {
-    // A picture the database names but the device no longer has is left out.
-    const tarn::KeepReason quiet;
-    info.reset(GetFileInfo(ctx->client, values[0]));
-  }
-  tarn::AppendPictureItem(ctx->items, values[0], info.get(), &ctx->total);
-  return 0;
-}
-
-TARN_API plist_t ReadCameraDbTypeSQLITE(PodDevice *device, const char *path) {
-  const tarn::ApiCall api_call;
+plist_t ReadCameraDbTypeSQLITE(PodDevice *device, const char *path) {
   sqlite3 *raw = nullptr;
   // Read only: a missing copy must not turn into a new empty database in
   // the working directory.
@@ -70,26 +57,57 @@ TARN_API plist_t ReadCameraDbTypeSQLITE(PodDevice *device, const char *path) {
   return result.release();
 }
 
-TARN_API plist_t ReadCameraDbTypeFromDevice(PodDevice *device) {
-  const tarn::ApiCall api_call;
+plist_t ReadCameraDbTypeFromDevice(PodDevice *device) {
   const char *folders[] = {kCameraDir};
-  return GetPictureListFromDevice(device, folders, 1);
+  return tarn::GetPictureListFromDevice(device, folders, 1);
 }
 
-TARN_API plist_t GetCameraPVList(PodDevice *device, uint32_t, uint32_t) {
-  const tarn::ApiCall api_call;
+plist_t GetCameraPVList(PodDevice *device) {
   tarn::ConsoleLine("GetCameraPVList");
   plist_t result = nullptr;
   const bool listed = tarn::WalkDbFiles(device, "CameraDb", [&](uint64_t type, const char *device_path) {
     if (type != 0) return false;
-    result = ReadCameraDbTypeSQLITE(device, tarn::LocalCopyPath(device, device_path).c_str());
+    result = tarn::ReadCameraDbTypeSQLITE(device, tarn::LocalCopyPath(device, device_path).c_str());
     return true;
   }, false);
-  if (!listed) return ReadCameraDbTypeFromDevice(device);
-  PrintPlist(result);
-  if (result == nullptr) return ReadCameraDbTypeFromDevice(device);
+  if (!listed) return tarn::ReadCameraDbTypeFromDevice(device);
+  tarn::PrintPlist(result);
+  if (result == nullptr) return tarn::ReadCameraDbTypeFromDevice(device);
   tarn::ConsoleLine("GetCameraPVList END");
   return result;
+}
+
+}  // namespace tarn
+
+extern "C" {
+
+TARN_API int CameraPictureCallback(void *context, int columns, char **values, char **) {
+  const tarn::ApiCall api_call;
+  auto *ctx = static_cast<CameraRowContext *>(context);
+  if (ctx == nullptr || columns < 1 || values == nullptr || values[0] == nullptr) return 0;
+  tarn::FileInfo info;
+  {
+    // A picture the database names but the device no longer has is left out.
+    const tarn::KeepReason quiet;
+    info.reset(tarn::GetFileInfo(ctx->client, values[0]));
+  }
+  tarn::AppendPictureItem(ctx->items, values[0], info.get(), &ctx->total);
+  return 0;
+}
+
+TARN_API plist_t ReadCameraDbTypeSQLITE(PodDevice *device, const char *path) {
+  const tarn::ApiCall api_call;
+  return tarn::ReadCameraDbTypeSQLITE(device, path);
+}
+
+TARN_API plist_t ReadCameraDbTypeFromDevice(PodDevice *device) {
+  const tarn::ApiCall api_call;
+  return tarn::ReadCameraDbTypeFromDevice(device);
+}
+
+TARN_API plist_t GetCameraPVList(PodDevice *device, uint32_t, uint32_t) {
+  const tarn::ApiCall api_call;
+  return tarn::GetCameraPVList(device);
 }
 
 }  // extern "C"

@@ -1,5 +1,6 @@
 #include "catalogue/media_item.h"
 
+#include "common/helpers.h"
 #include "common/raii.h"
 #include "tarn/tarn_device.h"
 
@@ -31,13 +32,13 @@ plist_t MediaItemFromTrack(const Itdb_Track *track) {
   plist_t item = plist_new_dict();
   plist_dict_set_item(item, "id", plist_new_uint(track->id));
   plist_dict_set_item(item, "size", plist_new_uint(TrackSize(track)));
-  CString path(ReplaceChar(track->ipod_path, '/', ':'));
-  InsertPlistDictString(item, "path", path.get());
-  InsertPlistDictString(item, "title", track->title);
+  CString path(tarn::ReplaceChar(track->ipod_path, '/', ':'));
+  tarn::InsertPlistDictString(item, "path", path.get());
+  tarn::InsertPlistDictString(item, "title", track->title);
   plist_dict_set_item(item, "time", plist_new_uint(static_cast<uint64_t>(static_cast<int64_t>(track->tracklen))));
-  AddNoneValuePlistDictString(item, "artist", track->artist);
-  AddNoneValuePlistDictString(item, "album", track->album);
-  AddNoneValuePlistDictString(item, "genre", track->genre);
+  tarn::AddNoneValuePlistDictString(item, "artist", track->artist);
+  tarn::AddNoneValuePlistDictString(item, "album", track->album);
+  tarn::AddNoneValuePlistDictString(item, "genre", track->genre);
   plist_dict_set_item(item, "rating", plist_new_uint(track->rating));
   plist_dict_set_item(item, "plays", plist_new_uint(track->playcount));
   return item;
@@ -48,15 +49,15 @@ plist_t MediaItemFromPurchase(plist_t entry, const char *device_path, uint64_t s
   plist_dict_set_item(item, "id", plist_copy(plist_dict_get_item(entry, "itemId")));
   plist_dict_set_item(item, "size", plist_new_uint(size));
   plist_dict_set_item(item, "path", plist_new_string(device_path));
-  plist_dict_set_item(item, "title", PlistCopyEmptyString(plist_dict_get_item(entry, "itemName")));
-  plist_dict_set_item(item, "time", PlistCopyZero(plist_dict_get_item(entry, "duration")));
-  plist_dict_set_item(item, "artist", PlistCopyEmptyString(plist_dict_get_item(entry, "playlistArtistName")));
-  plist_dict_set_item(item, "album", PlistCopyEmptyString(plist_dict_get_item(entry, "playlistName")));
-  plist_dict_set_item(item, "genre", PlistCopyEmptyString(plist_dict_get_item(entry, "genre")));
+  plist_dict_set_item(item, "title", tarn::PlistCopyEmptyString(plist_dict_get_item(entry, "itemName")));
+  plist_dict_set_item(item, "time", tarn::PlistCopyZero(plist_dict_get_item(entry, "duration")));
+  plist_dict_set_item(item, "artist", tarn::PlistCopyEmptyString(plist_dict_get_item(entry, "playlistArtistName")));
+  plist_dict_set_item(item, "album", tarn::PlistCopyEmptyString(plist_dict_get_item(entry, "playlistName")));
+  plist_dict_set_item(item, "genre", tarn::PlistCopyEmptyString(plist_dict_get_item(entry, "genre")));
   // Deliberately crossed: the purchase's bit rate and disc count are what
   // its "rating" and "plays" have always carried.
-  plist_dict_set_item(item, "rating", PlistCopyZero(plist_dict_get_item(entry, "bitRate")));
-  plist_dict_set_item(item, "plays", PlistCopyZero(plist_dict_get_item(entry, "discCount")));
+  plist_dict_set_item(item, "rating", tarn::PlistCopyZero(plist_dict_get_item(entry, "bitRate")));
+  plist_dict_set_item(item, "plays", tarn::PlistCopyZero(plist_dict_get_item(entry, "discCount")));
   return item;
 }
 

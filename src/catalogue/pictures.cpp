@@ -1,8 +1,10 @@
 // Synced and streamed pictures: a walk over fixed device folders keeping
 // the files with a picture or video extension. The camera roll walks its
 // folder with the same code when its database lists nothing.
-#include "common/console.h"
+#include "catalogue/catalogue.h"
 #include "catalogue/pictures.h"
+#include "common/console.h"
+#include "common/helpers.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -33,11 +35,11 @@ constexpr size_t kTimeBufferSize = 32;
 enum class Entry { kPicture, kSkipped, kOther };
 
 Entry Classify(const char *name) {
-  tarn::CString extension(GetFilePostfix(name));
+  tarn::CString extension(tarn::GetFilePostfix(name));
   // A name ending in '.' has no extension worth testing.
   if (extension && std::strlen(extension.get()) == 1) return Entry::kSkipped;
   TarnToLower(extension.get());
-  if (extension && IsExistInStr(kUserPictureVisible, extension.get())) return Entry::kPicture;
+  if (extension && tarn::IsExistInStr(kUserPictureVisible, extension.get())) return Entry::kPicture;
   if (name[0] == '.') return Entry::kSkipped;
   return Entry::kOther;
 }
@@ -74,19 +76,18 @@ bool AppendPictureItem(plist_t items, const char *path, char *const *info, uint6
   plist_t item = plist_new_dict();
   plist_array_append_item(items, item);
   plist_dict_set_item(item, "size", plist_new_uint(size));
-  InsertPlistDictString(item, "path", path);
+  tarn::InsertPlistDictString(item, "path", path);
   CString time(TarnGetLocalFormatTime(mtime, kTimeFormat, kTimeBufferSize));
-  InsertPlistDictString(item, "time", time.get());
+  tarn::InsertPlistDictString(item, "time", time.get());
   *total += size;
   return true;
 }
 
 }  // namespace tarn
 
-extern "C" {
+namespace tarn {
 
-TARN_API int GetDirAllPicture(afc_client_t client, plist_t items, const char *folder, uint64_t *total) {
-  const tarn::ApiCall api_call;
+int GetDirAllPicture(afc_client_t client, plist_t items, const char *folder, uint64_t *total) {
   if (client == nullptr || items == nullptr || folder == nullptr || total == nullptr) {
     tarn::SetError(TARN_E_INVALID_ARGUMENT, "A picture walk needs a connection, a folder and somewhere to put the items.");
     return 0;
@@ -97,8 +98,7 @@ TARN_API int GetDirAllPicture(afc_client_t client, plist_t items, const char *fo
   return 0;
 }
 
-TARN_API plist_t GetPictureListFromDevice(PodDevice *device, const char **folders, int32_t count) {
-  const tarn::ApiCall api_call;
+plist_t GetPictureListFromDevice(PodDevice *device, const char **folders, int32_t count) {
   tarn::ConsoleLine("GetUserPictureListFromDevice");
   // One lock for all folders: the device's own sync must not move pictures
   // while they are listed.
@@ -106,33 +106,51 @@ TARN_API plist_t GetPictureListFromDevice(PodDevice *device, const char **folder
   tarn::PlistPtr result(tarn::NewTrackListResult());
   plist_t items = tarn::ListItems(result.get());
   uint64_t total = 0;
-  for (int32_t i = 0; folders != nullptr && i < count; ++i) GetDirAllPicture(call.afc(), items, folders[i], &total);
+  for (int32_t i = 0; folders != nullptr && i < count; ++i) tarn::GetDirAllPicture(call.afc(), items, folders[i], &total);
   const uint32_t found = plist_array_get_size(items);
   if (found == 0) return nullptr;
   tarn::AddToListCounts(result.get(), found, total);
   return result.release();
 }
 
-TARN_API plist_t GetUserPictureListFromDevice(PodDevice *device) {
-  const tarn::ApiCall api_call;
-  const char *folders[] = {kUserPictureDir, kUserPicturePhotoStreamsDataDir, kUserPictureSyncDir};
-  return GetPictureListFromDevice(device, folders, 3);
-}
-
-TARN_API plist_t ReadUserPictureDbTypeCdb(const char *) {
-  const tarn::ApiCall api_call;
+plist_t ReadUserPictureDbTypeCdb() {
   // Deliberately empty: synced pictures are listed by the folder walk
   // (GetUserPictureListFromDevice); this entry point only keeps its place
   // for applications that call it.
   return nullptr;
 }
 
+}  // namespace tarn
+
+extern "C" {
+
+TARN_API int GetDirAllPicture(afc_client_t client, plist_t items, const char *folder, uint64_t *total) {
+  const tarn::ApiCall api_call;
+  return tarn::GetDirAllPicture(client, items, folder, total);
+}
+
+TARN_API plist_t GetPictureListFromDevice(PodDevice *device, const char **folders, int32_t count) {
+  const tarn::ApiCall api_call;
+  return tarn::GetPictureListFromDevice(device, folders, count);
+}
+
+TARN_API plist_t GetUserPictureListFromDevice(PodDevice *device) {
+  const tarn::ApiCall api_call;
+  const char *folders[] = {kUserPictureDir, kUserPicturePhotoStreamsDataDir, kUserPictureSyncDir};
+  return tarn::GetPictureListFromDevice(device, folders, 3);
+}
+
+TARN_API plist_t ReadUserPictureDbTypeCdb(const char *) {
+  const tarn::ApiCall api_call;
+  return tarn::ReadUserPictureDbTypeCdb();
+}
+
 TARN_API plist_t GetUserPictureList(PodDevice *device, uint32_t, uint32_t) {
   const tarn::ApiCall api_call;
   plist_t result = nullptr;
-  tarn::WalkDbFiles(device, "UserPictureDb", [&](uint64_t type, const char *device_path) {
+  tarn::WalkDbFiles(device, "UserPictureDb", [&](uint64_t type, const char *) {
     if (type != 0) return false;
-    result = ReadUserPictureDbTypeCdb(tarn::LocalCopyPath(device, device_path).c_str());
+    result = tarn::ReadUserPictureDbTypeCdb();
     return true;
   });
   return result;

@@ -5,19 +5,19 @@
 #include <memory>
 #include <string>
 
+#include "catalogue/catalogue.h"
 #include "catalogue/media_item.h"
 #include "common/connection.h"
 #include "common/error.h"
 #include "common/host_plist.h"
 #include "common/number.h"
 #include "common/raii.h"
+#include "devicefs/walk.h"
 #include "tarn/tarn_device.h"
 
-extern "C" {
+namespace tarn {
 
-TARN_API uint32_t GetPurchaseMusicListFromPlist(PodDevice *device, const char *path, plist_t items, uint64_t *total,
-                                                PodPlistParser parser) {
-  const tarn::ApiCall api_call;
+uint32_t GetPurchaseMusicListFromPlist(PodDevice *device, const char *path, plist_t items, uint64_t *total, PodPlistParser parser) {
   tarn::PlistPtr root = tarn::ParseHostPlist(path, parser);
   if (!root || plist_get_node_type(root.get()) != PLIST_DICT || plist_dict_get_size(root.get()) == 0) return 0;
   plist_t purchases = plist_dict_get_item(root.get(), "contentInfoByXMLFilename");
@@ -43,20 +43,29 @@ TARN_API uint32_t GetPurchaseMusicListFromPlist(PodDevice *device, const char *p
                                             "mediaAssetFilename");
     if (id == nullptr || plist_get_node_type(name_node) != PLIST_STRING) continue;
     const tarn::CString name = tarn::StringOf(name_node);
-    tarn::CString device_path(ConcatFilePath("/Purchases", name.get()));
+    const std::string device_path = tarn::JoinDevicePath("/Purchases", name.get(), tarn::PathJoin::kAlwaysSlash);
     tarn::FileInfo info;
     {
       const tarn::KeepReason quiet;
-      info.reset(GetFileInfo(call.afc(), device_path.get()));
+      info.reset(tarn::GetFileInfo(call.afc(), device_path.c_str()));
     }
     const char *size_text = info.get()[TARN_INFO_SIZE];
     if (size_text == nullptr) continue;
     const uint64_t size = tarn::DeviceNumber(size_text);
-    plist_array_append_item(items, tarn::MediaItemFromPurchase(entry, device_path.get(), size));
+    plist_array_append_item(items, tarn::MediaItemFromPurchase(entry, device_path.c_str(), size));
     if (total) *total += size;
     ++appended;
   }
   return appended;
+}
+
+}  // namespace tarn
+
+extern "C" {
+
+TARN_API uint32_t GetPurchaseMusicListFromPlist(PodDevice *device, const char *path, plist_t items, uint64_t *total, PodPlistParser parser) {
+  const tarn::ApiCall api_call;
+  return tarn::GetPurchaseMusicListFromPlist(device, path, items, total, parser);
 }
 
 }  // extern "C"

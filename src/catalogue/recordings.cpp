@@ -6,15 +6,17 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "common/console.h"
+#include "catalogue/catalogue.h"
 #include "catalogue/media_item.h"
 #include "common/connection.h"
+#include "common/console.h"
 #include "common/db_entry.h"
 #include "common/error.h"
+#include "common/helpers.h"
 #include "common/number.h"
 #include "common/raii.h"
-#include "musicdb/music_database.h"
 #include "devicefs/walk.h"
+#include "musicdb/music_database.h"
 #include "tarn/tarn_device.h"
 
 namespace {
@@ -37,57 +39,20 @@ uint64_t DurationMilliseconds(const char *text) {
 
 }  // namespace
 
-extern "C" {
+namespace tarn {
 
-TARN_API int IsMatchRecordingPath(const char *path) {
-  const tarn::ApiCall api_call;
-  return path != nullptr && std::strstr(path, "Recordings") != nullptr ? 1 : 0;
-}
-
-TARN_API char *GetFormatedRecordingTime(const char *source, char *dest) {
-  const tarn::ApiCall api_call;
+char *GetFormatedRecordingTime(const char *source, char *dest) {
   // strncpy stops reading at a shorter name's terminator and zero-fills
   // the rest of the 15 bytes.
   if (source != nullptr && dest != nullptr) std::strncpy(dest, source, kTitleLength);
   return dest;
 }
 
-TARN_API int RecordingDbCallback(void *context, int columns, char **values, char **) {
-  const tarn::ApiCall api_call;
-  auto *ctx = static_cast<RecordingRowContext *>(context);
-  if (ctx == nullptr || columns < 3 || values == nullptr || values[1] == nullptr) return 0;
-  const char *label = values[2];
-  // The database stores the path where the phone keeps the file; only the
-  // part from the recordings folder on exists on the media partition.
-  const char *device_path = std::strstr(values[1], kRecordingFolder);
-  if (device_path == nullptr) return 0;
-  tarn::FileInfo info;
-  {
-    // A recording the database names but the device no longer has is left out.
-    const tarn::KeepReason quiet;
-    info.reset(GetFileInfo(ctx->client, device_path));
-  }
-  if (info.get()[TARN_INFO_SIZE] == nullptr) return 0;
-  const uint64_t size = tarn::DeviceNumber(info.get()[TARN_INFO_SIZE]);
-
-  plist_t item = plist_new_dict();
-  plist_array_append_item(ctx->items, item);
-  ++ctx->count;
-  char title[kTitleLength + 1] = {};
-  GetFormatedRecordingTime(std::strrchr(values[1], '/') + 1, title);
-  plist_dict_set_item(item, "id", plist_new_uint(ctx->count));
-  InsertPlistDictString(item, "path", device_path);
-  InsertPlistDictString(item, "title", title);
-  plist_dict_set_item(item, "time", plist_new_uint(DurationMilliseconds(values[0])));
-  plist_dict_set_item(item, "size", plist_new_uint(size));
-  InsertPlistDictString(item, "name", label);
-  tarn::Console("name is %s\n", tarn::Printable(label));
-  ctx->total += size;
-  return 0;
+int IsMatchRecordingPath(const char *path) {
+  return path != nullptr && std::strstr(path, "Recordings") != nullptr ? 1 : 0;
 }
 
-TARN_API plist_t ReadRecordingDbTypeSQLITE(PodDevice *device, const char *path) {
-  const tarn::ApiCall api_call;
+plist_t ReadRecordingDbTypeSQLITE(PodDevice *device, const char *path) {
   sqlite3 *raw = nullptr;
   // Read only: a missing copy must not turn into a new empty database in
   // the working directory.
@@ -115,8 +80,7 @@ TARN_API plist_t ReadRecordingDbTypeSQLITE(PodDevice *device, const char *path) 
   return result.release();
 }
 
-TARN_API plist_t ReadRecordingDbTypeCdb(const char *path) {
-  const tarn::ApiCall api_call;
+plist_t ReadRecordingDbTypeCdb(const char *path) {
   const tarn::MusicDatabase db(path);
   if (!db || itdb_tracks_number(db.get()) == 0) return nullptr;
   // Unlike the database route, this result carries no "total".
@@ -125,15 +89,15 @@ TARN_API plist_t ReadRecordingDbTypeCdb(const char *path) {
   uint64_t count = 0;
   for (GList *l = db->tracks; l != nullptr; l = l->next) {
     const auto *track = static_cast<const Itdb_Track *>(l->data);
-    if (track == nullptr || !IsMatchRecordingPath(track->ipod_path)) continue;
+    if (track == nullptr || !tarn::IsMatchRecordingPath(track->ipod_path)) continue;
     plist_t item = plist_new_dict();
     plist_dict_set_item(item, "id", plist_new_uint(track->id));
-    tarn::CString device_path(ReplaceChar(track->ipod_path, '/', ':'));
-    InsertPlistDictString(item, "path", device_path.get());
-    InsertPlistDictString(item, "title", track->title);
+    tarn::CString device_path(tarn::ReplaceChar(track->ipod_path, '/', ':'));
+    tarn::InsertPlistDictString(item, "path", device_path.get());
+    tarn::InsertPlistDictString(item, "title", track->title);
     plist_dict_set_item(item, "time", plist_new_uint(static_cast<uint64_t>(static_cast<int64_t>(track->tracklen))));
     plist_dict_set_item(item, "size", plist_new_uint(tarn::TrackSize(track)));
-    InsertPlistDictString(item, "name", "");
+    tarn::InsertPlistDictString(item, "name", "");
     plist_array_append_item(items, item);
     ++count;
   }
@@ -143,6 +107,64 @@ TARN_API plist_t ReadRecordingDbTypeCdb(const char *path) {
   return result.release();
 }
 
+}  // namespace tarn
+
+extern "C" {
+
+TARN_API int IsMatchRecordingPath(const char *path) {
+  const tarn::ApiCall api_call;
+  return tarn::IsMatchRecordingPath(path);
+}
+
+TARN_API char *GetFormatedRecordingTime(const char *source, char *dest) {
+  const tarn::ApiCall api_call;
+  return tarn::GetFormatedRecordingTime(source, dest);
+}
+
+TARN_API int RecordingDbCallback(void *context, int columns, char **values, char **) {
+  const tarn::ApiCall api_call;
+  auto *ctx = static_cast<RecordingRowContext *>(context);
+  if (ctx == nullptr || columns < 3 || values == nullptr || values[1] == nullptr) return 0;
+  const char *label = values[2];
+  // The database stores the path where the phone keeps the file; only the
+  // part from the recordings folder on exists on the media partition.
+  const char *device_path = std::strstr(values[1], kRecordingFolder);
+  if (device_path == nullptr) return 0;
+  tarn::FileInfo info;
+  {
+    // A recording the database names but the device no longer has is left out.
+    const tarn::KeepReason quiet;
+    info.reset(tarn::GetFileInfo(ctx->client, device_path));
+  }
+  if (info.get()[TARN_INFO_SIZE] == nullptr) return 0;
+  const uint64_t size = tarn::DeviceNumber(info.get()[TARN_INFO_SIZE]);
+
+  plist_t item = plist_new_dict();
+  plist_array_append_item(ctx->items, item);
+  ++ctx->count;
+  char title[kTitleLength + 1] = {};
+  tarn::GetFormatedRecordingTime(std::strrchr(values[1], '/') + 1, title);
+  plist_dict_set_item(item, "id", plist_new_uint(ctx->count));
+  tarn::InsertPlistDictString(item, "path", device_path);
+  tarn::InsertPlistDictString(item, "title", title);
+  plist_dict_set_item(item, "time", plist_new_uint(DurationMilliseconds(values[0])));
+  plist_dict_set_item(item, "size", plist_new_uint(size));
+  tarn::InsertPlistDictString(item, "name", label);
+  tarn::Console("name is %s\n", tarn::Printable(label));
+  ctx->total += size;
+  return 0;
+}
+
+TARN_API plist_t ReadRecordingDbTypeSQLITE(PodDevice *device, const char *path) {
+  const tarn::ApiCall api_call;
+  return tarn::ReadRecordingDbTypeSQLITE(device, path);
+}
+
+TARN_API plist_t ReadRecordingDbTypeCdb(const char *path) {
+  const tarn::ApiCall api_call;
+  return tarn::ReadRecordingDbTypeCdb(path);
+}
+
 TARN_API plist_t GetRecordingList(PodDevice *device, uint32_t, uint32_t) {
   const tarn::ApiCall api_call;
   plist_t result = nullptr;
@@ -150,15 +172,15 @@ TARN_API plist_t GetRecordingList(PodDevice *device, uint32_t, uint32_t) {
     // Of the music databases only the compressed one is parsed, as for
     // every track list; the plain and locations forms are passed over.
     if (type == kRecordingSqlite) {
-      result = ReadRecordingDbTypeSQLITE(device, tarn::LocalCopyPath(device, device_path).c_str());
+      result = tarn::ReadRecordingDbTypeSQLITE(device, tarn::LocalCopyPath(device, device_path).c_str());
     } else if (type == kRecordingCdb) {
-      result = ReadRecordingDbTypeCdb(tarn::LocalCopyPath(device, device_path).c_str());
+      result = tarn::ReadRecordingDbTypeCdb(tarn::LocalCopyPath(device, device_path).c_str());
     }
     return result != nullptr;
   });
   if (!listed) return nullptr;
   tarn::ConsoleLine("GetRecordingList END!!");
-  PrintPlist(result);
+  tarn::PrintPlist(result);
   return result;
 }
 

@@ -3,10 +3,12 @@
 #include <cstdio>
 #include <string>
 
-#include "common/console.h"
+#include "catalogue/catalogue.h"
 #include "catalogue/media_item.h"
+#include "common/console.h"
 #include "common/db_entry.h"
 #include "common/error.h"
+#include "common/helpers.h"
 #include "common/raii.h"
 #include "musicdb/music_database.h"
 #include "tarn/tarn_device.h"
@@ -21,7 +23,7 @@ plist_t ListOfKind(PodDevice *device, uint32_t kind) {
   plist_t result = nullptr;
   tarn::WalkDbFiles(device, "TrackDb", [&](uint64_t type, const char *device_path) {
     if (type != tarn::kTrackDbCdb) return false;
-    result = ReadTrackDbTypeCdb(tarn::LocalCopyPath(device, device_path).c_str(), kind);
+    result = tarn::ReadTrackDbTypeCdb(tarn::LocalCopyPath(device, device_path).c_str(), kind);
     return true;
   });
   return result;
@@ -29,10 +31,9 @@ plist_t ListOfKind(PodDevice *device, uint32_t kind) {
 
 }  // namespace
 
-extern "C" {
+namespace tarn {
 
-TARN_API int IsMatchTrackType(Itdb_Track *track, uint32_t kind) {
-  const tarn::ApiCall api_call;
+int IsMatchTrackType(Itdb_Track *track, uint32_t kind) {
   if (track == nullptr) return 0;
   // The whole value is compared, never single bits: a track that combines
   // flags (0x60, 0x3) is no TV show and no movie and counts as music.
@@ -51,8 +52,7 @@ TARN_API int IsMatchTrackType(Itdb_Track *track, uint32_t kind) {
   }
 }
 
-TARN_API plist_t ReadTrackDbTypeCdb(const char *path, uint32_t kind) {
-  const tarn::ApiCall api_call;
+plist_t ReadTrackDbTypeCdb(const char *path, uint32_t kind) {
   const tarn::MusicDatabase db(path);
   if (!db || itdb_tracks_number(db.get()) == 0) return nullptr;
   tarn::PlistPtr result(tarn::NewTrackListResult());
@@ -60,7 +60,7 @@ TARN_API plist_t ReadTrackDbTypeCdb(const char *path, uint32_t kind) {
   uint64_t count = 0, total = 0;
   for (GList *l = db->tracks; l != nullptr; l = l->next) {
     auto *track = static_cast<Itdb_Track *>(l->data);
-    if (IsMatchTrackType(track, kind) != 1) continue;
+    if (tarn::IsMatchTrackType(track, kind) != 1) continue;
     plist_array_append_item(items, tarn::MediaItemFromTrack(track));
     total += tarn::TrackSize(track);
     ++count;
@@ -69,34 +69,56 @@ TARN_API plist_t ReadTrackDbTypeCdb(const char *path, uint32_t kind) {
   return result.release();
 }
 
-TARN_API plist_t GetMusicList(PodDevice *device, uint32_t, uint32_t) {
-  const tarn::ApiCall api_call;
+plist_t GetMusicList(PodDevice *device) {
   tarn::ConsoleLine("GetAudioList");
   plist_t result = nullptr;
   tarn::WalkDbFiles(device, "TrackDb", [&](uint64_t type, const char *device_path) {
     const std::string local = tarn::LocalCopyPath(device, device_path);
     if (type == tarn::kTrackDbCdb) {
-      result = ReadTrackDbTypeCdb(local.c_str(), kMusic);
+      result = tarn::ReadTrackDbTypeCdb(local.c_str(), kMusic);
       return false;
     }
     if (type != tarn::kTrackDbPurchases) return false;
     // Purchases come after the database tracks, also when the database
     // gave nothing.
     if (result == nullptr) result = tarn::NewTrackListResult();
-    PodPlistParser parser = IsBinPlist(local.c_str()) ? plist_from_bin : plist_from_xml;
+    PodPlistParser parser = tarn::IsBinPlist(local.c_str()) ? plist_from_bin : plist_from_xml;
     uint64_t bytes = 0;
     const uint32_t added =
-        GetPurchaseMusicListFromPlist(device, local.c_str(), tarn::ListItems(result), &bytes, parser);
+        tarn::GetPurchaseMusicListFromPlist(device, local.c_str(), tarn::ListItems(result), &bytes, parser);
     tarn::AddToListCounts(result, added, bytes);
     return true;
   });
   return result;
 }
 
-TARN_API plist_t GetMovieList(PodDevice *device, uint32_t, uint32_t) {
-  const tarn::ApiCall api_call;
+plist_t GetMovieList(PodDevice *device) {
   tarn::ConsoleLine("GetVideoList");
   return ListOfKind(device, kMovies);
+}
+
+}  // namespace tarn
+
+extern "C" {
+
+TARN_API int IsMatchTrackType(Itdb_Track *track, uint32_t kind) {
+  const tarn::ApiCall api_call;
+  return tarn::IsMatchTrackType(track, kind);
+}
+
+TARN_API plist_t ReadTrackDbTypeCdb(const char *path, uint32_t kind) {
+  const tarn::ApiCall api_call;
+  return tarn::ReadTrackDbTypeCdb(path, kind);
+}
+
+TARN_API plist_t GetMusicList(PodDevice *device, uint32_t, uint32_t) {
+  const tarn::ApiCall api_call;
+  return tarn::GetMusicList(device);
+}
+
+TARN_API plist_t GetMovieList(PodDevice *device, uint32_t, uint32_t) {
+  const tarn::ApiCall api_call;
+  return tarn::GetMovieList(device);
 }
 TARN_API plist_t GetPodcastList(PodDevice *device, uint32_t, uint32_t) {
   const tarn::ApiCall api_call;

@@ -5,11 +5,32 @@
 
 namespace tarn {
 
-DeviceConnection::DeviceConnection(const char *device_id) {
-  afc_ = OpenIdeviceAndAfC(&device_, device_id);
+afc_client_t OpenIdeviceAndAfC(idevice_t *device, const char *device_id) {
+  if (device == nullptr || device_id == nullptr) {
+    SetError(TARN_E_INVALID_ARGUMENT, "No device identifier (or no place for the connection) was given.");
+    return nullptr;
+  }
+  if (!ConnectDevice(device_id, device)) return nullptr;
+  // On a refused handshake the device connection stays in *device for the
+  // caller's CloseIdeviceAndAfC.
+  lockdownd_client_t lockdown = Handshake(*device, device_id, "ideviceclient");
+  if (lockdown == nullptr) return nullptr;
+  afc_client_t afc = StartFileService(*device, lockdown, device_id);
+  // Only the device connection and the file-conduit client live on.
+  lockdownd_client_free(lockdown);
+  return afc;
 }
 
-DeviceConnection::~DeviceConnection() { CloseIdeviceAndAfC(afc_, device_); }
+void CloseIdeviceAndAfC(afc_client_t client, idevice_t device) {
+  if (client) afc_client_free(client);
+  if (device) idevice_free(device);
+}
+
+DeviceConnection::DeviceConnection(const char *device_id) {
+  afc_ = tarn::OpenIdeviceAndAfC(&device_, device_id);
+}
+
+DeviceConnection::~DeviceConnection() { tarn::CloseIdeviceAndAfC(afc_, device_); }
 
 DeviceCall::DeviceCall(const PodDevice *device, LockPolicy policy) : conn_(device ? device->deviceId : nullptr) {
   if (policy == LockPolicy::kNone) return;

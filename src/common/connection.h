@@ -20,11 +20,17 @@ inline constexpr const char *kSyncLockPath = "/com.apple.itunes.lock_sync";
 inline constexpr const char *kAfcServiceName = "com.apple.afc";
 inline constexpr uint32_t kBlockSize = 65536;
 
-// The steps of a connection, shared by both kinds of connection below and
-// OpenIdeviceAndAfC; each records why it failed.
+// The steps of a connection, shared by both kinds of connection below; each
+// records why it failed.
 bool ConnectDevice(const char *device_id, idevice_t *device);
 lockdownd_client_t Handshake(idevice_t device, const char *device_id, const char *label);
 afc_client_t StartFileService(idevice_t device, lockdownd_client_t lockdown, const char *device_id);
+
+// A device connection with a started file-conduit client; on a failure
+// after the device was reached, the connection stays in *device for
+// CloseIdeviceAndAfC.
+afc_client_t OpenIdeviceAndAfC(idevice_t *device, const char *device_id);
+void CloseIdeviceAndAfC(afc_client_t client, idevice_t device);
 
 // Takes the device's sync lock on an open lock file. Another party holding
 // it records TARN_E_SYNC_LOCK_BUSY; the caller goes on without the lock.

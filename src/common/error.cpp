@@ -36,7 +36,7 @@ int Rank(TarnErrorCode code) {
 void Record(TarnErrorCode code, std::string message, const TarnError &detail) {
   ThreadError &e = Current();
   if (Rank(code) <= Rank(e.record.code)) return;
-  e.text = message.empty() ? TarnErrorMessage(code) : std::move(message);
+  e.text = message.empty() ? tarn::TarnErrorMessage(code) : std::move(message);
   e.record = detail;
   e.record.code = code;
   e.record.message = e.text.c_str();
@@ -271,13 +271,9 @@ void ClearError() {
 
 }  // namespace tarn
 
-extern "C" {
+namespace tarn {
 
-TARN_API const TarnError *TarnLastError(void) { return &tarn::Current().record; }
-
-TARN_API void TarnClearError(void) { tarn::ClearError(); }
-
-TARN_API const char *TarnErrorMessage(int code) {
+const char *TarnErrorMessage(int code) {
   switch (code) {
     case TARN_OK: return "No error.";
     case TARN_E_NO_USBMUXD: return "The usbmux daemon (usbmuxd) cannot be reached.";
@@ -304,6 +300,18 @@ TARN_API const char *TarnErrorMessage(int code) {
     case TARN_E_DEVICE: return "The device did not do what was asked.";
   }
   return "Unknown error.";
+}
+
+}  // namespace tarn
+
+extern "C" {
+
+TARN_API const TarnError *TarnLastError(void) { return &tarn::Current().record; }
+
+TARN_API void TarnClearError(void) { tarn::ClearError(); }
+
+TARN_API const char *TarnErrorMessage(int code) {
+  return tarn::TarnErrorMessage(code);
 }
 
 }  // extern "C"

@@ -88,4 +88,7 @@ void SetProgress(Progress progress);
 
 void ClearError();
 
+// The fixed text of a code (TarnErrorMessage).
+const char *TarnErrorMessage(int code);
+
 }  // namespace tarn

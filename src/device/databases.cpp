@@ -7,8 +7,8 @@
 
 #include <glib.h>
 
-#include "common/console.h"
 #include "common/connection.h"
+#include "common/console.h"
 #include "common/db_entry.h"
 #include "common/error.h"
 #include "common/number.h"
@@ -16,6 +16,10 @@
 #include "devicefs/transfer.h"
 #include "tarn/tarn_device.h"
 #include "tarn/tarn_tool.h"
+
+namespace tarn {
+int IsPodFileValid(afc_client_t client, const char *path);
+}  // namespace tarn
 
 namespace {
 
@@ -29,7 +33,7 @@ plist_t BuildEntry(afc_client_t client, const char *const (&table)[N]) {
   // A database the device does not have is an answer, not a failure.
   const tarn::KeepReason quiet;
   for (size_t i = 0; i < N; ++i) {
-    if (IsPodFileValid(client, table[i]) != 1) continue;
+    if (tarn::IsPodFileValid(client, table[i]) != 1) continue;
     plist_t pair = plist_new_dict();
     plist_dict_set_item(pair, "Type", plist_new_uint(i));
     plist_dict_set_item(pair, "Path", plist_new_string(table[i]));
@@ -41,10 +45,9 @@ plist_t BuildEntry(afc_client_t client, const char *const (&table)[N]) {
 
 }  // namespace
 
-extern "C" {
+namespace tarn {
 
-TARN_API int IsPodFileValid(afc_client_t client, const char *path) {
-  const tarn::ApiCall api_call;
+int IsPodFileValid(afc_client_t client, const char *path) {
   char **attrs = nullptr;
   if (client == nullptr || path == nullptr) {
     tarn::SetError(TARN_E_INVALID_ARGUMENT,
@@ -68,47 +71,27 @@ TARN_API int IsPodFileValid(afc_client_t client, const char *path) {
   return 1;
 }
 
-TARN_API plist_t GetMusicDBFileInfo(afc_client_t client) {
-  const tarn::ApiCall api_call;
+plist_t GetMusicDBFileInfo(afc_client_t client) {
   return BuildEntry(client, tarn::kTrackDbPath);
 }
-// Every media kind lives in the one music database; each kind keeps a
-// builder of its own name for callers that ask by kind.
-TARN_API plist_t GetPodcastDBFileInfo(afc_client_t client) {
-  const tarn::ApiCall api_call;
-  return GetMusicDBFileInfo(client);
-}
-TARN_API plist_t GetTvshowDBFileInfo(afc_client_t client) {
-  const tarn::ApiCall api_call;
-  return GetMusicDBFileInfo(client);
-}
-TARN_API plist_t GetAudioBookDBFileInfo(afc_client_t client) {
-  const tarn::ApiCall api_call;
-  return GetMusicDBFileInfo(client);
-}
-TARN_API plist_t GetMovieDBFileInfo(afc_client_t client) {
-  const tarn::ApiCall api_call;
-  return GetMusicDBFileInfo(client);
-}
-TARN_API plist_t GetBookDBFileInfo(afc_client_t client) {
-  const tarn::ApiCall api_call;
+
+plist_t GetBookDBFileInfo(afc_client_t client) {
   return BuildEntry(client, tarn::kBookDbPath);
 }
-TARN_API plist_t GetCameraDBFileInfo(afc_client_t client) {
-  const tarn::ApiCall api_call;
+
+plist_t GetCameraDBFileInfo(afc_client_t client) {
   return BuildEntry(client, tarn::kCameraDbPath);
 }
-TARN_API plist_t GetRecordingDBFileInfo(afc_client_t client) {
-  const tarn::ApiCall api_call;
+
+plist_t GetRecordingDBFileInfo(afc_client_t client) {
   return BuildEntry(client, tarn::kRecordingDbPath);
 }
-TARN_API plist_t GetUserPictureDBFileInfo(afc_client_t client) {
-  const tarn::ApiCall api_call;
+
+plist_t GetUserPictureDBFileInfo(afc_client_t client) {
   return BuildEntry(client, tarn::kUserPictureDbPath);
 }
 
-TARN_API int CopyDbFileToNativeDir(PodDevice *device, afc_client_t client, plist_t entry) {
-  const tarn::ApiCall api_call;
+int CopyDbFileToNativeDir(PodDevice *device, afc_client_t client, plist_t entry) {
   if (entry == nullptr) {
     tarn::SetError(TARN_E_INVALID_ARGUMENT, "No database entry was given.");
     return 1;
@@ -135,6 +118,59 @@ TARN_API int CopyDbFileToNativeDir(PodDevice *device, afc_client_t client, plist
   return 0;
 }
 
+}  // namespace tarn
+
+extern "C" {
+
+TARN_API int IsPodFileValid(afc_client_t client, const char *path) {
+  const tarn::ApiCall api_call;
+  return tarn::IsPodFileValid(client, path);
+}
+
+TARN_API plist_t GetMusicDBFileInfo(afc_client_t client) {
+  const tarn::ApiCall api_call;
+  return tarn::GetMusicDBFileInfo(client);
+}
+// Every media kind lives in the one music database; each kind keeps a
+// builder of its own name for callers that ask by kind.
+TARN_API plist_t GetPodcastDBFileInfo(afc_client_t client) {
+  const tarn::ApiCall api_call;
+  return tarn::GetMusicDBFileInfo(client);
+}
+TARN_API plist_t GetTvshowDBFileInfo(afc_client_t client) {
+  const tarn::ApiCall api_call;
+  return tarn::GetMusicDBFileInfo(client);
+}
+TARN_API plist_t GetAudioBookDBFileInfo(afc_client_t client) {
+  const tarn::ApiCall api_call;
+  return tarn::GetMusicDBFileInfo(client);
+}
+TARN_API plist_t GetMovieDBFileInfo(afc_client_t client) {
+  const tarn::ApiCall api_call;
+  return tarn::GetMusicDBFileInfo(client);
+}
+TARN_API plist_t GetBookDBFileInfo(afc_client_t client) {
+  const tarn::ApiCall api_call;
+  return tarn::GetBookDBFileInfo(client);
+}
+TARN_API plist_t GetCameraDBFileInfo(afc_client_t client) {
+  const tarn::ApiCall api_call;
+  return tarn::GetCameraDBFileInfo(client);
+}
+TARN_API plist_t GetRecordingDBFileInfo(afc_client_t client) {
+  const tarn::ApiCall api_call;
+  return tarn::GetRecordingDBFileInfo(client);
+}
+TARN_API plist_t GetUserPictureDBFileInfo(afc_client_t client) {
+  const tarn::ApiCall api_call;
+  return tarn::GetUserPictureDBFileInfo(client);
+}
+
+TARN_API int CopyDbFileToNativeDir(PodDevice *device, afc_client_t client, plist_t entry) {
+  const tarn::ApiCall api_call;
+  return tarn::CopyDbFileToNativeDir(device, client, entry);
+}
+
 TARN_API int InitDevice(PodDevice *device, const char *host_dir) {
   const tarn::ApiCall api_call;
   tarn::ConsoleLine("InitDevice");
@@ -154,11 +190,11 @@ TARN_API int InitDevice(PodDevice *device, const char *host_dir) {
 
   // Looked up in one order and stored in another; readers and
   // applications see the stored order.
-  tarn::PlistPtr music(GetMusicDBFileInfo(client));
-  tarn::PlistPtr books(GetBookDBFileInfo(client));
-  tarn::PlistPtr camera(GetCameraDBFileInfo(client));
-  tarn::PlistPtr recordings(GetRecordingDBFileInfo(client));
-  tarn::PlistPtr pictures(GetUserPictureDBFileInfo(client));
+  tarn::PlistPtr music(tarn::GetMusicDBFileInfo(client));
+  tarn::PlistPtr books(tarn::GetBookDBFileInfo(client));
+  tarn::PlistPtr camera(tarn::GetCameraDBFileInfo(client));
+  tarn::PlistPtr recordings(tarn::GetRecordingDBFileInfo(client));
+  tarn::PlistPtr pictures(tarn::GetUserPictureDBFileInfo(client));
 
   tarn::PlistPtr info(plist_new_dict());
   const struct {
@@ -173,7 +209,7 @@ TARN_API int InitDevice(PodDevice *device, const char *host_dir) {
   device->dbInfo = info.release();
 
   for (const tarn::PlistPtr *entry : {&music, &books, &camera, &recordings, &pictures}) {
-    if (*entry) CopyDbFileToNativeDir(device, client, entry->get());
+    if (*entry) tarn::CopyDbFileToNativeDir(device, client, entry->get());
   }
   return 0;
 }

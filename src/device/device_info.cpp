@@ -3,9 +3,11 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "common/console.h"
+#include "catalogue/catalogue.h"
 #include "common/connection.h"
+#include "common/console.h"
 #include "common/error.h"
+#include "common/helpers.h"
 #include "common/number.h"
 #include "common/raii.h"
 #include "musicdb/music_database.h"
@@ -23,10 +25,9 @@ uint64_t ListTotal(plist_t list) {
 
 }  // namespace
 
-extern "C" {
+namespace tarn {
 
-TARN_API void SetDeviceUsage(PodDevice *device, afc_client_t client, plist_t info) {
-  const tarn::ApiCall api_call;
+void SetDeviceUsage(PodDevice *device, afc_client_t client, plist_t info) {
   if (info == nullptr) return;
   int64_t capacity = 0, available = 0;
   char **attrs = nullptr;
@@ -49,9 +50,9 @@ TARN_API void SetDeviceUsage(PodDevice *device, afc_client_t client, plist_t inf
   const tarn::SharedMusicDatabase one_parse;
   // A list that cannot be built counts as 0 and is no failure here.
   const tarn::KeepReason quiet;
-  const uint64_t audio = ListTotal(GetMusicList(device, 0, 0));
-  const uint64_t video = ListTotal(GetMovieList(device, 0, 0));
-  const uint64_t photos = ListTotal(GetCameraPVList(device, 0, 0));
+  const uint64_t audio = ListTotal(tarn::GetMusicList(device));
+  const uint64_t video = ListTotal(tarn::GetMovieList(device));
+  const uint64_t photos = ListTotal(tarn::GetCameraPVList(device));
   plist_dict_set_item(info, "Audio", plist_new_uint(audio));
   plist_dict_set_item(info, "Video", plist_new_uint(video));
   plist_dict_set_item(info, "Photos", plist_new_uint(photos));
@@ -61,6 +62,15 @@ TARN_API void SetDeviceUsage(PodDevice *device, afc_client_t client, plist_t inf
   const uint64_t others =
       static_cast<uint64_t>(capacity) - static_cast<uint64_t>(available) - audio - video - photos;
   plist_dict_set_item(info, "Others", plist_new_uint(others));
+}
+
+}  // namespace tarn
+
+extern "C" {
+
+TARN_API void SetDeviceUsage(PodDevice *device, afc_client_t client, plist_t info) {
+  const tarn::ApiCall api_call;
+  tarn::SetDeviceUsage(device, client, info);
 }
 
 TARN_API plist_t GetDeviceInfo(PodDevice *device) {
@@ -74,13 +84,13 @@ TARN_API plist_t GetDeviceInfo(PodDevice *device) {
   if (session.status() != tarn::LockdownSession::Status::kOk) return nullptr;
 
   tarn::PlistPtr info(plist_new_dict());
-  InsertPlistDictString(info.get(), "UniqueDeviceID", device->deviceId);
+  tarn::InsertPlistDictString(info.get(), "UniqueDeviceID", device->deviceId);
   char *name = nullptr;
   lockdownd_get_device_name(session.lockdown(), &name);
   tarn::CString owned_name(name);
   // A value the device does not give leaves its key out rather than
   // inventing one.
-  if (name) InsertPlistDictString(info.get(), "DeviceName", name);
+  if (name) tarn::InsertPlistDictString(info.get(), "DeviceName", name);
   static constexpr struct {
     const char *lockdown_key;
     const char *key;
@@ -90,9 +100,9 @@ TARN_API plist_t GetDeviceInfo(PodDevice *device) {
     lockdownd_get_value(session.lockdown(), nullptr, value.lockdown_key, &node);
     if (node) plist_dict_set_item(info.get(), value.key, node);
   }
-  SetDeviceUsage(device, session.afc(), info.get());
+  tarn::SetDeviceUsage(device, session.afc(), info.get());
   tarn::ConsoleLine("GetDeviceInfo end..");
-  PrintPlist(info.get());
+  tarn::PrintPlist(info.get());
   return info.release();
 }
 

@@ -6,9 +6,10 @@
 
 #include <libimobiledevice/lockdown.h>
 
-#include "common/console.h"
 #include "common/connection.h"
+#include "common/console.h"
 #include "common/error.h"
+#include "common/helpers.h"
 #include "tarn/tarn_device.h"
 
 extern "C" {
@@ -47,7 +48,7 @@ TARN_API plist_t GetDevicesId(void) {
   for (int i = 0; i < count && ids[i] != nullptr; ++i) plist_array_append_item(list, plist_new_string(ids[i]));
   idevice_device_list_free(ids);
   tarn::ConsoleLine("GetDevicesId END");
-  PrintPlist(list);
+  tarn::PrintPlist(list);
   return list;
 }
 
@@ -103,24 +104,9 @@ TARN_API void FreePodDevice(PodDevice *device) {
 
 TARN_API afc_client_t OpenIdeviceAndAfC(idevice_t *device, const char *device_id) {
   const tarn::ApiCall api_call;
-  if (device == nullptr || device_id == nullptr) {
-    tarn::SetError(TARN_E_INVALID_ARGUMENT, "No device identifier (or no place for the connection) was given.");
-    return nullptr;
-  }
-  if (!tarn::ConnectDevice(device_id, device)) return nullptr;
-  // On a refused handshake the device connection stays in *device for the
-  // caller's CloseIdeviceAndAfC.
-  lockdownd_client_t lockdown = tarn::Handshake(*device, device_id, "ideviceclient");
-  if (lockdown == nullptr) return nullptr;
-  afc_client_t afc = tarn::StartFileService(*device, lockdown, device_id);
-  // Only the device connection and the file-conduit client live on.
-  lockdownd_client_free(lockdown);
-  return afc;
+  return tarn::OpenIdeviceAndAfC(device, device_id);
 }
 
-TARN_API void CloseIdeviceAndAfC(afc_client_t client, idevice_t device) {
-  if (client) afc_client_free(client);
-  if (device) idevice_free(device);
-}
+TARN_API void CloseIdeviceAndAfC(afc_client_t client, idevice_t device) { tarn::CloseIdeviceAndAfC(client, device); }
 
 }  // extern "C"

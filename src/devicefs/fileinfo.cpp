@@ -5,8 +5,8 @@
 
 #include <glib.h>
 
-#include "common/console.h"
 #include "common/connection.h"
+#include "common/console.h"
 #include "common/error.h"
 #include "common/raii.h"
 #include "devicefs/walk.h"
@@ -39,25 +39,24 @@ int SlotOfKey(const char *key) {
 
 }  // namespace
 
-extern "C" {
+namespace tarn {
 
-TARN_API char **GetFileInfo(afc_client_t client, const char *path) {
-  const tarn::ApiCall api_call;
+char **GetFileInfo(afc_client_t client, const char *path) {
   // g_malloc0/g_strdup, because the vector is released with g_strfreev.
   char **info = static_cast<char **>(g_malloc0(TARN_INFO_SLOTS * sizeof(char *)));
   char **attrs = nullptr;
   if (client == nullptr || path == nullptr) {
-    tarn::SetError(TARN_E_INVALID_ARGUMENT,
+    SetError(TARN_E_INVALID_ARGUMENT,
                    client ? "No device path was given." : "No file-service connection was given.");
     return info;
   }
   const afc_error_t err = afc_get_file_info(client, path, &attrs);
   if (err != AFC_E_SUCCESS) {
     if (attrs) g_strfreev(attrs);
-    tarn::SetAfcError(err, path);
+    SetAfcError(err, path);
     return info;
   }
-  tarn::StrVec owned(attrs);
+  StrVec owned(attrs);
   for (char **kv = attrs; kv != nullptr && kv[0] != nullptr && kv[1] != nullptr; kv += 2) {
     const int slot = SlotOfKey(kv[0]);
     if (slot < 0) continue;
@@ -68,10 +67,19 @@ TARN_API char **GetFileInfo(afc_client_t client, const char *path) {
   return info;
 }
 
+}  // namespace tarn
+
+extern "C" {
+
+TARN_API char **GetFileInfo(afc_client_t client, const char *path) {
+  const tarn::ApiCall api_call;
+  return tarn::GetFileInfo(client, path);
+}
+
 TARN_API char **GetDirOrFileInfo(PodDevice *device, const char *path) {
   const tarn::ApiCall api_call;
   const tarn::DeviceCall call(device, tarn::PolicyOf("GetDirOrFileInfo"));
-  return GetFileInfo(call.afc(), path);
+  return tarn::GetFileInfo(call.afc(), path);
 }
 
 TARN_API int IsDirExist(PodDevice *device, const char *path) {

@@ -5,9 +5,10 @@
 #include <cstring>
 #include <string>
 
-#include "common/console.h"
 #include "common/connection.h"
+#include "common/console.h"
 #include "common/error.h"
+#include "common/helpers.h"
 #include "devicefs/records.h"
 #include "devicefs/walk.h"
 #include "tarn/tarn_device.h"
@@ -80,16 +81,47 @@ class Searcher {
 
 }  // namespace
 
-extern "C" {
+namespace tarn {
 
-TARN_API void InternalSearchFile(afc_client_t client, const char *dir, PodSearchState *state) {
-  const tarn::ApiCall api_call;
+void InternalSearchFile(afc_client_t client, const char *dir, PodSearchState *state) {
   if (dir == nullptr || state == nullptr || state->keyword == nullptr) {
     tarn::SetError(TARN_E_INVALID_ARGUMENT, "A search needs a directory and a keyword.");
     return;
   }
   Searcher searcher(state);
   tarn::WalkDirectory(client, dir, state->depth, searcher);
+}
+
+void _TarnDeleteDir(afc_client_t client, PodDir *dir, PodDir *root) {
+  if (dir == nullptr) return;
+  for (PodDir *sub = dir->first_dir; sub != nullptr;) {
+    tarn::Console("next_dir %s\n", tarn::Printable(sub->path));
+    PodDir *next = sub->next_dir;
+    tarn::_TarnDeleteDir(client, sub, root);
+    sub = next;
+  }
+  for (PodFile *file = dir->first_file; file != nullptr;) {
+    tarn::Console("next_file %s\n", tarn::Printable(file->path));
+    PodFile *next = file->next_file;
+    // A file that cannot be removed does not stop the walk; its directory
+    // then stays behind too.
+    if (file->path) tarn::SetAfcError(afc_remove_path(client, file->path), file->path);
+    tarn::FreeFileRecord(file);
+    if (root) --root->file_count;
+    file = next;
+  }
+  if (root) --root->dir_count;
+  if (dir->path) tarn::SetAfcError(afc_remove_path(client, dir->path), dir->path);
+  tarn::FreeDirRecord(dir);
+}
+
+}  // namespace tarn
+
+extern "C" {
+
+TARN_API void InternalSearchFile(afc_client_t client, const char *dir, PodSearchState *state) {
+  const tarn::ApiCall api_call;
+  tarn::InternalSearchFile(client, dir, state);
 }
 
 TARN_API PodSearchItem *SearchFile(PodDevice *device, const char *dir, const char *keyword) {
@@ -100,7 +132,7 @@ TARN_API PodSearchItem *SearchFile(PodDevice *device, const char *dir, const cha
   }
   const tarn::DeviceCall call(device, tarn::PolicyOf("SearchFile"));
   PodSearchState state{keyword, nullptr, nullptr, 0};
-  InternalSearchFile(call.afc(), dir, &state);
+  tarn::InternalSearchFile(call.afc(), dir, &state);
   return state.first;
 }
 
@@ -148,26 +180,7 @@ TARN_API int DeleteFile(PodDevice *device, const char *path) {
 
 TARN_API void _TarnDeleteDir(afc_client_t client, PodDir *dir, PodDir *root) {
   const tarn::ApiCall api_call;
-  if (dir == nullptr) return;
-  for (PodDir *sub = dir->first_dir; sub != nullptr;) {
-    tarn::Console("next_dir %s\n", tarn::Printable(sub->path));
-    PodDir *next = sub->next_dir;
-    _TarnDeleteDir(client, sub, root);
-    sub = next;
-  }
-  for (PodFile *file = dir->first_file; file != nullptr;) {
-    tarn::Console("next_file %s\n", tarn::Printable(file->path));
-    PodFile *next = file->next_file;
-    // A file that cannot be removed does not stop the walk; its directory
-    // then stays behind too.
-    if (file->path) tarn::SetAfcError(afc_remove_path(client, file->path), file->path);
-    tarn::FreeFileRecord(file);
-    if (root) --root->file_count;
-    file = next;
-  }
-  if (root) --root->dir_count;
-  if (dir->path) tarn::SetAfcError(afc_remove_path(client, dir->path), dir->path);
-  tarn::FreeDirRecord(dir);
+  tarn::_TarnDeleteDir(client, dir, root);
 }
 
 TARN_API int DeleteDir(PodDevice *device, const char *path) {
@@ -183,11 +196,11 @@ TARN_API int DeleteDir(PodDevice *device, const char *path) {
     return 0;
   }
   root->path = strdup(path);
-  root->name = strdup(GetFileName(path));
+  root->name = strdup(tarn::GetFileName(path));
   tarn::Console("pd->name: %s\n", root->name);
   root->parent_path = strdup(path);
-  StoreSubFolderAndFilesInfo(call.afc(), root, root, 1);
-  _TarnDeleteDir(call.afc(), root, root);
+  tarn::StoreSubFolderAndFilesInfo(call.afc(), root, root, 1);
+  tarn::_TarnDeleteDir(call.afc(), root, root);
   return 0;
 }
 

@@ -7,8 +7,8 @@
 #include <cstring>
 #include <vector>
 
-#include "common/console.h"
 #include "common/connection.h"
+#include "common/console.h"
 #include "common/error.h"
 #include "devicefs/records.h"
 #include "devicefs/walk.h"
@@ -97,7 +97,7 @@ PodFile *NewFileRecord(const char *name, const char *parent_path, const std::str
   file->name = CopyOrNull(name);
   file->parent_path = CopyOrNull(parent_path);
   file->path = CopyOrNull(path.c_str());
-  SetFileInfo(info, file, file->path);
+  tarn::SetFileInfo(info, file);
   return file;
 }
 
@@ -105,7 +105,7 @@ PodDir *NewDirRecord(const char *name, const char *parent_path, const std::strin
   auto *dir = static_cast<PodDir *>(std::calloc(1, sizeof(PodDir)));
   if (dir == nullptr) return nullptr;
   dir->path = CopyOrNull(path.c_str());
-  SetDirInfo(info, dir, dir->path);
+  tarn::SetDirInfo(info, dir);
   dir->name = CopyOrNull(name);
   dir->parent_path = CopyOrNull(parent_path);
   return dir;
@@ -132,12 +132,8 @@ void FreeDirRecord(PodDir *dir) {
   std::free(dir);
 }
 
-}  // namespace tarn
 
-extern "C" {
-
-TARN_API void SetDirInfo(char **info, PodDir *dir, const char *) {
-  const tarn::ApiCall api_call;
+void SetDirInfo(char **info, PodDir *dir) {
   if (dir == nullptr) return;
   Assign(dir->create_date, info ? info[TARN_INFO_BIRTHTIME] : nullptr);
   Assign(dir->modify_date, info ? info[TARN_INFO_MTIME] : nullptr);
@@ -145,46 +141,26 @@ TARN_API void SetDirInfo(char **info, PodDir *dir, const char *) {
   tarn::Console("modify_date is %s\n", tarn::Printable(dir->modify_date));
 }
 
-TARN_API void SetFileInfo(char **info, PodFile *file, const char *) {
-  const tarn::ApiCall api_call;
+void SetFileInfo(char **info, PodFile *file) {
   if (file == nullptr) return;
   Assign(file->create_date, info ? info[TARN_INFO_BIRTHTIME] : nullptr);
   Assign(file->modify_date, info ? info[TARN_INFO_MTIME] : nullptr);
   Assign(file->size, info ? info[TARN_INFO_SIZE] : nullptr);
 }
 
-TARN_API void StoreSubFolderAndFilesInfo(afc_client_t client, PodDir *dir, PodDir *root, int32_t level) {
-  const tarn::ApiCall api_call;
+void StoreSubFolderAndFilesInfo(afc_client_t client, PodDir *dir, PodDir *root, int32_t level) {
   if (dir == nullptr || root == nullptr || dir->path == nullptr) return;
   if (root->max_level != 0 && root->max_level < level) return;
   SnapshotBuilder builder(dir, root, level);
   tarn::WalkDirectory(client, dir->path, level - 1, builder);
 }
 
-TARN_API PodDir *GetPodDir(PodDevice *device, const char *path, uint32_t max_level) {
-  const tarn::ApiCall api_call;
-  const tarn::DeviceCall call(device, tarn::PolicyOf("GetPodDir"));
-  auto *root = static_cast<PodDir *>(std::calloc(1, sizeof(PodDir)));
-  if (root == nullptr) {
-    tarn::SetHostError(ENOMEM, path);
-    return nullptr;
-  }
-  root->path = CopyOrNull(path);
-  tarn::FileInfo info(GetFileInfo(call.afc(), path));
-  SetDirInfo(info.get(), root, path);
-  // A limit beyond what a signed level can hold is no limit at all (the walk
-  // still stops at TARN_MAX_WALK_DEPTH).
-  root->max_level = max_level > INT32_MAX ? 0 : static_cast<int32_t>(max_level);
-  StoreSubFolderAndFilesInfo(call.afc(), root, root, 1);
-  return root;
-}
-
-TARN_API void FreePodDir(PodDir *dir, int free_self, PodDir *root) {
+void FreePodDir(PodDir *dir, int free_self, PodDir *root) {
   if (dir == nullptr) return;
   for (PodDir *sub = dir->first_dir; sub != nullptr;) {
     tarn::Console("next_dir %s\n", tarn::Printable(sub->path));
     PodDir *next = sub->next_dir;
-    FreePodDir(sub, 1, root);
+    tarn::FreePodDir(sub, 1, root);
     sub = next;
   }
   for (PodFile *file = dir->first_file; file != nullptr;) {
@@ -202,6 +178,47 @@ TARN_API void FreePodDir(PodDir *dir, int free_self, PodDir *root) {
     if (root) --root->dir_count;
     tarn::FreeDirRecord(dir);
   }
+}
+
+}  // namespace tarn
+
+extern "C" {
+
+TARN_API void SetDirInfo(char **info, PodDir *dir, const char *) {
+  const tarn::ApiCall api_call;
+  tarn::SetDirInfo(info, dir);
+}
+
+TARN_API void SetFileInfo(char **info, PodFile *file, const char *) {
+  const tarn::ApiCall api_call;
+  tarn::SetFileInfo(info, file);
+}
+
+TARN_API void StoreSubFolderAndFilesInfo(afc_client_t client, PodDir *dir, PodDir *root, int32_t level) {
+  const tarn::ApiCall api_call;
+  tarn::StoreSubFolderAndFilesInfo(client, dir, root, level);
+}
+
+TARN_API PodDir *GetPodDir(PodDevice *device, const char *path, uint32_t max_level) {
+  const tarn::ApiCall api_call;
+  const tarn::DeviceCall call(device, tarn::PolicyOf("GetPodDir"));
+  auto *root = static_cast<PodDir *>(std::calloc(1, sizeof(PodDir)));
+  if (root == nullptr) {
+    tarn::SetHostError(ENOMEM, path);
+    return nullptr;
+  }
+  root->path = CopyOrNull(path);
+  tarn::FileInfo info(tarn::GetFileInfo(call.afc(), path));
+  tarn::SetDirInfo(info.get(), root);
+  // A limit beyond what a signed level can hold is no limit at all (the walk
+  // still stops at TARN_MAX_WALK_DEPTH).
+  root->max_level = max_level > INT32_MAX ? 0 : static_cast<int32_t>(max_level);
+  tarn::StoreSubFolderAndFilesInfo(call.afc(), root, root, 1);
+  return root;
+}
+
+TARN_API void FreePodDir(PodDir *dir, int free_self, PodDir *root) {
+  tarn::FreePodDir(dir, free_self, root);
 }
 
 }  // extern "C"

@@ -8,9 +8,10 @@
 #include <string>
 #include <vector>
 
-#include "common/console.h"
 #include "common/connection.h"
+#include "common/console.h"
 #include "common/error.h"
+#include "common/helpers.h"
 #include "common/number.h"
 #include "common/raii.h"
 #include "devicefs/transfer.h"
@@ -130,7 +131,7 @@ class TreeCopier {
     tarn::Console("Mkdir %s\n", target.c_str());
     // A directory that cannot be made shows up as failed file creations
     // below it; there is nothing more useful to do with the error here.
-    Mkdir(target.c_str());
+    tarn::Mkdir(target.c_str());
     tarn::ConsoleText("afc_read_directory ");
     targets_.push_back(target);
     return true;
@@ -163,7 +164,7 @@ namespace tarn {
 
 bool DownloadWhole(PodDevice *device, afc_client_t client, const char *device_path, const char *host_path,
                    PodProgressCallback progress) {
-  FileInfo info(GetFileInfo(client, device_path));
+  FileInfo info(tarn::GetFileInfo(client, device_path));
   if (info.get()[TARN_INFO_KIND] == nullptr) {
     // A device that answers without saying what the path is.
     if (CurrentCode() == TARN_OK) SetAfcError(AFC_E_OBJECT_NOT_FOUND, device_path);
@@ -177,30 +178,14 @@ bool DownloadWhole(PodDevice *device, afc_client_t client, const char *device_pa
 
 }  // namespace tarn
 
-extern "C" {
+namespace tarn {
 
-TARN_API void _CopyFileFromDeviceToNative(PodDevice *device, afc_client_t client, const char *device_path,
-                                          const char *host_path, PodProgressCallback progress) {
-  const tarn::ApiCall api_call;
+void _CopyFileFromDeviceToNative(PodDevice *device, afc_client_t client, const char *device_path, const char *host_path, PodProgressCallback progress) {
   tarn::DownloadWhole(device, client, device_path, host_path, progress);
 }
 
-TARN_API void CopyFileFromDeviceToNative(PodDevice *device, const char *device_path, const char *host_path,
-                                         PodProgressCallback progress) {
-  const tarn::ApiCall api_call;
-  tarn::ConsoleLine("CopyDeviceFile");
-  {
-    const tarn::DeviceCall call(device, tarn::PolicyOf("CopyFileFromDeviceToNative"));
-    if (!call.ready()) return;
-    _CopyFileFromDeviceToNative(device, call.afc(), device_path, host_path, progress);
-  }
-  tarn::ConsoleLine("finish CopyDeviceFile");
-}
-
-TARN_API void _TarnCopyFileFromNativeToDevice(PodDevice *device, afc_client_t client, const char *host_path,
-                                              const char *device_path, PodProgressCallback progress) {
-  const tarn::ApiCall api_call;
-  const uint64_t total = static_cast<uint64_t>(WGetFileSize(host_path));
+void _TarnCopyFileFromNativeToDevice(PodDevice *device, afc_client_t client, const char *host_path, const char *device_path, PodProgressCallback progress) {
+  const uint64_t total = static_cast<uint64_t>(tarn::WGetFileSize(host_path));
   tarn::HostFile source = OpenHostFile(host_path, "rb");
   if (!source) {
     tarn::SetHostError(host_path ? errno : EINVAL, host_path);
@@ -249,19 +234,7 @@ TARN_API void _TarnCopyFileFromNativeToDevice(PodDevice *device, afc_client_t cl
   if (progress && !cancelled) progress(total, last, 1, user);
 }
 
-TARN_API int CopyFileFromNativeToDevice(PodDevice *device, const char *host_path, const char *device_path,
-                                        PodProgressCallback progress) {
-  const tarn::ApiCall api_call;
-  tarn::ConsoleLine("CopyFileFromNativeToDevice");
-  const tarn::DeviceCall call(device, tarn::PolicyOf("CopyFileFromNativeToDevice"));
-  if (!call.ready()) return 1;
-  _TarnCopyFileFromNativeToDevice(device, call.afc(), host_path, device_path, progress);
-  return 0;
-}
-
-TARN_API void _CopyDirectory(PodDevice *device, afc_client_t client, const char *device_parent, const char *name,
-                             const char *host_parent) {
-  const tarn::ApiCall api_call;
+void _CopyDirectory(PodDevice *device, afc_client_t client, const char *device_parent, const char *name, const char *host_parent) {
   // An empty name copies the parent itself (the start of a directory copy);
   // any other name must be one a walk could have listed.
   // Without both directories there is nothing to copy from or into; an empty
@@ -275,12 +248,53 @@ TARN_API void _CopyDirectory(PodDevice *device, afc_client_t client, const char 
   const std::string target = tarn::StartDirectory(host_parent, name);
   tarn::Console("from is %s\n", source.c_str());
   tarn::Console("to is %s\n", target.c_str());
-  tarn::FileInfo info(GetFileInfo(client, source.c_str()));
+  tarn::FileInfo info(tarn::GetFileInfo(client, source.c_str()));
   TreeCopier copier(device, client);
   if (!copier.Copy(source, target, info.get())) return;
   info.reset();
   if (tarn::WalkDirectory(client, source, 0, copier, tarn::PathJoin::kConcatFilePath))
     tarn::ConsoleText("free(from) ");
+}
+
+}  // namespace tarn
+
+extern "C" {
+
+TARN_API void _CopyFileFromDeviceToNative(PodDevice *device, afc_client_t client, const char *device_path, const char *host_path, PodProgressCallback progress) {
+  const tarn::ApiCall api_call;
+  tarn::_CopyFileFromDeviceToNative(device, client, device_path, host_path, progress);
+}
+
+TARN_API void CopyFileFromDeviceToNative(PodDevice *device, const char *device_path, const char *host_path,
+                                         PodProgressCallback progress) {
+  const tarn::ApiCall api_call;
+  tarn::ConsoleLine("CopyDeviceFile");
+  {
+    const tarn::DeviceCall call(device, tarn::PolicyOf("CopyFileFromDeviceToNative"));
+    if (!call.ready()) return;
+    tarn::_CopyFileFromDeviceToNative(device, call.afc(), device_path, host_path, progress);
+  }
+  tarn::ConsoleLine("finish CopyDeviceFile");
+}
+
+TARN_API void _TarnCopyFileFromNativeToDevice(PodDevice *device, afc_client_t client, const char *host_path, const char *device_path, PodProgressCallback progress) {
+  const tarn::ApiCall api_call;
+  tarn::_TarnCopyFileFromNativeToDevice(device, client, host_path, device_path, progress);
+}
+
+TARN_API int CopyFileFromNativeToDevice(PodDevice *device, const char *host_path, const char *device_path,
+                                        PodProgressCallback progress) {
+  const tarn::ApiCall api_call;
+  tarn::ConsoleLine("CopyFileFromNativeToDevice");
+  const tarn::DeviceCall call(device, tarn::PolicyOf("CopyFileFromNativeToDevice"));
+  if (!call.ready()) return 1;
+  tarn::_TarnCopyFileFromNativeToDevice(device, call.afc(), host_path, device_path, progress);
+  return 0;
+}
+
+TARN_API void _CopyDirectory(PodDevice *device, afc_client_t client, const char *device_parent, const char *name, const char *host_parent) {
+  const tarn::ApiCall api_call;
+  tarn::_CopyDirectory(device, client, device_parent, name, host_parent);
 }
 
 TARN_API void CopyDeviceDirectory(PodDevice *device, const char *device_dir, const char *host_dir) {
@@ -289,7 +303,7 @@ TARN_API void CopyDeviceDirectory(PodDevice *device, const char *device_dir, con
   // Neither a failed connection nor a lock file that cannot be opened stops
   // the copy: it then reads nothing, or reads without the lock.
   const tarn::DeviceCall call(device, tarn::PolicyOf("CopyDeviceDirectory"));
-  _CopyDirectory(device, call.afc(), device_dir, "", host_dir);
+  tarn::_CopyDirectory(device, call.afc(), device_dir, "", host_dir);
 }
 
 }  // extern "C"

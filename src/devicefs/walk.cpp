@@ -1,3 +1,4 @@
+#include "common/helpers.h"
 #include "devicefs/walk.h"
 
 namespace tarn {
@@ -47,7 +48,7 @@ std::string StartDirectory(const char *dir, const char *name) {
 
 std::string JoinDevicePath(const std::string &dir, const char *name, PathJoin join) {
   if (join == PathJoin::kConcatFilePath) {
-    CString joined(ConcatFilePath(dir.c_str(), name));
+    CString joined(tarn::ConcatFilePath(dir.c_str(), name));
     return joined ? std::string(joined.get()) : std::string();
   }
   std::string path;

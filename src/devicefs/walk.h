@@ -45,6 +45,10 @@ bool IsWalkableName(const char *name);
 // lines the same without leaning on undefined behaviour.
 inline const char *Printable(const char *text) { return text ? text : "(null)"; }
 
+// The file-information vector of a device path, in TARN_INFO_* slots; never
+// null (all slots null when the path cannot be read, with the reason set).
+char **GetFileInfo(afc_client_t client, const char *path);
+
 // The listing of a device directory, or null when it cannot be listed.
 StrVec ListDirectory(afc_client_t client, const char *path);
 
@@ -108,7 +112,7 @@ bool WalkTree(afc_client_t client, const std::string &dir, int depth, Visitor &v
     {
       // An entry gone since the listing is no failure of the walk.
       const KeepReason quiet;
-      info.reset(GetFileInfo(client, path.c_str()));
+      info.reset(tarn::GetFileInfo(client, path.c_str()));
     }
     const WalkEntry entry{*name, path, info.get(), depth + 1, IsDirInfo(info.get())};
     bool listed = false;

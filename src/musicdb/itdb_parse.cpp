@@ -296,7 +296,7 @@ SharedMusicDatabase::~SharedMusicDatabase() {
 MusicDatabase::MusicDatabase(const char *path) {
   auto parse = [path] {
     GError *error = nullptr;
-    ItdbPtr db(m_itdb_parse_file(path, &error));
+    ItdbPtr db(tarn::m_itdb_parse_file(path, &error));
     GErrorPtr owned_error(error);
     return db;
   };
@@ -379,10 +379,9 @@ Itdb_iTunesDB *ParseMusicDatabase(const char *path, GError **error) {
 
 }  // namespace
 
-extern "C" {
+namespace tarn {
 
-TARN_API Itdb_iTunesDB *m_itdb_parse_file(const char *path, GError **error) {
-  const tarn::ApiCall api_call;
+Itdb_iTunesDB *m_itdb_parse_file(const char *path, GError **error) {
   if (path == nullptr) {
     g_return_if_fail_warning(nullptr, "m_itdb_parse_file", "filename");
     tarn::SetError(TARN_E_INVALID_ARGUMENT, "No music database path was given.");
@@ -396,6 +395,15 @@ TARN_API Itdb_iTunesDB *m_itdb_parse_file(const char *path, GError **error) {
     tarn::SetDatabaseError(path, why ? why->message : "");
   }
   return db;
+}
+
+}  // namespace tarn
+
+extern "C" {
+
+TARN_API Itdb_iTunesDB *m_itdb_parse_file(const char *path, GError **error) {
+  const tarn::ApiCall api_call;
+  return tarn::m_itdb_parse_file(path, error);
 }
 
 }  // extern "C"

@@ -50,4 +50,7 @@ class SharedMusicDatabase {
   std::map<std::string, ItdbPtr> parsed_;
 };
 
+// Parses a music database file with libgpod, recording why it gave nothing.
+Itdb_iTunesDB *m_itdb_parse_file(const char *path, GError **error);
+
 }  // namespace tarn

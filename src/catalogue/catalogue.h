@@ -1,0 +1,46 @@
+// The catalogue's own calls. Each exported catalogue function of the same
+// name is a thin wrapper around one of these; the library calls these, so
+// that a catalogue read inside another call (the counts of GetDeviceInfo,
+// the purchases inside the music list) adds to that call's reason record
+// and never goes through a global symbol.
+#pragma once
+
+#include <cstdint>
+
+#include <gpod/itdb.h>
+#include <libimobiledevice/afc.h>
+#include <plist/plist.h>
+
+#include "tarn/tarn_device.h"
+
+namespace tarn {
+
+// Music, movies and the other track kinds from the copied music database.
+int IsMatchTrackType(Itdb_Track *track, uint32_t kind);
+plist_t ReadTrackDbTypeCdb(const char *path, uint32_t kind);
+plist_t GetMusicList(PodDevice *device);
+plist_t GetMovieList(PodDevice *device);
+uint32_t GetPurchaseMusicListFromPlist(PodDevice *device, const char *path, plist_t items, uint64_t *total,
+                                       PodPlistParser parser);
+
+plist_t ReadPlaylistDbTypeCdb(const char *path);
+
+plist_t ReadBookFromPLIST(const char *path, const char *catalog, const char *prefix, PodPlistParser parser);
+plist_t ReadBookDbTypePLIST(const char *path, const char *name);
+
+char *GetFormatedRecordingTime(const char *source, char *dest);
+int IsMatchRecordingPath(const char *path);
+plist_t ReadRecordingDbTypeSQLITE(PodDevice *device, const char *path);
+plist_t ReadRecordingDbTypeCdb(const char *path);
+
+// Pictures found by walking device folders (the camera roll's fallback and
+// the synced pictures).
+int GetDirAllPicture(afc_client_t client, plist_t items, const char *folder, uint64_t *total);
+plist_t GetPictureListFromDevice(PodDevice *device, const char **folders, int32_t count);
+plist_t ReadUserPictureDbTypeCdb();
+
+plist_t ReadCameraDbTypeSQLITE(PodDevice *device, const char *path);
+plist_t ReadCameraDbTypeFromDevice(PodDevice *device);
+plist_t GetCameraPVList(PodDevice *device);
+
+}  // namespace tarn

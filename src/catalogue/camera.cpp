@@ -25,15 +25,8 @@ constexpr const char *kCameraQuery = "select ('/' || directory || '/' || filenam
 namespace tarn {
 
 plist_t ReadCameraDbTypeSQLITE(PodDevice *device, const char *path) {
-  sqlite3 *raw = nullptr;
-  // Read only: a missing copy must not turn into a new empty database in
-  // the working directory.
-  const int rc = sqlite3_open_v2(path ? path : "", &raw, SQLITE_OPEN_READONLY, nullptr);
-  tarn::SqliteDb db(raw);
-  if (rc != SQLITE_OK) {
-    tarn::SetDatabaseError(path, raw ? sqlite3_errmsg(raw) : "");
-    return nullptr;
-  }
+  const tarn::SqliteDb db = tarn::OpenDatabaseCopy(path);
+  if (!db) return nullptr;
 
   tarn::PlistPtr result(tarn::NewTrackListResult());
   CameraRowContext ctx{tarn::ListItems(result.get()), 0, nullptr};

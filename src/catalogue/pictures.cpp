@@ -89,7 +89,8 @@ namespace tarn {
 
 int GetDirAllPicture(afc_client_t client, plist_t items, const char *folder, uint64_t *total) {
   if (client == nullptr || items == nullptr || folder == nullptr || total == nullptr) {
-    tarn::SetError(TARN_E_INVALID_ARGUMENT, "A picture walk needs a connection, a folder and somewhere to put the items.");
+    tarn::SetError(TARN_E_INVALID_ARGUMENT,
+                   "A picture walk needs a connection, a folder and somewhere to put the items.");
     return 0;
   }
   PictureVisitor visitor{items, total};
@@ -106,7 +107,8 @@ plist_t GetPictureListFromDevice(PodDevice *device, const char **folders, int32_
   tarn::PlistPtr result(tarn::NewTrackListResult());
   plist_t items = tarn::ListItems(result.get());
   uint64_t total = 0;
-  for (int32_t i = 0; folders != nullptr && i < count; ++i) tarn::GetDirAllPicture(call.afc(), items, folders[i], &total);
+  for (int32_t i = 0; folders != nullptr && i < count; ++i)
+    tarn::GetDirAllPicture(call.afc(), items, folders[i], &total);
   const uint32_t found = plist_array_get_size(items);
   if (found == 0) return nullptr;
   tarn::AddToListCounts(result.get(), found, total);

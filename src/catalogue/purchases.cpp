@@ -17,7 +17,8 @@
 
 namespace tarn {
 
-uint32_t GetPurchaseMusicListFromPlist(PodDevice *device, const char *path, plist_t items, uint64_t *total, PodPlistParser parser) {
+uint32_t GetPurchaseMusicListFromPlist(PodDevice *device, const char *path, plist_t items, uint64_t *total,
+                                       PodPlistParser parser) {
   tarn::PlistPtr root = tarn::ParseHostPlist(path, parser);
   if (!root || plist_get_node_type(root.get()) != PLIST_DICT || plist_dict_get_size(root.get()) == 0) return 0;
   plist_t purchases = plist_dict_get_item(root.get(), "contentInfoByXMLFilename");
@@ -63,7 +64,8 @@ uint32_t GetPurchaseMusicListFromPlist(PodDevice *device, const char *path, plis
 
 extern "C" {
 
-TARN_API uint32_t GetPurchaseMusicListFromPlist(PodDevice *device, const char *path, plist_t items, uint64_t *total, PodPlistParser parser) {
+TARN_API uint32_t GetPurchaseMusicListFromPlist(PodDevice *device, const char *path, plist_t items, uint64_t *total,
+                                                PodPlistParser parser) {
   const tarn::ApiCall api_call;
   return tarn::GetPurchaseMusicListFromPlist(device, path, items, total, parser);
 }

@@ -47,4 +47,15 @@ std::string LocalCopyPath(const PodDevice *device, const char *device_path) {
   return local;
 }
 
+SqliteDb OpenDatabaseCopy(const char *path) {
+  sqlite3 *raw = nullptr;
+  const int rc = sqlite3_open_v2(path ? path : "", &raw, SQLITE_OPEN_READONLY, nullptr);
+  SqliteDb db(raw);
+  if (rc != SQLITE_OK) {
+    SetDatabaseError(path, raw ? sqlite3_errmsg(raw) : "");
+    db.reset();
+  }
+  return db;
+}
+
 }  // namespace tarn

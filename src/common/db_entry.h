@@ -9,6 +9,7 @@
 
 #include <plist/plist.h>
 
+#include "common/raii.h"
 #include "tarn/tarn_device.h"
 
 namespace tarn {
@@ -48,5 +49,10 @@ bool WalkDbFiles(const PodDevice *device, const char *kind, const DbFileVisitor 
 // base name in hostDir (a relative name when there is no hostDir). InitDevice
 // writes the copies here and every reader opens them here.
 std::string LocalCopyPath(const PodDevice *device, const char *device_path);
+
+// Opens the host copy of a SQLite database read only, so that a missing copy
+// never turns into a new empty database in the working directory. Null, with
+// the reason recorded, when it cannot be opened.
+SqliteDb OpenDatabaseCopy(const char *path);
 
 }  // namespace tarn

@@ -153,8 +153,8 @@ void SetLockdownError(lockdownd_error_t error, const char *device_id) {
     case LOCKDOWN_E_MUX_ERROR:
     case LOCKDOWN_E_RECEIVE_TIMEOUT:
       code = TARN_E_CONNECTION_LOST;
-      message = "The connection to " + std::string(device_id ? "device " : "the device") + (device_id ? device_id : "") +
-                " was lost during the handshake: check the cable and try again.";
+      message = "The connection to " + std::string(device_id ? "device " : "the device") +
+                (device_id ? device_id : "") + " was lost during the handshake: check the cable and try again.";
       break;
     default:
       message = device + " refused the connection (lockdown error " + std::to_string(static_cast<int>(error)) + ").";

@@ -180,11 +180,13 @@ bool DownloadWhole(PodDevice *device, afc_client_t client, const char *device_pa
 
 namespace tarn {
 
-void _CopyFileFromDeviceToNative(PodDevice *device, afc_client_t client, const char *device_path, const char *host_path, PodProgressCallback progress) {
+void _CopyFileFromDeviceToNative(PodDevice *device, afc_client_t client, const char *device_path, const char *host_path,
+                                 PodProgressCallback progress) {
   tarn::DownloadWhole(device, client, device_path, host_path, progress);
 }
 
-void _TarnCopyFileFromNativeToDevice(PodDevice *device, afc_client_t client, const char *host_path, const char *device_path, PodProgressCallback progress) {
+void _TarnCopyFileFromNativeToDevice(PodDevice *device, afc_client_t client, const char *host_path,
+                                     const char *device_path, PodProgressCallback progress) {
   const uint64_t total = static_cast<uint64_t>(tarn::WGetFileSize(host_path));
   tarn::HostFile source = OpenHostFile(host_path, "rb");
   if (!source) {
@@ -234,14 +236,16 @@ void _TarnCopyFileFromNativeToDevice(PodDevice *device, afc_client_t client, con
   if (progress && !cancelled) progress(total, last, 1, user);
 }
 
-void _CopyDirectory(PodDevice *device, afc_client_t client, const char *device_parent, const char *name, const char *host_parent) {
+void _CopyDirectory(PodDevice *device, afc_client_t client, const char *device_parent, const char *name,
+                    const char *host_parent) {
   // An empty name copies the parent itself (the start of a directory copy);
   // any other name must be one a walk could have listed.
   // Without both directories there is nothing to copy from or into; an empty
   // host directory would otherwise become the host's root.
   if (name == nullptr || (name[0] != '\0' && !tarn::IsWalkableName(name)) || device_parent == nullptr ||
       host_parent == nullptr || device_parent[0] == '\0' || host_parent[0] == '\0') {
-    tarn::SetError(TARN_E_INVALID_ARGUMENT, "A directory copy needs a device directory, a usable name and a host directory.");
+    tarn::SetError(TARN_E_INVALID_ARGUMENT,
+                   "A directory copy needs a device directory, a usable name and a host directory.");
     return;
   }
   const std::string source = tarn::StartDirectory(device_parent, name);
@@ -260,7 +264,8 @@ void _CopyDirectory(PodDevice *device, afc_client_t client, const char *device_p
 
 extern "C" {
 
-TARN_API void _CopyFileFromDeviceToNative(PodDevice *device, afc_client_t client, const char *device_path, const char *host_path, PodProgressCallback progress) {
+TARN_API void _CopyFileFromDeviceToNative(PodDevice *device, afc_client_t client, const char *device_path,
+                                          const char *host_path, PodProgressCallback progress) {
   const tarn::ApiCall api_call;
   tarn::_CopyFileFromDeviceToNative(device, client, device_path, host_path, progress);
 }
@@ -277,7 +282,8 @@ TARN_API void CopyFileFromDeviceToNative(PodDevice *device, const char *device_p
   tarn::ConsoleLine("finish CopyDeviceFile");
 }
 
-TARN_API void _TarnCopyFileFromNativeToDevice(PodDevice *device, afc_client_t client, const char *host_path, const char *device_path, PodProgressCallback progress) {
+TARN_API void _TarnCopyFileFromNativeToDevice(PodDevice *device, afc_client_t client, const char *host_path,
+                                              const char *device_path, PodProgressCallback progress) {
   const tarn::ApiCall api_call;
   tarn::_TarnCopyFileFromNativeToDevice(device, client, host_path, device_path, progress);
 }
@@ -292,7 +298,8 @@ TARN_API int CopyFileFromNativeToDevice(PodDevice *device, const char *host_path
   return 0;
 }
 
-TARN_API void _CopyDirectory(PodDevice *device, afc_client_t client, const char *device_parent, const char *name, const char *host_parent) {
+TARN_API void _CopyDirectory(PodDevice *device, afc_client_t client, const char *device_parent, const char *name,
+                             const char *host_parent) {
   const tarn::ApiCall api_call;
   tarn::_CopyDirectory(device, client, device_parent, name, host_parent);
 }

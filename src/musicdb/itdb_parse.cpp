@@ -211,7 +211,8 @@ bool InflateDatabase(const char *path, PlainDatabaseLayout &out, Inflated &resul
   std::memcpy(trailer, zs.next_in, have);
   inflateEnd(&zs);
   if (rc != Z_STREAM_END || inflated > kMaxInflatedLength) return false;
-  if (have < sizeof trailer && std::fread(trailer + have, 1, sizeof trailer - have, file.get()) != sizeof trailer - have)
+  if (have < sizeof trailer &&
+      std::fread(trailer + have, 1, sizeof trailer - have, file.get()) != sizeof trailer - have)
     return false;
   result.header_length = header_length;
   result.adler = uint32_t{trailer[0]} << 24 | uint32_t{trailer[1]} << 16 | uint32_t{trailer[2]} << 8 | trailer[3];

@@ -23,14 +23,8 @@ struct MallocFree {
 };
 using CString = std::unique_ptr<char, MallocFree>;
 
-// A file-information vector: TARN_INFO_VALUES value slots, any of which may be NULL
-// when the device left a key out, so g_strfreev (which stops at the first
-// NULL) would leak the slots after a hole.
 struct FileInfoFree {
-  void operator()(char **v) const {
-    for (int i = 0; i < TARN_INFO_VALUES; ++i) g_free(v[i]);
-    g_free(v);
-  }
+  void operator()(char **v) const { FreeFileInfo(v); }
 };
 using FileInfo = std::unique_ptr<char *, FileInfoFree>;
 

@@ -316,12 +316,8 @@ void FilesPage::RenameTo(const QString &path, const QString &name) {
         DevicePtr device = HandleFor(udid);
         RenamePath(device.get(), from.toUtf8().constData(), to.toUtf8().constData());
         // RenamePath answers 0 in every case; the device's view decides.
-        char **info = GetDirOrFileInfo(device.get(), to.toUtf8().constData());
-        const bool there = info != nullptr && info[0] != nullptr;
-        if (info != nullptr) {
-          for (int i = 0; i < 5; ++i) g_free(info[i]);
-          g_free(info);
-        }
+        const tarn::app::FileInfo info(GetDirOrFileInfo(device.get(), to.toUtf8().constData()));
+        const bool there = info != nullptr && info.get()[TARN_INFO_KIND] != nullptr;
         return there ? Reason{} : LastReason(udid, QObject::tr("%1 could not be renamed.").arg(from));
       },
       [this, from, to](const Reason &why) {

@@ -567,12 +567,13 @@ typedef enum TarnFileInfoSlot {
  * 2 modification time in whole seconds, 3 blocks, 4 creation time in whole
  * seconds, 5 NULL.
  * A slot the device did not send is NULL; all are NULL when the query failed.
- * @return A new vector (never NULL), released with g_strfreev(). g_strfreev()
- *         stops at the first NULL slot, so a caller that meets a device
- *         leaving keys out frees slots 0 to 4 with g_free() and then the
- *         vector with g_free() instead.
+ * @return A new vector (never NULL), released with FreeFileInfo(). Not with
+ *         g_strfreev(), which stops at the first NULL slot and so leaks the
+ *         slots after a key the device left out.
  */
 TARN_API char **GetFileInfo(afc_client_t client, const char *path);
+/** Releases a file-information vector, every slot included; NULL is accepted. */
+TARN_API void FreeFileInfo(char **info);
 /** GetFileInfo() over a per-call connection. Prints nothing. */
 TARN_API char **GetDirOrFileInfo(PodDevice *device, const char *path);
 /**

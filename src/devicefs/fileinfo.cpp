@@ -124,4 +124,6 @@ TARN_API int MakeDir(PodDevice *device, const char *path) {
   return 0;
 }
 
+TARN_API void FreeFileInfo(char **info) { tarn::FileInfoDeleter{}(info); }
+
 }  // extern "C"

@@ -14,7 +14,8 @@
  *  - Property-list results (plist_t) belong to the caller, who releases them
  *    with plist_free().
  *  - String vectors (char **) are NULL-terminated and released with
- *    g_strfreev().
+ *    g_strfreev(); a file-information vector, which may hold NULL slots,
+ *    with FreeFileInfo().
  *  - Most functions print a few progress lines on standard output; the lines
  *    are part of the interface and are listed with each function.
  *

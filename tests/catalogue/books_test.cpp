@@ -104,9 +104,8 @@ TEST_F(BookListTest, TheWalkReadsAtMostTwoCataloguesAndKeepsAnEmptyArray) {
     SCOPED_TRACE(c.what);
     plist_free(device->dbInfo);
     SetBookDb(c.entries);
-    ::testing::internal::CaptureStdout();
-    Plist result(GetBookList(device, 0, 0));
-    const std::string out = ::testing::internal::GetCapturedStdout();
+    std::string out;
+    Plist result(tarn::testing::Quiet([&] { return GetBookList(device, 0, 0); }, &out));
     EXPECT_EQ(Text(result.get()), c.expected);
     EXPECT_EQ(out.rfind("GetBookList\n..................................\n", 0), 0u) << out;
   }

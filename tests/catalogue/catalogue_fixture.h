@@ -136,10 +136,7 @@ class CatalogueTest : public ::testing::Test {
   // Runs a call with its console output captured into `output`.
   template <typename F>
   auto Quiet(F f) {
-    ::testing::internal::CaptureStdout();
-    auto r = f();
-    output = ::testing::internal::GetCapturedStdout();
-    return r;
+    return tarn::testing::Quiet(f, &output);
   }
 
   void ExpectIdle(const std::string &after) { tarn::testing::ExpectIdle(*sim, kUdid, after); }

@@ -22,6 +22,7 @@
 namespace {
 
 using tarn::testing::Console;
+using tarn::testing::Quiet;
 using tarn::testing::ImageEntry;
 using tarn::testing::SimDevice;
 using tarn::testing::Simulator;
@@ -43,9 +44,8 @@ TEST(DeviceList, ListsAttachedDevicesInOrderAndNullWithoutAny) {
   }
   TempDir dir;
   Simulator sim({{MakeImage(dir, "a"), kFirst, {}}, {MakeImage(dir, "b"), kSecond, {}}});
-  testing::internal::CaptureStdout();
-  plist_t list = GetDevicesId();
-  const std::string out = testing::internal::GetCapturedStdout();
+  std::string out;
+  plist_t list = Quiet(GetDevicesId, &out);
   ASSERT_NE(list, nullptr);
   EXPECT_EQ(tarn::app::PlistToJson(list), nlohmann::ordered_json({kFirst, kSecond}));
   // The entry line, the end line, then the array as XML after the separator.

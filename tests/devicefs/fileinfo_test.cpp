@@ -89,10 +89,11 @@ TEST_F(FileInfoTest, MakeDirCreatesParentsUnderTheSyncLock) {
   image.Dir("/mk");
   Start();
   sim->enable_log(kUdid, true);
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(MakeDir(device, "/mk/a/b/c"), 0);
-  EXPECT_EQ(MakeDir(device, "/mk/a/b/c"), 0) << "an existing directory is no failure";
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "MakeDir\nMakeDir\n");
+  EXPECT_EQ(Console([&] {
+              EXPECT_EQ(MakeDir(device, "/mk/a/b/c"), 0);
+              EXPECT_EQ(MakeDir(device, "/mk/a/b/c"), 0) << "an existing directory is no failure";
+            }),
+            "MakeDir\nMakeDir\n");
   EXPECT_TRUE(fs::is_directory(image.media("/mk/a/b/c")));
   ExpectIdle("MakeDir");
 

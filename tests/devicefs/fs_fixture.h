@@ -37,6 +37,7 @@ inline std::string Bytes(size_t n, unsigned seed = 7) {
 }
 
 using tarn::testing::Console;
+using tarn::testing::Quiet;
 using tarn::testing::ReadAll;
 using tarn::testing::WriteAll;
 

@@ -20,9 +20,7 @@ struct Expect {
 // Runs call with its console lines swallowed and checks the reason it left.
 void ExpectReason(PodDevice *device, const Call &call, const Expect &want, const std::string &what) {
   SCOPED_TRACE(what);
-  testing::internal::CaptureStdout();
-  call(device);
-  testing::internal::GetCapturedStdout();
+  Quiet([&] { call(device); });
   const TarnError *e = TarnLastError();
   EXPECT_EQ(e->code, want.code) << e->message;
   EXPECT_NE(std::string(e->message).find(want.words), std::string::npos) << e->message;

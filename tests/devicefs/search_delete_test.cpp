@@ -12,9 +12,7 @@ class SearchDeleteTest : public DeviceFsTest {
  protected:
   // "dir PATH" or "file PATH" for each result, in order.
   std::vector<std::string> Search(const char *dir, const char *keyword) {
-    testing::internal::CaptureStdout();
-    PodSearchItem *first = SearchFile(device, dir, keyword);
-    testing::internal::GetCapturedStdout();
+    PodSearchItem *first = Quiet([&] { return SearchFile(device, dir, keyword); });
     std::vector<std::string> out;
     for (PodSearchItem *i = first; i; i = i->next) {
       out.push_back(i->kind ? std::string("dir ") + static_cast<PodDir *>(i->record)->path
@@ -63,9 +61,8 @@ TEST_F(SearchDeleteTest, SearchResultsDescribeFilesAndDirectories) {
   image.File("/m/Tune.mp3", "12345");
   image.File("/m/Tunes/b", "b");
   Start();
-  testing::internal::CaptureStdout();
-  PodSearchItem *first = SearchFile(device, "/m", "tune");
-  const std::string out = testing::internal::GetCapturedStdout();
+  std::string out;
+  PodSearchItem *first = Quiet([&] { return SearchFile(device, "/m", "tune"); }, &out);
   std::map<int, PodSearchItem *> by_kind;
   for (PodSearchItem *i = first; i; i = i->next) by_kind[i->kind] = i;
   ASSERT_EQ(by_kind.size(), 2u);

@@ -117,9 +117,7 @@ class FaultMatrixTest : public DeviceFsTest {
   // messages to the same stream, so a run that failed shows its output.
   static void Quietly(const std::function<void()> &call) {
     const bool failed_before = HasFailure();
-    testing::internal::CaptureStdout();
-    call();
-    const std::string out = testing::internal::GetCapturedStdout();
+    const std::string out = Console(call);
     if (HasFailure() && !failed_before) std::fputs(out.c_str(), stderr);
   }
 };
@@ -454,9 +452,7 @@ TEST(DeviceListFaults, GetDevicesIdGivesNullWhenTheMultiplexerBreaksOff) {
     SCOPED_TRACE(c.what);
     M mux(c.serve);
     const auto start = std::chrono::steady_clock::now();
-    testing::internal::CaptureStdout();
-    plist_t ids = GetDevicesId();
-    testing::internal::GetCapturedStdout();
+    plist_t ids = Quiet(GetDevicesId);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15)) << "took too long";
     EXPECT_EQ(ids != nullptr, c.listed);
     if (ids) {

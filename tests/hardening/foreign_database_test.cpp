@@ -44,14 +44,6 @@ class ForeignDatabaseTest : public DeviceFsTest {
     return image.host(name).string();
   }
 
-  template <class F>
-  plist_t Quiet(F read) {
-    testing::internal::CaptureStdout();
-    plist_t result = read();
-    testing::internal::GetCapturedStdout();
-    return result;
-  }
-
   // Each case's database, as the local copy `file`, through `reader`: a
   // consistent list or null as the case says, and nothing left open.
   template <size_t N>
@@ -146,9 +138,7 @@ TEST_F(ForeignDatabaseTest, PurchasesOfAnotherShape) {
     const std::string path = HostFile("TrackData.plist", BinaryPlist(c.root()));
     plist_t items = plist_new_array();
     uint64_t total = 0;
-    testing::internal::CaptureStdout();
-    const uint32_t n = GetPurchaseMusicListFromPlist(device, path.c_str(), items, &total, plist_from_bin);
-    testing::internal::GetCapturedStdout();
+    const uint32_t n = Quiet([&] { return GetPurchaseMusicListFromPlist(device, path.c_str(), items, &total, plist_from_bin); });
     EXPECT_EQ(n, plist_array_get_size(items)) << "the count must be the items appended";
     uint64_t sum = 0;
     for (uint32_t i = 0; i < plist_array_get_size(items); ++i) {

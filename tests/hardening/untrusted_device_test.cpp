@@ -132,9 +132,7 @@ TEST_F(UntrustedDeviceTest, FileInformationOfEveryShapeIsReadSlotBySlot) {
     fs::remove(image.host("f"));
     ProgressLog log;
     device->userData = &log;
-    testing::internal::CaptureStdout();
-    CopyFileFromDeviceToNative(device, "/k/f", image.host("f").c_str(), LogProgress);
-    testing::internal::GetCapturedStdout();
+    Quiet([&] { CopyFileFromDeviceToNative(device, "/k/f", image.host("f").c_str(), LogProgress); });
     if (c.slots[0]) {
       EXPECT_EQ(ReadAll(image.host("f")), "12345");
       EXPECT_EQ(log.total, c.total);
@@ -177,9 +175,7 @@ TEST_F(UntrustedDeviceTest, InitDeviceTakesOnlyDatabasesTheDeviceDescribes) {
     fs::remove_all(image.host("init"));
     fs::create_directories(image.host("init"));
     PodDevice *fresh = CreatePodDevice(kUdid);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(InitDevice(fresh, image.host("init").c_str()), 0);
-    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(Quiet([&] { return InitDevice(fresh, image.host("init").c_str()); }), 0);
     ASSERT_NE(fresh->dbInfo, nullptr);
     EXPECT_EQ(plist_dict_get_item(fresh->dbInfo, "TrackDb") != nullptr, c.taken);
     if (c.taken) {
@@ -250,9 +246,7 @@ TEST_F(UntrustedDeviceTest, NamesNoFileSystemHoldsStayInsideTheCopy) {
     }
     return std::nullopt;
   };
-  testing::internal::CaptureStdout();
-  CopyDeviceDirectory(device, "/n", image.host("copy").c_str());
-  testing::internal::GetCapturedStdout();
+  Quiet([&] { CopyDeviceDirectory(device, "/n", image.host("copy").c_str()); });
   EXPECT_EQ(ReadAll(image.host("copy/real")), "r");
   for (auto &e : fs::directory_iterator(image.host())) EXPECT_EQ(e.path().filename(), "copy");
   ExpectIdle("a copy of odd names");

@@ -240,24 +240,6 @@ TEST(ImageBuilder, ShippedDescriptionsBuildAndReadBack) {
   }
 }
 
-// The benchmarks' device: 50,000 tracks take libgpod a while to parse, so
-// this runs on request (--gtest_also_run_disabled_tests).
-TEST(ImageBuilder, DISABLED_LargeDescriptionBuildsAndParses) {
-  TempDir dir;
-  const json d = tarn::testing::load_description("large");
-  tarn::testing::build_image(d, dir.path() + "/img");
-  ExpectDescribedContent(d, dir.path() + "/img/media");
-  Itdb db = ParseImage(dir.path() + "/img");
-  ASSERT_TRUE(db);
-  EXPECT_EQ(itdb_tracks_number(db.get()), 50000u);
-  EXPECT_EQ(itdb_playlists_number(db.get()), 41u);
-  size_t entries = 0;
-  for (auto it = fs::recursive_directory_iterator(dir.path() + "/img/media/Tree");
-       it != fs::recursive_directory_iterator(); ++it)
-    ++entries;
-  EXPECT_EQ(entries, 20u + 400u + 400u * 49u);
-}
-
 TEST(ImageBuilder, BadDescriptionsFailWithAMessage) {
   TempDir dir;
   EXPECT_THROW(tarn::testing::build_image({{"music", {{"source", "/no/such/file"}}}}, dir.path() + "/a"),

@@ -36,12 +36,29 @@ inline void WriteAll(const std::filesystem::path &p, const std::string &bytes) {
   std::ofstream(p, std::ios::binary) << bytes;
 }
 
+// The one capture of the library's console lines: runs `f` with standard
+// output captured and gives back its result; what it printed goes to
+// *printed when that is given, and is dropped otherwise.
+template <typename F>
+auto Quiet(F &&f, std::string *printed = nullptr) {
+  struct Release {
+    std::string *to;
+    ~Release() {
+      std::string out = ::testing::internal::GetCapturedStdout();
+      if (to != nullptr) *to = std::move(out);
+    }
+  };
+  ::testing::internal::CaptureStdout();
+  const Release release{printed};
+  return f();
+}
+
 // What `f` printed on standard output.
 template <typename F>
 std::string Console(F &&f) {
-  ::testing::internal::CaptureStdout();
-  f();
-  return ::testing::internal::GetCapturedStdout();
+  std::string out;
+  Quiet(f, &out);
+  return out;
 }
 
 // TZ set to `zone` for the life of the object, then put back.

@@ -34,25 +34,25 @@ TEST_F(FileInfoTest, VectorSlotsHoldKindSizeWholeSecondsAndBlocks) {
   for (auto &t : times) {
     SetMtime(image.media("/i/f"), t.sec, t.nsec);
     char **info = GetDirOrFileInfo(device, "/i/f");
-    EXPECT_EQ(Slot(info, 2), t.slot2) << t.sec << "s " << t.nsec << "ns";
-    g_strfreev(info);
+    EXPECT_EQ(Slot(info, TARN_INFO_MTIME), t.slot2) << t.sec << "s " << t.nsec << "ns";
+    FreeFileInfo(info);
   }
   char **info = GetDirOrFileInfo(device, "/i/f");
-  EXPECT_EQ(Slot(info, 0), "S_IFREG");
-  EXPECT_EQ(Slot(info, 1), "12345");
-  EXPECT_NE(info[3], nullptr) << "blocks";
+  EXPECT_EQ(Slot(info, TARN_INFO_KIND), "S_IFREG");
+  EXPECT_EQ(Slot(info, TARN_INFO_SIZE), "12345");
+  EXPECT_NE(info[TARN_INFO_BLOCKS], nullptr) << "blocks";
   // The birth time in whole seconds: at most the ten digits of a present-day time.
-  ASSERT_NE(info[4], nullptr);
-  EXPECT_LE(std::string(info[4]).size(), 10u) << info[4];
-  EXPECT_EQ(info[5], nullptr);
-  g_strfreev(info);
+  ASSERT_NE(info[TARN_INFO_BIRTHTIME], nullptr);
+  EXPECT_LE(std::string(info[TARN_INFO_BIRTHTIME]).size(), 10u) << info[TARN_INFO_BIRTHTIME];
+  EXPECT_EQ(info[TARN_INFO_VALUES], nullptr);
+  FreeFileInfo(info);
 
   info = GetDirOrFileInfo(device, "/i/d");
   EXPECT_EQ(Slot(info, 0), "S_IFDIR");
-  g_strfreev(info);
+  FreeFileInfo(info);
   info = GetDirOrFileInfo(device, "/i/none");
-  for (int i = 0; i < 6; ++i) EXPECT_EQ(info[i], nullptr) << "slot " << i << " of a missing path";
-  g_strfreev(info);
+  for (int i = 0; i < TARN_INFO_SLOTS; ++i) EXPECT_EQ(info[i], nullptr) << "slot " << i << " of a missing path";
+  FreeFileInfo(info);
   ExpectIdle("GetDirOrFileInfo");
 }
 

@@ -206,8 +206,8 @@ TEST_F(ReasonsTest, ABatchLearnsOfABusyLockAndOfALostConnectionAfterEachFile) {
   EXPECT_EQ(TarnLastError()->total, 100000u);
   EXPECT_NE(std::string(TarnLastError()->message).find("\"/b/f1\""), std::string::npos) << TarnLastError()->message;
   char **info = GetFileInfo(batch, "/b/f2");
-  EXPECT_EQ(info[0], nullptr);
-  g_free(info);
+  EXPECT_EQ(info[TARN_INFO_KIND], nullptr);
+  FreeFileInfo(info);
   EXPECT_EQ(TarnLastError()->code, TARN_E_CONNECTION_LOST);
   TarnSyncUnlock(batch, lock);
   CloseIdeviceAndAfC(batch, batch_device);

@@ -81,9 +81,9 @@ TEST_F(SnapshotTest, RecordsCarryPathsSizesDatesAndLinks) {
   EXPECT_EQ(g1->parent, d1);
 
   char **info = GetDirOrFileInfo(device, "/s/d1/g1");
-  EXPECT_STREQ(g1->modify_date, info[2]);
-  EXPECT_STREQ(g1->create_date, info[4]);
-  g_strfreev(info);
+  EXPECT_STREQ(g1->modify_date, info[TARN_INFO_MTIME]);
+  EXPECT_STREQ(g1->create_date, info[TARN_INFO_BIRTHTIME]);
+  FreeFileInfo(info);
 
   // Siblings come in the device's listing order and link both ways.
   std::vector<std::string> names = FileNames(root);

@@ -84,9 +84,8 @@ void Work(int thread, Device &dev, const std::string &udid, std::vector<std::str
     if (MakeDir(device, dir.c_str()) != 0 || IsDirExist(device, dir.c_str()) != 1) fail("MakeDir " + dir);
 
     char **info = GetDirOrFileInfo(device, "/c/data");
-    if (!info[1] || std::to_string(dev.data.size()) != info[1]) fail("file information");
-    for (int i = 0; i < 5; ++i) g_free(info[i]);
-    g_free(info);
+    if (!info[TARN_INFO_SIZE] || std::to_string(dev.data.size()) != info[TARN_INFO_SIZE]) fail("file information");
+    FreeFileInfo(info);
 
     if (ListCounts(device) != dev.counts) fail("catalogue lists differ from a lone reader's");
     plist_t about = GetDeviceInfo(device);

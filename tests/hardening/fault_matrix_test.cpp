@@ -138,12 +138,11 @@ TEST_F(FaultMatrixTest, EveryFileSystemOperationFailsCleanlyAtEveryRequest) {
        [&](const Fault &f) {
          char **info = GetDirOrFileInfo(device, "/t/a/f1");
          // One request: either the whole answer or nothing.
-         EXPECT_EQ(info[0] != nullptr, f.answered(0));
-         if (info[0]) {
-           EXPECT_STREQ(info[1], "300000");
+         EXPECT_EQ(info[TARN_INFO_KIND] != nullptr, f.answered(0));
+         if (info[TARN_INFO_KIND]) {
+           EXPECT_STREQ(info[TARN_INFO_SIZE], "300000");
          }
-         for (int i = 0; i < 5; ++i) g_free(info[i]);
-         g_free(info);
+         FreeFileInfo(info);
        }},
       {"IsDirExist", [] {}, [&](const Fault &f) { EXPECT_EQ(IsDirExist(device, "/t/a"), f.answered(0) ? 1 : 0); }},
       // Open, then close: the open's answer decides.

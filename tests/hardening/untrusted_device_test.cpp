@@ -1,14 +1,15 @@
 // A device that is not to be trusted, beyond what the simulator can serve:
 // file information of every shape (an odd number of strings, sizes that are
 // no numbers, an error that still hands out a vector), listings with
-// enormous counts and names no file system holds, and a tree that fans out
-// without end. This program stands in front of libimobiledevice for three
+// enormous counts, names no file system holds or that would lead a walk out
+// of its directory, and a tree that fans out without end. This program stands in front of libimobiledevice for three
 // requests; whatever a test does not rewrite goes to the simulator.
 #include <dlfcn.h>
 
 #include <chrono>
 #include <climits>
 #include <optional>
+#include <set>
 
 #include "../devicefs/fs_fixture.h"
 
@@ -92,7 +93,7 @@ TEST_F(UntrustedDeviceTest, FileInformationOfEveryShapeIsReadSlotBySlot) {
   struct Case {
     const char *what;
     Answer answer;
-    std::optional<std::string> slots[5];
+    std::optional<std::string> slots[TARN_INFO_VALUES];
     uint64_t total;  // what the download reports as the file's size
   } cases[] = {
       {"a key without its value", {AFC_E_SUCCESS, Strings{"st_ifmt", "S_IFREG", "st_size"}},
@@ -120,12 +121,10 @@ TEST_F(UntrustedDeviceTest, FileInformationOfEveryShapeIsReadSlotBySlot) {
       return std::nullopt;
     };
     char **info = GetDirOrFileInfo(device, "/k/f");
-    for (int i = 0; i < 5; ++i) {
+    for (int i = 0; i < TARN_INFO_VALUES; ++i)
       EXPECT_EQ(info[i] ? std::optional<std::string>(info[i]) : none, c.slots[i]) << "slot " << i;
-      g_free(info[i]);
-    }
-    EXPECT_EQ(info[5], nullptr);
-    g_free(info);
+    EXPECT_EQ(info[TARN_INFO_VALUES], nullptr);
+    FreeFileInfo(info);
 
     // The claimed size only feeds the progress total: the bytes the device
     // delivers are what is copied, whatever it claimed.
@@ -133,7 +132,7 @@ TEST_F(UntrustedDeviceTest, FileInformationOfEveryShapeIsReadSlotBySlot) {
     ProgressLog log;
     device->userData = &log;
     Quiet([&] { CopyFileFromDeviceToNative(device, "/k/f", image.host("f").c_str(), LogProgress); });
-    if (c.slots[0]) {
+    if (c.slots[TARN_INFO_KIND]) {
       EXPECT_EQ(ReadAll(image.host("f")), "12345");
       EXPECT_EQ(log.total, c.total);
       EXPECT_EQ(log.done, 5u);
@@ -276,6 +275,41 @@ TEST_F(UntrustedDeviceTest, ATreeThatFansOutWithoutEndEndsEveryWalk) {
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(120));
   EXPECT_EQ(asked, TARN_MAX_WALK_ENTRIES) << "entries visited";
   ExpectIdle("a walk of an endless tree");
+}
+
+TEST_F(UntrustedDeviceTest, ListedNamesThatLeaveTheirDirectoryAreSkippedByEveryWalk) {
+  image.File("/a/x", "x");
+  image.File("/a/sub/y", "y");
+  image.File("/escape", "outside");
+  Start();
+  // Each would point above or beside the directory being walked, or at it.
+  const Strings hostile = {"", ".", "..", "../escape", "sub/../../escape", "/escape"};
+  g_listing = [&](const std::string &path) -> std::optional<Answer> {
+    Strings names = path == "/a" ? Strings{".", "..", "x", "sub"} : Strings{".", "..", "y"};
+    if (path != "/a" && path != "/a/sub") return std::nullopt;
+    names.insert(names.end(), hostile.begin(), hostile.end());
+    return Answer{AFC_E_SUCCESS, names};
+  };
+  Quiet([&] { CopyDeviceDirectory(device, "/a", image.host("copy").c_str()); });
+  std::set<std::string> beside, copied;
+  for (auto &e : fs::directory_iterator(image.host())) beside.insert(e.path().filename().string());
+  for (auto &e : fs::recursive_directory_iterator(image.host("copy")))
+    copied.insert(fs::relative(e.path(), image.host("copy")).string());
+  EXPECT_EQ(beside, std::set<std::string>{"copy"}) << "written beside the host directory";
+  EXPECT_EQ(copied, (std::set<std::string>{"x", "sub", "sub/y"}));
+
+  PodDir *root = Quiet([&] { return GetPodDir(device, "/a", 0); });
+  EXPECT_EQ(root->dir_count, 1);
+  EXPECT_EQ(root->file_count, 2);
+  Quiet([&] { FreePodDir(root, 1, root); });
+  PodSearchItem *found = Quiet([&] { return SearchFile(device, "/a", "escape"); });
+  EXPECT_EQ(found, nullptr);
+  FreeSearchResult(found);
+
+  EXPECT_EQ(Quiet([&] { return DeleteDir(device, "/a"); }), 0);
+  EXPECT_FALSE(fs::exists(image.media("/a")));
+  EXPECT_EQ(ReadAll(image.media("/escape")), "outside") << "a delete reached beyond its directory";
+  ExpectIdle("walks over hostile names");
 }
 
 }  // namespace

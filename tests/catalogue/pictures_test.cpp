@@ -155,5 +155,17 @@ TEST_F(CatalogueTest, UserPictureListIsNullEvenWithAPhotoDatabase) {
   EXPECT_EQ(output, "");
 }
 
+// The row callbacks are exported, so an application may call them with
+// what SQLite would never pass: a row without a context or without columns
+// is passed over before anything in it is read.
+TEST(RowCallbacks, RowsWithoutAContextOrColumnsAreSkipped) {
+  char path[] = "/DCIM/100APPLE/IMG_0001.JPG";
+  char *row[] = {path, path, path, path};
+  for (auto callback : {CameraPictureCallback, RecordingDbCallback}) {
+    EXPECT_EQ(callback(nullptr, 4, row, nullptr), 0);
+    EXPECT_EQ(callback(nullptr, 0, row, nullptr), 0);
+  }
+}
+
 }  // namespace
 }  // namespace tarn_catalogue_test

@@ -17,10 +17,8 @@
 #include <vector>
 
 #include "images.h"
-#include "sim_image.h"
-#include "simulator.h"
 #include "child_process.h"
-#include "test_util.h"
+#include "device_test.h"
 
 namespace tarn_apps_test {
 
@@ -80,8 +78,9 @@ using tarn::testing::ReadAll;
 using tarn::testing::Result;
 using tarn::testing::WriteAll;
 
-class ToolTest : public ::testing::Test {
+class ToolTest : public tarn::testing::SimulatedDeviceTest {
  protected:
+  ToolTest() : SimulatedDeviceTest(kUdid) {}
   static json Description() {
     json d;
     d["device"] = {{"UniqueDeviceID", kUdid}, {"DeviceName", "Test Phone"}, {"ProductType", "iPhone12,1"},
@@ -109,8 +108,7 @@ class ToolTest : public ::testing::Test {
   void SetUp() override {
     tarn::testing::build_image(Description(), image());
     fs::create_directories(host(""));
-    sim = std::make_unique<tarn::testing::Simulator>(
-        std::vector<tarn::testing::SimDevice>{{image(), kUdid, {}}});
+    Serve(image());
   }
 
   Result Tarn(const std::vector<std::string> &args) const { return RunTool(args, Env()); }
@@ -124,8 +122,6 @@ class ToolTest : public ::testing::Test {
   std::string cache() const { return dir.path() + "/cache"; }
   std::string host(const std::string &name) const { return dir.path() + "/host/" + name; }
 
-  tarn::testing::TempDir dir;
-  std::unique_ptr<tarn::testing::Simulator> sim;
 };
 
 }  // namespace tarn_apps_test

@@ -15,9 +15,7 @@
 
 #include "common/plist_view.h"
 #include "images.h"
-#include "sim_image.h"
-#include "simulator.h"
-#include "test_util.h"
+#include "device_test.h"
 #include "tarn/tarn_device.h"
 
 namespace tarn_catalogue_test {
@@ -102,8 +100,9 @@ struct FixedZone : tarn::testing::ScopedTimeZone {
   FixedZone() : ScopedTimeZone("XYZ-9") {}
 };
 
-class CatalogueTest : public ::testing::Test {
+class CatalogueTest : public tarn::testing::SimulatedDeviceTest {
  protected:
+  CatalogueTest() : SimulatedDeviceTest(kUdid) {}
   // Builds the image, starts the simulator and initialises a handle.
   // Returns InitDevice's result.
   int Start(const json &description, const std::vector<std::string> &options = {}) {
@@ -111,15 +110,11 @@ class CatalogueTest : public ::testing::Test {
     d["device"]["UniqueDeviceID"] = kUdid;
     tarn::testing::build_image(d, dir.path() + "/image");
     fs::create_directories(work());
-    sim = std::make_unique<tarn::testing::Simulator>(
-        std::vector<tarn::testing::SimDevice>{{dir.path() + "/image", kUdid, options}});
+    Serve(dir.path() + "/image", options);
     Console([&] { device = CreatePodDevice(kUdid); });
     int rc = -1;
     init_output = Console([&] { rc = InitDevice(device, work().c_str()); });
     return rc;
-  }
-  void TearDown() override {
-    if (device) FreePodDevice(device);
   }
   // Back to before Start, for tests that try several devices in turn.
   void Reset() {
@@ -139,8 +134,6 @@ class CatalogueTest : public ::testing::Test {
     return tarn::testing::Quiet(f, &output);
   }
 
-  void ExpectIdle(const std::string &after) { tarn::testing::ExpectIdle(*sim, kUdid, after); }
-
   // The device paths whose file information was asked for: all of them, and
   // those asked while the device's sync lock was held. Needs the simulator's
   // request log switched on before the call.
@@ -159,9 +152,6 @@ class CatalogueTest : public ::testing::Test {
     return r;
   }
 
-  tarn::testing::TempDir dir;
-  std::unique_ptr<tarn::testing::Simulator> sim;
-  PodDevice *device = nullptr;
   std::string init_output, output;
 };
 

@@ -17,9 +17,7 @@
 #include <thread>
 #include <vector>
 
-#include "sim_image.h"
-#include "simulator.h"
-#include "test_util.h"
+#include "device_test.h"
 #include "tarn/tarn_device.h"
 
 namespace tarn_fs_test {
@@ -74,21 +72,15 @@ class Image {
   tarn::testing::TempDir dir_;
 };
 
-class DeviceFsTest : public ::testing::Test {
+class DeviceFsTest : public tarn::testing::SimulatedDeviceTest {
  protected:
-  void TearDown() override {
-    FreePodDevice(device);
-    device = nullptr;
-  }
+  DeviceFsTest() : SimulatedDeviceTest(kUdid) {}
 
   // Starts the simulator on the image as built so far.
   void Start(const std::vector<std::string> &options = {}) {
-    sim = std::make_unique<tarn::testing::Simulator>(
-        std::vector<tarn::testing::SimDevice>{{image.root().string(), kUdid, options}});
+    Serve(image.root().string(), options);
     device = CreatePodDevice(kUdid);
   }
-
-  void ExpectIdle(const std::string &after) { tarn::testing::ExpectIdle(*sim, kUdid, after); }
 
   // The requests of the simulator's log whose op is one of ops.
   std::vector<tarn::testing::SimRequest> Log(const std::vector<std::string> &ops) {
@@ -102,8 +94,6 @@ class DeviceFsTest : public ::testing::Test {
   }
 
   Image image;
-  std::unique_ptr<tarn::testing::Simulator> sim;
-  PodDevice *device = nullptr;
 };
 
 }  // namespace tarn_fs_test

@@ -63,6 +63,7 @@ TEST(ServiceRecord, HoldsTheThreeEntryPointsInOrder) {
   EXPECT_EQ(slots[0], reinterpret_cast<void *>(&GetDevicesId));
   EXPECT_EQ(slots[1], reinterpret_cast<void *>(&CreatePodDevice));
   EXPECT_EQ(slots[2], reinterpret_cast<void *>(&FreePodDevice));
+  EXPECT_EQ(sizeof(PodDeviceService), 3 * sizeof(void *));
   FreePodDeviceService(service);
   FreePodDeviceService(nullptr);
 }
@@ -91,6 +92,7 @@ TEST(DeviceHandle, SlotTableCallsTheExportedFunctionsInItsFixedOrder) {
       reinterpret_cast<void *>(&GetPodDir),          reinterpret_cast<void *>(&FreePodDir),
       reinterpret_cast<void *>(&GetDirOrFileInfo),   reinterpret_cast<void *>(&SearchFile)};
   ASSERT_EQ(expected.size(), 28u);
+  EXPECT_EQ(sizeof(PodDevice), 32 * sizeof(void *));
   for (size_t i = 0; i < expected.size(); ++i) {
     EXPECT_EQ(f[4 + i], expected[i]) << "slot at position " << (5 + i);
   }

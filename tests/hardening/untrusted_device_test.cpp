@@ -2,7 +2,8 @@
 // file information of every shape (an odd number of strings, sizes that are
 // no numbers, an error that still hands out a vector), listings with
 // enormous counts, names no file system holds or that would lead a walk out
-// of its directory, and a tree that fans out without end. This program stands in front of libimobiledevice for three
+// of its directory, trees deeper than any walk goes and trees that fan out
+// without end. This program stands in front of libimobiledevice for three
 // requests; whatever a test does not rewrite goes to the simulator.
 #include <dlfcn.h>
 
@@ -310,6 +311,50 @@ TEST_F(UntrustedDeviceTest, ListedNamesThatLeaveTheirDirectoryAreSkippedByEveryW
   EXPECT_FALSE(fs::exists(image.media("/a")));
   EXPECT_EQ(ReadAll(image.media("/escape")), "outside") << "a delete reached beyond its directory";
   ExpectIdle("walks over hostile names");
+}
+
+// A tree deeper than the walk's bound, as a device whose links lead back up
+// presents it: every recursive walk reads down to the bound and no further.
+TEST_F(UntrustedDeviceTest, ATreeDeeperThanTheBoundIsReadDownToItAndNoFurther) {
+  std::string dir = "/deep";
+  image.File(dir + "/f", "0");
+  for (int level = 1; level <= TARN_MAX_WALK_DEPTH + 16; ++level) {
+    dir += "/d";
+    image.File(dir + "/f", std::to_string(level));
+  }
+  Start();
+  testing::internal::CaptureStdout();
+
+  // Directories down to the bound are recorded; the last one is not read,
+  // so the files below level TARN_MAX_WALK_DEPTH - 1 are not either.
+  PodDir *root = GetPodDir(device, "/deep", 0);
+  EXPECT_EQ(root->dir_count, TARN_MAX_WALK_DEPTH);
+  EXPECT_EQ(root->file_count, TARN_MAX_WALK_DEPTH);
+  EXPECT_EQ(Depth(root), TARN_MAX_WALK_DEPTH);
+  FreePodDir(root, 1, root);
+
+  PodSearchItem *found = SearchFile(device, "/deep", "f");
+  int hits = 0;
+  for (PodSearchItem *i = found; i; i = i->next) ++hits;
+  FreeSearchResult(found);
+  EXPECT_EQ(hits, TARN_MAX_WALK_DEPTH);
+
+  CopyDeviceDirectory(device, "/deep", image.host("copy").c_str());
+  int deepest = 0, files = 0;
+  for (auto it = fs::recursive_directory_iterator(image.host("copy")); it != fs::recursive_directory_iterator(); ++it) {
+    deepest = std::max(deepest, it.depth());
+    if (it->is_regular_file()) ++files;
+  }
+  EXPECT_EQ(files, TARN_MAX_WALK_DEPTH);
+  EXPECT_LT(deepest, TARN_MAX_WALK_DEPTH);
+
+  // What lies beyond the bound is not seen, so its directories cannot be
+  // emptied and stay; everything the walk saw above them is removed.
+  EXPECT_EQ(DeleteDir(device, "/deep"), 0);
+  testing::internal::GetCapturedStdout();
+  EXPECT_FALSE(fs::exists(image.media("/deep/f")));
+  EXPECT_TRUE(fs::exists(image.media("/deep/d")));
+  ExpectIdle("walks of a deep tree");
 }
 
 }  // namespace

@@ -9,7 +9,9 @@
 
 #include <QApplication>
 #include <QEventLoop>
+#include <QElapsedTimer>
 #include <QTemporaryDir>
+#include <QTimer>
 
 #include "bench_util.h"
 #include "common/session.h"
@@ -21,6 +23,24 @@ namespace {
 using namespace tarn::bench;
 
 size_t HeapInUse() { return mallinfo2().uordblks; }
+
+// The longest gap between the turns of a 5 ms timer while `work` runs the
+// event loop: what a person feels as the window stalling.
+template <typename Work>
+double WorstGapMs(Work work) {
+  QElapsedTimer clock;
+  qint64 last = 0, worst = 0;
+  QTimer tick;
+  tick.setInterval(5);
+  QObject::connect(&tick, &QTimer::timeout, [&] {
+    worst = std::max(worst, clock.elapsed() - last);
+    last = clock.elapsed();
+  });
+  clock.start();
+  tick.start();
+  work();
+  return static_cast<double>(worst);
+}
 
 }  // namespace
 
@@ -45,7 +65,7 @@ int main(int argc, char **argv) try {
   const std::string udid = "00008030-00B16B16B16B1601";
   tarn::testing::Simulator sim({{image, udid, {}}});
   QApplication app(argc, argv);
-  std::vector<double> list_secs, page_secs, list_heap, page_heap;
+  std::vector<double> list_secs, page_secs, list_heap, page_heap, gaps, idle_gaps;
   int tracks = 0;
   {
   QuietStdout quiet;
@@ -67,8 +87,17 @@ int main(int argc, char **argv) try {
     const size_t before = HeapInUse();
     QEventLoop loop;
     QObject::connect(&page, &tarn::desktop::CataloguePage::Loaded, &loop, &QEventLoop::quit);
-    page_secs.push_back(Seconds([&] {
-      page.Load(QString::fromStdString(udid));
+    double seconds = 0;
+    gaps.push_back(WorstGapMs([&] {
+      seconds = Seconds([&] {
+        page.Load(QString::fromStdString(udid));
+        loop.exec();
+      });
+    }));
+    page_secs.push_back(seconds);
+    // The floor: the same timer over an idle loop of the same length.
+    idle_gaps.push_back(WorstGapMs([&] {
+      QTimer::singleShot(static_cast<int>(seconds * 1000), &loop, &QEventLoop::quit);
       loop.exec();
     }));
     tarn::desktop::JobPool()->waitForDone();
@@ -79,6 +108,11 @@ int main(int argc, char **argv) try {
   const double list_s = Median(list_secs), page_s = Median(page_secs);
   Print({"desktop music page ready (" + std::to_string(tracks) + " tracks)",
          Format("%.3f s", page_s), "GetMusicList " + Format("%.3f s", list_s), page_s / list_s, 1.5, false});
+  // The window's worker keeps the loop turning: no gap may reach 100 ms
+  // (with an idle loop's worst gap of a few ms, a ratio of about 20).
+  const double gap = Median(gaps), idle_gap = std::max(1.0, Median(idle_gaps));
+  Print({"desktop event loop while the music page loads", Format("worst gap %.0f ms", gap),
+         "idle loop " + Format("%.0f ms", idle_gap), gap / idle_gap, 20, false});
   const double lh = Median(list_heap), ph = Median(page_heap);
   Print({"desktop music page memory", Format("%.1f MiB", ph / 1048576), "the list " + Format("%.1f MiB", lh / 1048576),
          ph / lh, 1.5, false});

@@ -21,7 +21,7 @@
 #include <vector>
 
 #include "bench_util.h"
-#include "sim_image.h"
+#include "images.h"
 #include "simulator.h"
 #include "tarn/tarn_device.h"
 

@@ -13,14 +13,13 @@
 #include <vector>
 
 #include "bench_util.h"
-#include "sim_image.h"
+#include "images.h"
 #include "simulator.h"
 #include "tarn/tarn_device.h"
 
 namespace {
 
 using namespace tarn::bench;
-using tarn::testing::ImageEntry;
 
 std::string Udid(int i) { return "00008030-00BE0C00000001" + std::to_string(10 + i); }
 
@@ -67,7 +66,8 @@ int main(int argc, char **argv) try {
     std::vector<tarn::testing::SimDevice> sims;
     for (int i = 0; i < count; ++i) {
       const std::string image = dir.path() + "/image" + std::to_string(i);
-      if (!images_made) tarn::testing::make_sim_image(image, {ImageEntry::patterned("big.bin", size, true)});
+      if (!images_made)
+        tarn::testing::build_image({{"sync_lock", false}, {"files", {{{"path", "/big.bin"}, {"size", size}}}}}, image);
       std::vector<std::string> options;
       if (latency) options.push_back("latency_us=" + std::to_string(latency));
       sims.push_back({image, Udid(i), options});

@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "bench_util.h"
-#include "sim_image.h"
+#include "images.h"
 #include "simulator.h"
 #include "tarn/tarn_device.h"
 
@@ -24,7 +24,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace tarn::bench;
-using tarn::testing::ImageEntry;
 
 constexpr const char *kUdid = "00008030-00BE0C0000000005";
 
@@ -49,16 +48,16 @@ int main(int argc, char **argv) try {
   tarn::testing::TempDir dir;
   const std::string image = dir.path() + "/image", host = dir.path() + "/pulled";
   {
-    std::vector<ImageEntry> tree;
-    for (int i = 0; i < 1000; ++i) tree.push_back(ImageEntry::patterned("P/f" + std::to_string(i) + ".txt", 2048));
+    nlohmann::ordered_json tree = nlohmann::ordered_json::array();
+    for (int i = 0; i < 1000; ++i)
+      tree.push_back({{"path", "/P/f" + std::to_string(i) + ".txt"}, {"size", 2048}, {"pattern", true}});
     for (int a = 0; a < 20; ++a) {
       for (int b = 0; b < 20; ++b) {
-        const std::string d = "T/d" + std::to_string(a) + "/e" + std::to_string(b);
-        tree.push_back(ImageEntry::directory(d));
-        for (int f = 0; f < 49; ++f) tree.push_back(ImageEntry::file(d + "/track" + std::to_string(f) + ".m4a", "x"));
+        const std::string d = "/T/d" + std::to_string(a) + "/e" + std::to_string(b);
+        for (int f = 0; f < 49; ++f) tree.push_back({{"path", d + "/track" + std::to_string(f) + ".m4a"}, {"content", "x"}});
       }
     }
-    tarn::testing::make_sim_image(image, tree);
+    tarn::testing::build_image({{"sync_lock", false}, {"files", tree}}, image);
   }
   tarn::testing::Simulator sim({{image, kUdid, {}}});
   auto plain = [&] {

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "bench_util.h"
-#include "sim_image.h"
+#include "images.h"
 #include "simulator.h"
 
 namespace {
@@ -21,7 +21,7 @@ int main(int argc, char **argv) try {
   const int reps = static_cast<int>(Option(argc, argv, "--reps", 5));
 
   tarn::testing::TempDir dir;
-  tarn::testing::make_sim_image(dir.path(), {tarn::testing::ImageEntry::patterned("sparse.bin", size, true)});
+  tarn::testing::build_image({{"sync_lock", false}, {"files", {{{"path", "/sparse.bin"}, {"size", size}}}}}, dir.path());
   tarn::testing::Simulator sim({{dir.path(), kUdid, {}}});
   RawAfc afc(kUdid);
   std::vector<char> buf(chunk);

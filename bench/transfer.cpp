@@ -9,12 +9,13 @@
 #include <sys/wait.h>
 
 #include <cstdio>
+#include <fstream>
 #include <filesystem>
 #include <memory>
 #include <string>
 
 #include "bench_util.h"
-#include "sim_image.h"
+#include "images.h"
 #include "simulator.h"
 #include "tarn/tarn_device.h"
 
@@ -22,7 +23,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace tarn::bench;
-using tarn::testing::ImageEntry;
 
 constexpr const char *kUdid = "00008030-00BE0C0000000001";
 constexpr uint32_t kChunk = 64 * 1024;
@@ -78,7 +78,7 @@ int main(int argc, char **argv) try {
 
   tarn::testing::TempDir dir;
   const std::string image = dir.path() + "/image";
-  tarn::testing::make_sim_image(image, {ImageEntry::patterned("big.bin", size, /*sparse=*/true)});
+  tarn::testing::build_image({{"sync_lock", false}, {"files", {{{"path", "/big.bin"}, {"size", size}}}}}, image);
   std::vector<std::string> options;
   if (latency) options.push_back("latency_us=" + std::to_string(latency));
   tarn::testing::Simulator sim({{image, kUdid, options}});

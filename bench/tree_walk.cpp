@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "bench_util.h"
-#include "sim_image.h"
+#include "images.h"
 #include "simulator.h"
 #include "tarn/tarn_device.h"
 
@@ -25,7 +25,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace tarn::bench;
-using tarn::testing::ImageEntry;
 
 constexpr const char *kUdid = "00008030-00BE0C0000000002";
 
@@ -82,15 +81,15 @@ int main(int argc, char **argv) try {
   tarn::testing::TempDir dir;
   const std::string image = dir.path() + "/image", pristine = dir.path() + "/tree";
   {
-    std::vector<ImageEntry> tree;
+    nlohmann::ordered_json tree = nlohmann::ordered_json::array();
     for (int a = 0; a < fanout; ++a) {
       for (int b = 0; b < fanout; ++b) {
-        const std::string d = "T/d" + std::to_string(a) + "/e" + std::to_string(b);
-        tree.push_back(ImageEntry::directory(d));
-        for (int f = 0; f < files; ++f) tree.push_back(ImageEntry::file(d + "/track" + std::to_string(f) + ".m4a", "x"));
+        const std::string d = "/T/d" + std::to_string(a) + "/e" + std::to_string(b);
+        tree.push_back({{"path", d}, {"dir", true}});
+        for (int f = 0; f < files; ++f) tree.push_back({{"path", d + "/track" + std::to_string(f) + ".m4a"}, {"content", "x"}});
       }
     }
-    tarn::testing::make_sim_image(image, tree);
+    tarn::testing::build_image({{"sync_lock", false}, {"files", tree}}, image);
     fs::copy(image + "/media/T", pristine, fs::copy_options::recursive);
   }
   const uint64_t dirs = static_cast<uint64_t>(fanout) * fanout + fanout;

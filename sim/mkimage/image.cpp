@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <functional>
 #include <memory>
@@ -186,6 +187,12 @@ void WriteTree(const json &tree, const fs::path &media) {
 
 }  // namespace
 
+void SetTime(const fs::path &path, int64_t mtime) {
+  if (mtime == 0) return;
+  const timespec ts[2] = {{static_cast<time_t>(mtime), 0}, {static_cast<time_t>(mtime), 0}};
+  if (::utimensat(AT_FDCWD, path.c_str(), ts, 0) != 0) throw std::runtime_error("cannot set the time of " + path.string());
+}
+
 void WriteFile(const fs::path &path, uint64_t size, const std::string &content, int64_t mtime) {
   fs::create_directories(path.parent_path());
   {
@@ -194,10 +201,21 @@ void WriteFile(const fs::path &path, uint64_t size, const std::string &content, 
     out << content;
   }
   if (content.empty() && size) fs::resize_file(path, size);
-  if (mtime) {
-    const timespec ts[2] = {{static_cast<time_t>(mtime), 0}, {static_cast<time_t>(mtime), 0}};
-    ::utimensat(AT_FDCWD, path.c_str(), ts, 0);
+  SetTime(path, mtime);
+}
+
+uint8_t PatternByte(uint64_t offset) { return static_cast<uint8_t>(offset * 131 + (offset >> 12) * 7 + 17); }
+
+void WritePattern(const fs::path &path, uint64_t size) {
+  fs::create_directories(path.parent_path());
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  std::string block;
+  for (uint64_t at = 0; at < size && out; at += block.size()) {
+    block.resize(static_cast<size_t>(std::min<uint64_t>(size - at, 1 << 16)));
+    for (size_t i = 0; i < block.size(); ++i) block[i] = static_cast<char>(PatternByte(at + i));
+    out.write(block.data(), static_cast<std::streamsize>(block.size()));
   }
+  if (!out) throw std::runtime_error("cannot write " + path.string());
 }
 
 void BuildImage(const json &d, const fs::path &out, const fs::path &base) {
@@ -224,9 +242,17 @@ void BuildImage(const json &d, const fs::path &out, const fs::path &base) {
     const fs::path p = UnderMedia(media, f.at("path").get<std::string>());
     if (f.value("dir", false)) {
       fs::create_directories(p);
-      continue;
+      SetTime(p, f.value("mtime", int64_t{0}));
+    } else if (f.contains("link")) {
+      // Kept as written: links that climb out of the image or point at
+      // themselves are what some tests need.
+      fs::create_directories(p.parent_path());
+      fs::create_symlink(f["link"].get<std::string>(), p);
+    } else if (f.value("pattern", false)) {
+      WritePattern(p, f.value("size", uint64_t{0}));
+    } else {
+      WriteFile(p, f.value("size", uint64_t{0}), f.value("content", std::string()), f.value("mtime", int64_t{0}));
     }
-    WriteFile(p, f.value("size", uint64_t{0}), f.value("content", std::string()), f.value("mtime", int64_t{0}));
   }
   if (d.contains("tree")) WriteTree(d["tree"], media);
 }

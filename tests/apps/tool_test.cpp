@@ -61,7 +61,7 @@ TEST_F(ToolTest, EachWayOfNotReachingADeviceHasItsOwnExitCode) {
   ExpectFailure(Tarn({"-u", "0000-NOT-THERE", "ls", "/"}), 4, "0000-NOT-THERE not found");
 
   tarn::testing::TempDir second;
-  tarn::testing::make_sim_image(second.path(), {});
+  tarn::testing::build_image({}, second.path());
   sim->attach({second.path(), "00008030-00A11CE000000002", {}});
   ExpectFailure(Tarn({"ls", "/"}), 5, "-u");
   Result r = Tarn({"devices"});
@@ -129,7 +129,7 @@ TEST_F(ToolTest, ListingsReadForPeopleAndForScriptsWithoutTheLibrarysConsoleLine
 
 TEST_F(ToolTest, FilesMoveBothWaysByteForByteAndFailuresSayWhy) {
   std::string data(300000, '\0');
-  for (size_t i = 0; i < data.size(); ++i) data[i] = tarn::testing::sim_pattern(i);
+  for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>(i * 131 + (i >> 12));
   WriteAll(host("up.bin"), data);
 
   Result r = Tarn({"mkdir", "-p", "/Transfer/In"});
@@ -181,7 +181,7 @@ TEST_F(ToolTest, FilesMoveBothWaysByteForByteAndFailuresSayWhy) {
 }
 
 TEST_F(ToolTest, CtrlCCancelsAPullKeepingNothingAndReleasingTheDevice) {
-  tarn::testing::make_sim_image(image(), {tarn::testing::ImageEntry::patterned("Big/big.bin", 4 << 20)});
+  WriteAll(media("/Big/big.bin"), std::string(4 << 20, 'b'));
   // 64 blocks at 40 ms each: seconds of transfer to interrupt.
   sim->set_option(kUdid, "latency_us", "40000");
   ToolProcess tool({"pull", "/Big/big.bin", host("big.bin")}, Env());

@@ -1,5 +1,6 @@
 // The camera roll (photo database, else the camera folder) and the walk
 // over the synced-picture folders.
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include "catalogue_fixture.h"

@@ -12,7 +12,7 @@
 #include "common/number.h"
 #include "common/raii.h"
 #include "tarn/tarn_device.h"
-#include "sim_image.h"
+#include "images.h"
 #include "test_util.h"
 
 namespace {

@@ -7,7 +7,7 @@
 #include <tuple>
 #include <string>
 
-#include "sim_image.h"
+#include "images.h"
 #include "tarn/tarn_tool.h"
 #include "test_util.h"
 

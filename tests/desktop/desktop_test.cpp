@@ -17,12 +17,10 @@
 #include "images.h"
 #include "common/session.h"
 #include "main_window.h"
-#include "sim_image.h"
 #include "simulator.h"
 #include "test_util.h"
 
 using namespace tarn::desktop;
-using tarn::testing::ImageEntry;
 using tarn::testing::Simulator;
 using tarn::testing::TempDir;
 namespace fs = std::filesystem;
@@ -122,12 +120,14 @@ class DesktopTest : public QObject {
     dir_ = std::make_unique<TempDir>();
     const std::string root = dir_->path();
     tarn::testing::build_image(tarn::testing::load_description("sample"), root + "/sample");
-    tarn::testing::make_sim_image(root + "/small",
-                                  {ImageEntry::patterned("Transfer/small.bin", 300000),
-                                   ImageEntry::patterned("Transfer/Folder/a.bin", 70000),
-                                   ImageEntry::file("Transfer/Folder/Inner/b.txt", "inner file\n"),
-                                   ImageEntry::patterned("Transfer/big.bin", kBig)},
-                                  R"({"device": {"DeviceName": "Transfer Phone"}})");
+    tarn::testing::build_image(
+        {{"device", {{"DeviceName", "Transfer Phone"}}},
+         {"files",
+          {{{"path", "/Transfer/small.bin"}, {"size", 300000}, {"pattern", true}},
+           {{"path", "/Transfer/Folder/a.bin"}, {"size", 70000}, {"pattern", true}},
+           {{"path", "/Transfer/Folder/Inner/b.txt"}, {"content", "inner file\n"}},
+           {{"path", "/Transfer/big.bin"}, {"size", kBig}, {"pattern", true}}}}},
+        root + "/small");
     small_media_ = root + "/small/media";
     sim_ = std::make_unique<Simulator>(std::vector<tarn::testing::SimDevice>{
         {root + "/sample", kSample, {}}, {root + "/small", kSmall, {}}});

@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "common/plist_view.h"
-#include "sim_image.h"
+#include "images.h"
 #include "simulator.h"
 #include "tarn/tarn_device.h"
 #include "test_util.h"
@@ -23,7 +23,6 @@ namespace {
 
 using tarn::testing::Console;
 using tarn::testing::Quiet;
-using tarn::testing::ImageEntry;
 using tarn::testing::SimDevice;
 using tarn::testing::Simulator;
 using tarn::testing::TempDir;
@@ -33,7 +32,8 @@ constexpr const char *kSecond = "00008030-000B0B000000002E";
 
 std::string MakeImage(const TempDir &dir, const std::string &name) {
   const std::string root = dir.path() + "/" + name;
-  tarn::testing::make_sim_image(root, {ImageEntry::file("hello.txt", "hello")});
+  if (!std::filesystem::exists(root))
+    tarn::testing::build_image({{"files", {{{"path", "/hello.txt"}, {"content", "hello"}}}}}, root);
   return root;
 }
 

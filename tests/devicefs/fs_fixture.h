@@ -46,13 +46,13 @@ inline int Depth(const PodDir *d) {
   return deepest;
 }
 
-// <root>/media is the device's file-conduit root; <root>/host is scratch
-// space on the host side.
+// <root>/media is the device's file-conduit root, without a sync lock file
+// until a call makes one; <root>/host is scratch space on the host side.
+// Files are placed straight into the media tree, also while it is served.
 class Image {
  public:
   Image() {
-    tarn::testing::make_sim_image(dir_.path(), {tarn::testing::ImageEntry::directory("")},
-                                  std::string("{\"UniqueDeviceID\": \"") + kUdid + "\"}");
+    tarn::testing::build_image({{"sync_lock", false}, {"device", {{"UniqueDeviceID", kUdid}}}}, dir_.path());
     fs::create_directories(host());
   }
 
@@ -61,12 +61,8 @@ class Image {
   fs::path media(const std::string &device_path) const { return root() / "media" / device_path.substr(1); }
   fs::path host(const std::string &rel = "") const { return rel.empty() ? root() / "host" : root() / "host" / rel; }
 
-  void File(const std::string &device_path, const std::string &bytes) const {
-    tarn::testing::make_sim_image(dir_.path(), {tarn::testing::ImageEntry::file(device_path.substr(1), bytes)});
-  }
-  void Dir(const std::string &device_path) const {
-    tarn::testing::make_sim_image(dir_.path(), {tarn::testing::ImageEntry::directory(device_path.substr(1))});
-  }
+  void File(const std::string &device_path, const std::string &bytes) const { WriteAll(media(device_path), bytes); }
+  void Dir(const std::string &device_path) const { fs::create_directories(media(device_path)); }
 
  private:
   tarn::testing::TempDir dir_;

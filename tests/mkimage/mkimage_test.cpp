@@ -16,7 +16,6 @@
 
 #include "common/plist_view.h"
 #include "images.h"
-#include "sim_image.h"
 #include "test_util.h"
 
 namespace {
@@ -57,15 +56,10 @@ std::vector<std::vector<std::string>> Rows(const std::string &file, const char *
   return rows;
 }
 
-plist_t ReadPlist(const std::string &file) {
+json PlistFileAsJson(const std::string &file) {
   const std::string bytes = ReadAll(file);
   plist_t root = nullptr;
   plist_from_memory(bytes.data(), static_cast<uint32_t>(bytes.size()), &root);
-  return root;
-}
-
-json PlistFileAsJson(const std::string &file) {
-  plist_t root = ReadPlist(file);
   if (!root) return "<unreadable>";
   json out = tarn::app::PlistToJson(root);
   plist_free(root);
@@ -119,9 +113,12 @@ void ExpectDescribedContent(const json &d, const std::string &media) {
   }
 }
 
-TEST(ImageBuilder, MusicDatabaseHoldsExactlyTheDescribedTracksAndPlaylists) {
+// One description that asks for every part: the music database read back
+// with libgpod, the rest with libplist, SQLite and the file system.
+TEST(ImageBuilder, EveryPartHoldsExactlyWhatWasDescribed) {
   TempDir dir;
   const json d = json::parse(R"({
+    "sync_lock": false,
     "music": {"uncompressed": true, "locations": true, "master": "My iPod",
       "tracks": [
         {"id": "a", "title": "Héllo 世界", "artist": "X", "album": "Y", "genre": "Z", "size": 300,
@@ -129,28 +126,41 @@ TEST(ImageBuilder, MusicDatabaseHoldsExactlyTheDescribedTracksAndPlaylists) {
          "path": ":iTunes_Control:Music:F00:AAAA.mp3", "file": true},
         {"id": "b", "title": "Film", "media_type": 2},
         {"id": "c"}],
-      "playlists": [{"name": "Mix", "tracks": ["c", "a"]}, {"tracks": []}]}})");
+      "playlists": [{"name": "Mix", "tracks": ["c", "a"]}, {"tracks": []}]},
+    "purchases": {"format": "binary", "plist": {"contentInfoByXMLFilename": {"1.xml": {"itemId": 7, "itemName": "T",
+                  "com.apple.iTunesStore.downloadInfo": {"mediaAssetFilename": "1.m4a"}}}},
+                  "files": [{"name": "1.m4a", "size": 300}]},
+    "books": {"format": "xml", "books": {"Books": [{"Name": "B", "Path": "b.epub"}]}, "purchases": {"Books": []}},
+    "photos": {"rows": [{"directory": "DCIM/100APPLE", "filename": "IMG_0001.JPG", "size": 10}]},
+    "recordings": {"rows": [{"duration": "1.5", "path": "/var/mobile/Media/Recordings/r.m4a", "label": null, "size": 5}]},
+    "files": [{"path": "/a/b.txt", "content": "hi", "mtime": 1000000000}, {"path": "/empty", "dir": true}],
+    "tree": {"root": "/T", "fanout": 3, "depth": 2, "files": 2}})");
   tarn::testing::build_image(d, dir.path() + "/img");
   const std::string media = dir.path() + "/img/media";
-  const std::string cdb = media + "/iTunes_Control/iTunes/iTunesCDB";
+  ExpectDescribedContent(d, media);
+  EXPECT_EQ(ReadAll(media + "/Purchases/MobileDB/TrackData.plist").substr(0, 8), "bplist00");
+  EXPECT_EQ(ReadAll(media + "/Books/Books.plist").substr(0, 5), "<?xml");
+  struct stat st {};
+  ::stat((media + "/a/b.txt").c_str(), &st);
+  EXPECT_EQ(st.st_mtime, 1000000000);
+  EXPECT_EQ(std::distance(fs::recursive_directory_iterator(media + "/T"), fs::recursive_directory_iterator()),
+            3 + 9 + 9 * 2);
 
   // The compressed form: the flag in the header and a total length that
-  // covers the deflated body.
-  const std::string bytes = ReadAll(cdb);
+  // covers the deflated body; the plain form and the locations beside it.
+  const std::string bytes = ReadAll(media + "/iTunes_Control/iTunes/iTunesCDB");
   ASSERT_GT(bytes.size(), 0xaau);
   EXPECT_EQ(bytes.substr(0, 4), "mhbd");
   EXPECT_EQ(bytes[0xa8], 1);
   EXPECT_EQ(*reinterpret_cast<const uint32_t *>(bytes.data() + 8), bytes.size());
-  EXPECT_TRUE(fs::exists(media + "/iTunes_Control/iTunes/iTunesDB"));
   EXPECT_EQ(Rows(media + "/iTunes_Control/iTunes/iTunes Library.itlp/Locations.itdb", "SELECT count(*) FROM location"),
             (std::vector<std::vector<std::string>>{{"3"}}));
   EXPECT_EQ(fs::file_size(media + "/iTunes_Control/Music/F00/AAAA.mp3"), 300u);
-
   // What libgpod reads below must come out of the compressed file.
-  fs::remove(media + "/iTunes_Control/iTunes/iTunesDB");
+  ASSERT_TRUE(fs::remove(media + "/iTunes_Control/iTunes/iTunesDB"));
   Itdb db = ParseImage(dir.path() + "/img");
   ASSERT_TRUE(db);
-  std::vector<std::string> tracks;
+  std::vector<std::string> tracks, playlists;
   for (GList *l = db->tracks; l; l = l->next) {
     auto *t = static_cast<Itdb_Track *>(l->data);
     tracks.push_back(Str(t->title) + "|" + Str(t->artist) + "|" + Str(t->album) + "|" + Str(t->genre) + "|" +
@@ -162,7 +172,6 @@ TEST(ImageBuilder, MusicDatabaseHoldsExactlyTheDescribedTracksAndPlaylists) {
                         "Film|<null>|<null>|<null>|0|0|0|0|2|<null>",
                         "<null>|<null>|<null>|<null>|0|0|0|0|0|<null>",
                     }));
-  std::vector<std::string> playlists;
   for (GList *l = db->playlists; l; l = l->next) {
     auto *p = static_cast<Itdb_Playlist *>(l->data);
     std::string members;
@@ -170,35 +179,6 @@ TEST(ImageBuilder, MusicDatabaseHoldsExactlyTheDescribedTracksAndPlaylists) {
     playlists.push_back(Str(p->name) + ":" + members);
   }
   EXPECT_EQ(playlists, (std::vector<std::string>{"My iPod:Héllo 世界,Film,<null>,", "Mix:<null>,Héllo 世界,", ":"}));
-}
-
-TEST(ImageBuilder, PlistsAndSqliteDatabasesHoldWhatWasDescribed) {
-  TempDir dir;
-  const json d = json::parse(R"({
-    "sync_lock": false,
-    "purchases": {"format": "binary", "plist": {"contentInfoByXMLFilename": {"1.xml": {"itemId": 7, "itemName": "T",
-                  "com.apple.iTunesStore.downloadInfo": {"mediaAssetFilename": "1.m4a"}}}},
-                  "files": [{"name": "1.m4a", "size": 300}]},
-    "books": {"format": "xml", "books": {"Books": [{"Name": "B", "Path": "b.epub"}]}, "purchases": {"Books": []}},
-    "photos": {"rows": [{"directory": "DCIM/100APPLE", "filename": "IMG_0001.JPG", "size": 10}]},
-    "recordings": {"rows": [{"duration": "1.5", "path": "/var/mobile/Media/Recordings/r.m4a", "label": null, "size": 5}]},
-    "files": [{"path": "/a/b.txt", "content": "hi", "mtime": 1000000000}, {"path": "/empty", "dir": true}],
-    "tree": {"root": "/T", "fanout": 3, "depth": 2, "files": 2}})");
-  tarn::testing::build_image(d, dir.path() + "/img");
-  const std::string media = dir.path() + "/img/media";
-
-  EXPECT_FALSE(fs::exists(media + "/com.apple.itunes.lock_sync"));
-  ExpectDescribedContent(d, media);
-  EXPECT_EQ(ReadAll(media + "/Purchases/MobileDB/TrackData.plist").substr(0, 8), "bplist00");
-  EXPECT_EQ(ReadAll(media + "/Books/Books.plist").substr(0, 5), "<?xml");
-
-  struct stat st {};
-  ::stat((media + "/a/b.txt").c_str(), &st);
-  EXPECT_EQ(st.st_mtime, 1000000000);
-  EXPECT_TRUE(fs::is_directory(media + "/empty"));
-  size_t entries = 0;
-  for (auto it = fs::recursive_directory_iterator(media + "/T"); it != fs::recursive_directory_iterator(); ++it) ++entries;
-  EXPECT_EQ(entries, 3u + 9u + 9u * 2u);
 }
 
 TEST(ImageBuilder, ShippedDescriptionsBuildAndReadBack) {

@@ -7,7 +7,7 @@
 #include <fstream>
 
 #include "sim_client.h"
-#include "sim_image.h"
+#include "images.h"
 #include "simulator.h"
 #include "test_util.h"
 
@@ -21,18 +21,15 @@ constexpr int64_t kMtime = 1600000000;
 class AfcTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    make_sim_image(img.path(),
-                   {ImageEntry::file("hello.txt", "hello world", kMtime),
-                    ImageEntry::directory("Music/F00", kMtime),
-                    ImageEntry::file("Music/F00/b.mp3", "bb"),
-                    ImageEntry::file("Music/F00/A.mp3", "a"),
-                    ImageEntry::file("Music/F00/a.mp3", "aaa"),
-                    ImageEntry::symlink("Music/up", ".."),
-                    ImageEntry::symlink("escape_rel", "../../../../.."),
-                    ImageEntry::symlink("escape_abs", "/Music"),
-                    ImageEntry::directory("empty")},
-                   R"({"UniqueDeviceID": "afc-dev", "FSTotalBytes": 8000000000,
-                       "FSFreeBytes": 3000000000, "FSBlockSize": 8192, "Model": "MC540"})");
+    build_image(nlohmann::ordered_json::parse(R"({"sync_lock": false,
+      "device": {"UniqueDeviceID": "afc-dev", "FSTotalBytes": 8000000000, "FSFreeBytes": 3000000000,
+                 "FSBlockSize": 8192, "Model": "MC540"},
+      "files": [{"path": "/hello.txt", "content": "hello world", "mtime": 1600000000},
+                {"path": "/Music/F00/b.mp3", "content": "bb"}, {"path": "/Music/F00/A.mp3", "content": "a"},
+                {"path": "/Music/F00/a.mp3", "content": "aaa"}, {"path": "/Music/F00", "dir": true, "mtime": 1600000000},
+                {"path": "/Music/up", "link": ".."}, {"path": "/escape_rel", "link": "../../../../.."},
+                {"path": "/escape_abs", "link": "/Music"}, {"path": "/empty", "dir": true}]})"),
+                img.path());
     // Something outside the media root that nothing may reach.
     std::ofstream(img.path() + "/secret") << "outside";
     sim = std::make_unique<Simulator>(std::vector<SimDevice>{{img.path(), "", {}}});

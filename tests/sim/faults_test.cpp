@@ -5,7 +5,7 @@
 #include <functional>
 
 #include "sim_client.h"
-#include "sim_image.h"
+#include "images.h"
 #include "simulator.h"
 #include "test_util.h"
 
@@ -18,10 +18,10 @@ constexpr char kUdid[] = "fault-dev";
 class FaultTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    make_sim_image(img.path(), {ImageEntry::file("a.txt", "0123456789"),
-                                ImageEntry::patterned("big.bin", 1 << 20),
-                                ImageEntry::directory("iTunes_Control/iTunes")},
-                   R"({"ProductVersion": "9.3.5", "DeviceName": "Faulty"})");
+    build_image(nlohmann::ordered_json::parse(R"({"device": {"ProductVersion": "9.3.5", "DeviceName": "Faulty"},
+      "files": [{"path": "/a.txt", "content": "0123456789"}, {"path": "/big.bin", "size": 1048576, "pattern": true},
+                {"path": "/iTunes_Control/iTunes", "dir": true}]})"),
+                img.path());
     sim = std::make_unique<Simulator>(std::vector<SimDevice>{{img.path(), kUdid, {}}});
   }
   TempDir img;
@@ -109,7 +109,7 @@ TEST_F(FaultTest, EachSwitchBreaksWhatItNamesUntilCleared) {
 
 TEST_F(FaultTest, SwitchesGivenAtStartHoldFromTheFirstConnection) {
   TempDir other;
-  make_sim_image(other.path(), {});
+  build_image({}, other.path());
   Simulator s2({{other.path(), "opt-dev", {"refuse_afc=1", "version=5.1.1"}}});
   AfcClient refused("opt-dev");
   EXPECT_EQ(refused.lockdown_err, LOCKDOWN_E_SERVICE_PROHIBITED);

@@ -7,7 +7,7 @@
 #include <fstream>
 
 #include "sim_client.h"
-#include "sim_image.h"
+#include "images.h"
 #include "simulator.h"
 
 using namespace tarn::testing;
@@ -29,9 +29,10 @@ TEST(IfuseTest, CopyListMoveRemoveAndDf) {
   if (run_command("command -v ifuse").empty()) GTEST_SKIP() << "ifuse is not installed";
 
   TempDir img, work;
-  make_sim_image(img.path(), {ImageEntry::file("Notes/readme.txt", "on the device\n")},
-                 R"({"UniqueDeviceID": "fuse-dev", "FSTotalBytes": 16000000000,
-                     "FSFreeBytes": 4000000000, "FSBlockSize": 4096})");
+  build_image(nlohmann::ordered_json::parse(R"({
+    "device": {"UniqueDeviceID": "fuse-dev", "FSTotalBytes": 16000000000, "FSFreeBytes": 4000000000, "FSBlockSize": 4096},
+    "files": [{"path": "/Notes/readme.txt", "content": "on the device\n"}]})"),
+              img.path());
   Simulator sim({{img.path(), "", {}}});
   Mount m{work.path() + "/mnt"};
   fs::create_directories(m.dir);
@@ -43,7 +44,7 @@ TEST(IfuseTest, CopyListMoveRemoveAndDf) {
   const std::string local = work.path() + "/big.bin";
   {
     std::ofstream f(local, std::ios::binary);
-    for (uint64_t i = 0; i < 6u * 1024 * 1024 + 77; ++i) f.put(sim_pattern(i));
+    for (uint64_t i = 0; i < 6u * 1024 * 1024 + 77; ++i) f.put(static_cast<char>(i * 131 + (i >> 12)));
   }
   auto sh = [&](const std::string& cmd) {
     int st = -1;

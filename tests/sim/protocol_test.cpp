@@ -17,7 +17,7 @@
 
 #include "common/plist_view.h"
 #include "sim_client.h"
-#include "sim_image.h"
+#include "images.h"
 #include "simulator.h"
 
 using namespace tarn::testing;
@@ -40,8 +40,9 @@ const char kUdid[] = "ab12cd34ef56ab12cd34ef56ab12cd34ef56ab12";
 class ProtocolTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    make_sim_image(img1.path(), {ImageEntry::file("a.txt", "x")}, kDescription);
-    make_sim_image(img2.path(), {}, R"({"DeviceName": "Bare", "ProductVersion": "12.4"})");
+    build_image({{"device", nlohmann::ordered_json::parse(kDescription)}, {"files", {{{"path", "/a.txt"}, {"content", "x"}}}}},
+                img1.path());
+    build_image({{"device", {{"DeviceName", "Bare"}, {"ProductVersion", "12.4"}}}}, img2.path());
     sim = std::make_unique<Simulator>(std::vector<SimDevice>{{img1.path(), "", {}},
                                                              {img2.path(), "second-device", {}}});
   }
@@ -135,7 +136,7 @@ TEST_F(ProtocolTest, ListenReportsAttachAndDetach) {
   sim->detach("second-device");
   EXPECT_TRUE(wait_for(3));
   TempDir img3;
-  make_sim_image(img3.path(), {});
+  build_image({}, img3.path());
   sim->attach({img3.path(), "third", {}});
   EXPECT_TRUE(wait_for(4));
   idevice_event_unsubscribe();
@@ -185,7 +186,7 @@ TEST_F(ProtocolTest, StalledAndSlowClientsDelayNobodyElse) {
 TEST(DevsimProcess, StopsCleanlyOnSignals) {
   for (const std::string sig : {"TERM", "INT"}) {
     TempDir dir, img;
-    make_sim_image(img.path(), {});
+    build_image({}, img.path());
     const std::string sock = dir.path() + "/mux", out = dir.path() + "/out";
     // Started in the background and signalled once it says it is ready; its
     // exit status, its first line and any socket it left behind.
@@ -200,7 +201,7 @@ TEST(DevsimProcess, StopsCleanlyOnSignals) {
 
 TEST(DevsimProcess, RejectsBadStartArguments) {
   TempDir img;
-  make_sim_image(img.path(), {});
+  build_image({}, img.path());
   for (std::string args : {std::string("--device ") + img.path(),  // no socket
                            std::string("--socket /tmp/x --device /nonexistent"),
                            "--socket /tmp/x --device " + img.path() + ",bogus=1",

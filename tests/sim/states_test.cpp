@@ -7,7 +7,7 @@
 #include <chrono>
 
 #include "sim_client.h"
-#include "sim_image.h"
+#include "images.h"
 #include "simulator.h"
 #include "test_util.h"
 
@@ -20,8 +20,9 @@ constexpr char kUdid[] = "state-dev";
 class StatesTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    make_sim_image(img.path(), {ImageEntry::file("a.txt", "abc")},
-                   R"({"ProductVersion": "15.7", "DeviceName": "Stateful"})");
+    build_image(nlohmann::ordered_json::parse(R"({"device": {"ProductVersion": "15.7", "DeviceName": "Stateful"},
+                                                 "files": [{"path": "/a.txt", "content": "abc"}]})"),
+                img.path());
     sim = std::make_unique<Simulator>(std::vector<SimDevice>{{img.path(), kUdid, {}}});
   }
   // The handshake every tool makes: QueryType, pair record, StartSession, TLS.

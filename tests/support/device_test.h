@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "sim_image.h"
+#include "images.h"
 #include "simulator.h"
 #include "test_util.h"
 #include "tarn/tarn_device.h"

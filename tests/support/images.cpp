@@ -17,7 +17,7 @@ void build_image(const nlohmann::ordered_json& description, const std::string& d
   // The builder reads the description from a file beside the image;
   // relative sources resolve against the project's root.
   const fs::path file = fs::path(dir).parent_path() / (fs::path(dir).filename().string() + ".json");
-  nlohmann::ordered_json d = description;
+  nlohmann::ordered_json d = description.is_null() ? nlohmann::ordered_json::object() : description;
   if (d.contains("music") && d["music"].contains("source")) {
     fs::path src = d["music"]["source"].get<std::string>();
     if (src.is_relative()) d["music"]["source"] = (fs::path(TARN_SOURCE_DIR) / src).string();

@@ -1,17 +1,42 @@
-// Device images for tests, built by tarn-mkimage from JSON descriptions
-// (sim/mkimage/README.md has the format).
+// Device images for tests, all built by tarn-mkimage from JSON descriptions
+// (sim/mkimage/README.md has the format), and the folders they live in.
 #pragma once
 
+#include <stdlib.h>
+
+#include <filesystem>
+#include <stdexcept>
 #include <string>
 
 #include <nlohmann/json.hpp>
 
 namespace tarn::testing {
 
+// A private directory removed with everything in it at the end of scope.
+class TempDir {
+ public:
+  explicit TempDir(const std::filesystem::path &base = std::filesystem::temp_directory_path()) {
+    std::string tmpl = (base / "tarn-test-XXXXXX").string();
+    if (!::mkdtemp(tmpl.data())) throw std::runtime_error("mkdtemp failed");
+    path_ = tmpl;
+  }
+  ~TempDir() {
+    std::error_code ec;
+    std::filesystem::remove_all(path_, ec);
+  }
+  TempDir(const TempDir &) = delete;
+  TempDir &operator=(const TempDir &) = delete;
+  const std::string &path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
 // Builds the image described by `description` into `dir`. Objects keep the
 // order they were written in (a plain nlohmann::json converts, but sorts its
-// keys). `dir` must not exist or be empty. Relative "source" files are taken relative to the
-// project's root. Throws std::runtime_error with the builder's message.
+// keys); an empty description gives an empty image. `dir` must not exist or
+// be empty. Relative "source" files are taken relative to the project's
+// root. Throws std::runtime_error with the builder's message.
 void build_image(const nlohmann::ordered_json& description, const std::string& dir);
 
 // The path of a shipped description: sim/images/<name>.json.

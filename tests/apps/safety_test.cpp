@@ -234,28 +234,6 @@ TEST_F(ToolTest, ACorruptMusicDatabaseIsNoEmptyLibrary) {
   EXPECT_NE(again.out.find("Harbour Nights"), std::string::npos) << again.out;
 }
 
-TEST_F(ToolTest, WrongArgumentsGetTheRightReason) {
-  struct Case {
-    std::vector<std::string> args;
-    int code;
-    const char *fragment;
-  };
-  WriteAll(host("dir/a.txt"), "a");
-  for (const Case &c : std::vector<Case>{
-           {{"mkdir", "-p", "/iTunes_Control/Music/F01/BBBB.m4a/x"}, 7, "BBBB.m4a: not a directory"},
-           {{"mkdir", "/iTunes_Control/Music/F01/BBBB.m4a/x"}, 7, "BBBB.m4a: not a directory"},
-           {{"push", host("dir"), "/iTunes_Control/Music/F01/BBBB.m4a"}, 9, "a directory cannot be pushed onto it"},
-           {{"ls", ""}, 2, "empty"},
-           {{"-u", "", "ls"}, 2, "needs a device identifier"},
-           {{"pull", "/iTunes_Control", ""}, 2, "empty"}}) {
-    SCOPED_TRACE(c.args[0] + " " + c.args[1]);
-    ExpectCode(Tarn(c.args), c.code, c.fragment);
-  }
-  EXPECT_EQ(Tarn({std::string("-u") + kUdid, "ls", "/iTunes_Control/Music/F01"}).out, "BBBB.m4a\n");
-  const Result r = RunTool({"ls", "/"}, {{"USBMUXD_SOCKET_ADDRESS", "UNIX:" + host("no-socket")}});
-  ExpectCode(r, 13, "usbmuxd");
-}
-
 TEST_F(ToolTest, EachDeviceStateGetsItsReasonAndRemedyAndWritesWaitForAnotherComputersSync) {
   struct Case {
     const char *option;

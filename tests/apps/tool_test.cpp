@@ -169,6 +169,13 @@ TEST_F(ToolTest, FilesMoveBothWaysByteForByteAndFailuresSayWhy) {
            {{"mkdir", "/Transfer"}, 9, "already exists"},
            {{"mv", "/Transfer/moved.bin", "/Transfer/In"}, 0, ""},
            {{"rm", "/Transfer"}, 1, "not empty (use rm -r)"},
+           {{"mkdir", "-p", "/iTunes_Control/Music/F01/BBBB.m4a/x"}, 7, "BBBB.m4a: not a directory"},
+           {{"mkdir", "/iTunes_Control/Music/F01/BBBB.m4a/x"}, 7, "BBBB.m4a: not a directory"},
+           {{"push", host(""), "/iTunes_Control/Music/F01/BBBB.m4a"}, 9, "a directory cannot be pushed onto it"},
+           {{"ls", ""}, 2, "empty"},
+           {{"-u", "", "ls"}, 2, "needs a device identifier"},
+           {{"pull", "/iTunes_Control", ""}, 2, "empty"},
+           {{std::string("-u") + kUdid, "ls", "/iTunes_Control/Music/F01"}, 0, ""},
        }) {
     SCOPED_TRACE(c.args[0] + " " + c.args[1]);
     r = Tarn(c.args);
@@ -176,6 +183,7 @@ TEST_F(ToolTest, FilesMoveBothWaysByteForByteAndFailuresSayWhy) {
     else EXPECT_EQ(r.code, 0) << r.err;
   }
   EXPECT_TRUE(fs::exists(media("/Transfer/In/moved.bin")));
+  ExpectFailure(RunTool({"ls", "/"}, {{"USBMUXD_SOCKET_ADDRESS", "UNIX:" + host("no-socket")}}), 13, "usbmuxd");
   ASSERT_EQ(Tarn({"rm", "-r", "/Transfer"}).code, 0);
   EXPECT_FALSE(fs::exists(media("/Transfer")));
 }

@@ -63,6 +63,13 @@ class Image {
 
   void File(const std::string &device_path, const std::string &bytes) const { WriteAll(media(device_path), bytes); }
   void Dir(const std::string &device_path) const { fs::create_directories(media(device_path)); }
+  // Adds what `description` describes to the media tree.
+  void Add(const nlohmann::ordered_json &description) const {
+    const fs::path scratch = root() / "add";
+    tarn::testing::build_image(description, scratch.string());
+    fs::copy(scratch / "media", root() / "media", fs::copy_options::recursive | fs::copy_options::overwrite_existing);
+    fs::remove_all(scratch);
+  }
 
  private:
   tarn::testing::TempDir dir_;

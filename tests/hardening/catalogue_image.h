@@ -1,8 +1,7 @@
 // A device image with every database the catalogue reads and the media files
 // they name: a real compressed music database, a purchases plist, a books
-// plist, voice recordings and a camera roll in SQLite, synced pictures.
-// Built straight into the media tree, so that the hardening tests do not
-// depend on the image builder's format.
+// plist, voice recordings and a camera roll in SQLite, synced pictures; and
+// the writers of the foreign databases the hardening tests make by hand.
 #pragma once
 
 #include <sqlite3.h>
@@ -48,20 +47,6 @@ inline plist_t Dict(std::initializer_list<std::pair<const char *, plist_t>> item
   return d;
 }
 
-inline std::string PurchasesPlist(int count) {
-  plist_t entries = plist_new_dict();
-  for (int i = 1; i <= count; ++i) {
-    plist_dict_set_item(
-        entries, ("p" + std::to_string(i) + ".xml").c_str(),
-        Dict({{"itemId", plist_new_uint(9000 + i)},
-              {"com.apple.iTunesStore.downloadInfo",
-               Dict({{"mediaAssetFilename", plist_new_string((std::to_string(i) + ".m4a").c_str())}})},
-              {"itemName", plist_new_string(("Bought " + std::to_string(i)).c_str())},
-              {"bitRate", plist_new_uint(256)}}));
-  }
-  return BinaryPlist(Dict({{"contentInfoByXMLFilename", entries}}));
-}
-
 // The music database of a real iPhone, as the tests were given it.
 inline std::string RealMusicDatabase(const char *name = "iphone-a.itunescdb") {
   return ReadAll(tarn::testing::realdata(name));
@@ -89,32 +74,21 @@ inline void ExpectConsistent(plist_t list, bool has_total = true) {
 }
 
 inline void AddCatalogue(const Image &image) {
-  image.File("/com.apple.itunes.lock_sync", "");
-  image.File("/iTunes_Control/iTunes/iTunesCDB", RealMusicDatabase());
-  image.File("/Purchases/MobileDB/TrackData.plist", PurchasesPlist(2));
-  image.File("/Purchases/1.m4a", std::string(300, 'a'));
-  image.File("/Purchases/2.m4a", std::string(400, 'b'));
-  image.File("/Books/Books.plist",
-             BinaryPlist(Dict({{"Books", [] {
-                                  plist_t books = plist_new_array();
-                                  plist_array_append_item(books, Dict({{"Name", plist_new_string("A Book")},
-                                                                       {"Path", plist_new_string("a.epub")}}));
-                                  return books;
-                                }()}})));
-  image.File("/Recordings/20110101 120000.m4a", std::string(500, 'r'));
-  image.File("/Recordings/20110102 130000.m4a", std::string(600, 'r'));
-  Sql(image.media("/Recordings/Recordings.db"),
-      "CREATE TABLE ZRECORDING (Z_PK INTEGER PRIMARY KEY, ZDURATION FLOAT, ZPATH VARCHAR, ZCUSTOMLABEL VARCHAR);"
-      "INSERT INTO ZRECORDING VALUES (1, 12.5, '/var/mobile/Media/Recordings/20110101 120000.m4a', 'Talk');"
-      "INSERT INTO ZRECORDING VALUES (2, 3, '/var/mobile/Media/Recordings/20110102 130000.m4a', NULL);");
-  image.File("/DCIM/100APPLE/IMG_0001.JPG", std::string(700, 'j'));
-  image.File("/DCIM/100APPLE/IMG_0002.MOV", std::string(800, 'm'));
-  Sql(image.media("/PhotoData/Photos.sqlite"),
-      "CREATE TABLE Photo (primaryKey INTEGER PRIMARY KEY, directory TEXT, filename TEXT);"
-      "INSERT INTO Photo VALUES (1, 'DCIM/100APPLE', 'IMG_0001.JPG');"
-      "INSERT INTO Photo VALUES (2, 'DCIM/100APPLE', 'IMG_0002.MOV');");
-  image.File("/Photos/Thumbs/t1.jpg", std::string(90, 't'));
-  image.File("/PhotoStreamsData/s/x.png", std::string(80, 's'));
+  image.Add(nlohmann::ordered_json::parse(R"({
+    "music": {"source": ")" + tarn::testing::realdata("iphone-a.itunescdb") + R"("},
+    "purchases": {"format": "binary", "plist": {"contentInfoByXMLFilename": {
+        "p1.xml": {"itemId": 9001, "com.apple.iTunesStore.downloadInfo": {"mediaAssetFilename": "1.m4a"},
+                   "itemName": "Bought 1", "bitRate": 256},
+        "p2.xml": {"itemId": 9002, "com.apple.iTunesStore.downloadInfo": {"mediaAssetFilename": "2.m4a"},
+                   "itemName": "Bought 2", "bitRate": 256}}},
+      "files": [{"name": "1.m4a", "size": 300}, {"name": "2.m4a", "size": 400}]},
+    "books": {"format": "binary", "books": {"Books": [{"Name": "A Book", "Path": "a.epub"}]}},
+    "recordings": {"rows": [
+      {"duration": 12.5, "path": "/var/mobile/Media/Recordings/20110101 120000.m4a", "label": "Talk", "size": 500},
+      {"duration": 3, "path": "/var/mobile/Media/Recordings/20110102 130000.m4a", "label": null, "size": 600}]},
+    "photos": {"rows": [{"directory": "DCIM/100APPLE", "filename": "IMG_0001.JPG", "size": 700},
+                        {"directory": "DCIM/100APPLE", "filename": "IMG_0002.MOV", "size": 800}]},
+    "files": [{"path": "/Photos/Thumbs/t1.jpg", "size": 90}, {"path": "/PhotoStreamsData/s/x.png", "size": 80}]})"));
 }
 
 }  // namespace tarn_fs_test

@@ -107,15 +107,6 @@ TEST_F(FaultTest, EachSwitchBreaksWhatItNamesUntilCleared) {
   EXPECT_THROW(sim->set_option("no-such-device", "latency_us", "1"), std::runtime_error);
 }
 
-TEST_F(FaultTest, SwitchesGivenAtStartHoldFromTheFirstConnection) {
-  TempDir other;
-  build_image({}, other.path());
-  Simulator s2({{other.path(), "opt-dev", {"refuse_afc=1", "version=5.1.1"}}});
-  AfcClient refused("opt-dev");
-  EXPECT_EQ(refused.lockdown_err, LOCKDOWN_E_SERVICE_PROHIBITED);
-  EXPECT_NE(run_command("ideviceinfo -u opt-dev -k ProductVersion").find("5.1.1"), std::string::npos);
-}
-
 TEST_F(FaultTest, DetachEndsConnections) {
   AfcClient c(kUdid);
   ASSERT_TRUE(c.ok());

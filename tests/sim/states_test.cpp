@@ -151,18 +151,4 @@ TEST_F(StatesTest, StalledRequestIsNeverAnswered) {
   ExpectIdle(*sim, kUdid, "a stalled request");
 }
 
-// Without any usbmux socket the library sees no device at all, as on a host
-// where usbmuxd is not running.
-TEST(NoUsbmuxTest, NoDeviceAtAll) {
-  NoUsbmux none;
-  idevice_t dev = nullptr;
-  EXPECT_EQ(idevice_new(&dev, kUdid), IDEVICE_E_NO_DEVICE);
-  char** list = nullptr;
-  int count = -1;
-  EXPECT_NE(idevice_get_device_list(&list, &count), IDEVICE_E_SUCCESS);
-  int status = 0;
-  run_command("idevice_id -l", &status);
-  EXPECT_NE(status, 0);
-}
-
 }  // namespace

@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -30,14 +29,14 @@ struct Result {
 
 // A running program. Collects its standard output, and its standard error
 // unless `capture_err` is false (then it goes where the test's own goes),
-// until it exits. `env` adds to or replaces the test's environment.
-// With `die_with_parent` the kernel kills the program when the thread that
-// started it ends, so a test killed by ctest's timeout leaves no server
-// behind holding ctest's output pipe open.
+// until it exits. `env` adds to or replaces the test's environment. The
+// kernel kills the program when the thread that started it ends, so a test
+// killed by ctest's timeout leaves no server behind holding ctest's output
+// pipe open.
 class ChildProcess {
  public:
   ChildProcess(std::vector<std::string> words, const std::map<std::string, std::string> &env = {},
-               bool capture_err = true, bool die_with_parent = false) {
+               bool capture_err = true) {
     std::vector<std::string> vars;
     for (char **e = environ; *e != nullptr; ++e) {
       const std::string var = *e;
@@ -53,30 +52,12 @@ class ChildProcess {
     int out[2], err[2] = {-1, -1};
     if (::pipe2(out, O_CLOEXEC) != 0 || (capture_err && ::pipe2(err, O_CLOEXEC) != 0))
       throw std::runtime_error("pipe");
-    if (die_with_parent) {
-      SpawnDyingWithParent(argv, envp, out[1], err[1]);
-      ::close(out[1]);
-      if (capture_err) ::close(err[1]);
-      out_fd_ = out[0];
-      err_fd_ = err[0];
-      if (pid_ < 0) throw std::runtime_error("cannot start " + words[0] + ": fork failed");
-      return;
-    }
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-    if (capture_err) posix_spawn_file_actions_adddup2(&actions, err[1], STDERR_FILENO);
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    const int rc = posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), envp.data());
-    posix_spawn_file_actions_destroy(&actions);
+    Spawn(argv, envp, out[1], err[1]);
     ::close(out[1]);
     if (capture_err) ::close(err[1]);
     out_fd_ = out[0];
     err_fd_ = err[0];
-    if (rc != 0) {
-      pid_ = -1;
-      throw std::runtime_error("cannot start " + words[0] + ": " + std::strerror(rc));
-    }
+    if (pid_ < 0) throw std::runtime_error("cannot start " + words[0] + ": fork failed");
   }
   ~ChildProcess() {
     if (pid_ > 0) {
@@ -116,7 +97,7 @@ class ChildProcess {
   // child only makes async-signal-safe calls. A parent that died before
   // prctl took effect has already re-parented us: then there is no one to
   // serve and the child ends at once.
-  void SpawnDyingWithParent(std::vector<char *> &argv, std::vector<char *> &envp, int out_w, int err_w) {
+  void Spawn(std::vector<char *> &argv, std::vector<char *> &envp, int out_w, int err_w) {
     const pid_t parent = ::getpid();
     pid_ = ::fork();
     if (pid_ != 0) return;

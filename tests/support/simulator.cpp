@@ -130,7 +130,7 @@ Simulator::Simulator(const std::vector<SimDevice>& devices, bool set_env) : impl
     args.push_back(device_option);
   }
   try {
-    impl_->child = std::make_unique<ChildProcess>(args, std::map<std::string, std::string>{}, false, true);
+    impl_->child = std::make_unique<ChildProcess>(args, std::map<std::string, std::string>{}, false);
   } catch (const std::exception& e) {
     impl_->stop();
     delete impl_;

@@ -18,13 +18,7 @@ bool HasControl(const std::string &text) {
   return false;
 }
 
-// Names in a directory that a write left behind under a temporary name.
-size_t Leftovers(const fs::path &dir) {
-  size_t n = 0;
-  for (const auto &entry : fs::directory_iterator(dir))
-    if (entry.path().filename().string().rfind(".tarn-", 0) == 0) ++n;
-  return n;
-}
+size_t Leftovers(const fs::path &dir) { return tarn::testing::PartialsBelow(dir).count; }
 
 void ExpectCode(const Result &r, int code, const std::string &fragment) {
   EXPECT_EQ(r.code, code) << r.err;

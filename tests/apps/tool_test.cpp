@@ -194,14 +194,8 @@ TEST_F(ToolTest, CtrlCCancelsAPullKeepingNothingAndReleasingTheDevice) {
   sim->set_option(kUdid, "latency_us", "40000");
   ToolProcess tool({"pull", "/Big/big.bin", host("big.bin")}, Env());
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  std::error_code ec;
   // The download's temporary file: a hidden name beside the target.
-  auto partial = [&] {
-    uintmax_t size = 0;
-    for (const auto &entry : fs::directory_iterator(host(""), ec))
-      if (entry.path().filename().string().rfind(".tarn-", 0) == 0) size = fs::file_size(entry.path(), ec);
-    return size;
-  };
+  auto partial = [&] { return tarn::testing::PartialsBelow(host("")).largest; };
   while (partial() < (256u << 10) && std::chrono::steady_clock::now() < deadline)
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   ASSERT_GE(partial(), 256u << 10) << "the pull never started: " << tool.Poll().err;

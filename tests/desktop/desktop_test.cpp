@@ -35,20 +35,12 @@ constexpr uint64_t kBig = 24u << 20;
 
 std::string Slurp(const fs::path &p) { return tarn::testing::ReadAll(p); }
 
-// Entries below `dir` whose names end in the partial-copy suffix.
-int Partials(const fs::path &dir) {
-  int n = 0;
-  std::error_code ec;
-  for (auto it = fs::recursive_directory_iterator(dir, ec); it != fs::recursive_directory_iterator(); ++it)
-    n += it->path().filename().string().starts_with(".tarn-");
-  return n;
-}
+int Partials(const fs::path &dir) { return static_cast<int>(tarn::testing::PartialsBelow(dir).count); }
 
 // Every file below `dir`: relative path -> content.
 std::map<std::string, std::string> Tree(const fs::path &dir) {
-  std::map<std::string, std::string> files;
-  for (const auto &entry : fs::recursive_directory_iterator(dir))
-    if (entry.is_regular_file()) files[fs::relative(entry.path(), dir).string()] = Slurp(entry.path());
+  std::map<std::string, std::string> files = tarn::testing::Tree(dir);
+  std::erase_if(files, [](const auto &entry) { return entry.second == "<dir>"; });
   return files;
 }
 

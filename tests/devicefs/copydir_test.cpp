@@ -1,21 +1,8 @@
 // Copies of whole device directory trees to the host.
-#include <map>
-
 #include "fs_fixture.h"
 
 namespace tarn_fs_test {
 namespace {
-
-// Every regular file below dir, relative path -> bytes; directories as "<dir>".
-std::map<std::string, std::string> Tree(const fs::path &dir) {
-  std::map<std::string, std::string> out;
-  if (!fs::exists(dir)) return out;
-  for (auto &e : fs::recursive_directory_iterator(dir)) {
-    const std::string rel = fs::relative(e.path(), dir).string();
-    out[rel] = e.is_directory() ? "<dir>" : ReadAll(e.path());
-  }
-  return out;
-}
 
 class CopyDirTest : public DeviceFsTest {};
 
@@ -33,7 +20,7 @@ TEST_F(CopyDirTest, NestedTreesAreRecreatedByteExact) {
 
   std::map<std::string, std::string> expected = files;
   for (const char *d : {"b", "b/c", "d e", "hollow"}) expected[d] = "<dir>";
-  EXPECT_EQ(Tree(image.host("copy")), expected);
+  EXPECT_EQ(tarn::testing::Tree(image.host("copy")), expected);
   EXPECT_EQ(out.rfind("CopyDeviceDirectory\nfrom is /a/\nto is ", 0), 0u) << out;
 
   // The lock brackets the whole copy: taken before the first listing,

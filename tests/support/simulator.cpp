@@ -40,9 +40,9 @@ struct Simulator::Impl {
   std::unique_ptr<ChildProcess> child;  // its stdout stays open, so it never sees EPIPE
   int ctl_fd = -1;
   std::mutex ctl_mu;
-  bool set_env = false;
-  std::optional<std::string> old_env;
+  std::optional<ScopedEnv> env;
 
+  ~Impl() { stop(); }
   json call(json req);
   void stop();
 };
@@ -96,27 +96,18 @@ void Simulator::Impl::stop() {
   if (!dir.empty()) {
     std::error_code ec;
     std::filesystem::remove_all(dir, ec);
+    dir.clear();
   }
-  if (set_env) {
-    if (old_env)
-      ::setenv("USBMUXD_SOCKET_ADDRESS", old_env->c_str(), 1);
-    else
-      ::unsetenv("USBMUXD_SOCKET_ADDRESS");
-  }
+  env.reset();
 }
 
-Simulator::Simulator(const std::vector<SimDevice>& devices, bool set_env) : impl_(new Impl) {
+// A failure on the way throws; impl_ then stops whatever was started.
+Simulator::Simulator(const std::vector<SimDevice>& devices, bool set_env) : impl_(std::make_unique<Impl>()) {
   std::string binary = TARN_DEVSIM_PATH;
-  if (binary.empty()) {
-    delete impl_;
-    fail("tarn-devsim was not built (TARN_DEVSIM_PATH is empty)");
-  }
+  if (binary.empty()) fail("tarn-devsim was not built (TARN_DEVSIM_PATH is empty)");
   // Socket paths must fit sockaddr_un, so the private directory lives in /tmp.
   char tmpl[] = "/tmp/tarn-devsim-XXXXXX";
-  if (!::mkdtemp(tmpl)) {
-    delete impl_;
-    fail(std::string("mkdtemp: ") + std::strerror(errno));
-  }
+  if (!::mkdtemp(tmpl)) fail(std::string("mkdtemp: ") + std::strerror(errno));
   impl_->dir = tmpl;
   impl_->socket = impl_->dir + "/usbmuxd.sock";
   impl_->ctl_path = impl_->socket + ".ctl";
@@ -129,13 +120,7 @@ Simulator::Simulator(const std::vector<SimDevice>& devices, bool set_env) : impl
     args.push_back("--device");
     args.push_back(device_option);
   }
-  try {
-    impl_->child = std::make_unique<ChildProcess>(args, std::map<std::string, std::string>{}, false);
-  } catch (const std::exception& e) {
-    impl_->stop();
-    delete impl_;
-    fail(e.what());
-  }
+  impl_->child = std::make_unique<ChildProcess>(args, std::map<std::string, std::string>{}, false);
 
   // Wait for the ready line; the child's own message is on stderr if it quits.
   const auto deadline = std::chrono::steady_clock::now() + kReadyTimeout;
@@ -148,29 +133,14 @@ Simulator::Simulator(const std::vector<SimDevice>& devices, bool set_env) : impl
     } else if (std::chrono::steady_clock::now() > deadline) {
       why = "tarn-devsim did not report ready within 15 s";
     }
-    if (!why.empty()) {
-      impl_->stop();
-      delete impl_;
-      fail(why);
-    }
+    if (!why.empty()) fail(why);
     impl_->child->Poll(100);
   }
-  if (out.rfind("tarn-devsim: ready on ", 0) != 0) {
-    impl_->stop();
-    delete impl_;
-    fail("unexpected first line from tarn-devsim: " + out);
-  }
-  if (set_env) {
-    impl_->set_env = true;
-    if (const char* old = std::getenv("USBMUXD_SOCKET_ADDRESS")) impl_->old_env = old;
-    ::setenv("USBMUXD_SOCKET_ADDRESS", env_value().c_str(), 1);
-  }
+  if (out.rfind("tarn-devsim: ready on ", 0) != 0) fail("unexpected first line from tarn-devsim: " + out);
+  if (set_env) impl_->env.emplace("USBMUXD_SOCKET_ADDRESS", env_value());
 }
 
-Simulator::~Simulator() {
-  impl_->stop();
-  delete impl_;
-}
+Simulator::~Simulator() = default;
 
 const std::string& Simulator::socket_path() const { return impl_->socket; }
 std::string Simulator::env_value() const { return "UNIX:" + impl_->socket; }
@@ -228,23 +198,17 @@ SimStats Simulator::idle_stats(const std::string& udid) {
   return s;
 }
 
-NoUsbmux::NoUsbmux() {
-  char tmpl[] = "/tmp/tarn-nomux-XXXXXX";
-  if (!::mkdtemp(tmpl)) fail(std::string("mkdtemp: ") + std::strerror(errno));
-  dir_ = tmpl;
-  if (const char* old = std::getenv("USBMUXD_SOCKET_ADDRESS")) {
-    old_ = old;
-    had_old_ = true;
-  }
-  ::setenv("USBMUXD_SOCKET_ADDRESS", ("UNIX:" + dir_ + "/usbmuxd.sock").c_str(), 1);
+ScopedEnv::ScopedEnv(std::string name, const std::string& value) : name_(std::move(name)) {
+  if (const char* old = std::getenv(name_.c_str())) old_ = old;
+  ::setenv(name_.c_str(), value.c_str(), 1);
 }
 
-NoUsbmux::~NoUsbmux() {
-  if (had_old_)
-    ::setenv("USBMUXD_SOCKET_ADDRESS", old_.c_str(), 1);
-  else
-    ::unsetenv("USBMUXD_SOCKET_ADDRESS");
-  ::rmdir(dir_.c_str());
+ScopedEnv::~ScopedEnv() {
+  if (old_) ::setenv(name_.c_str(), old_->c_str(), 1);
+  else ::unsetenv(name_.c_str());
 }
+
+// The directory stays empty: nothing listens at the socket path inside it.
+NoUsbmux::NoUsbmux() : env_("USBMUXD_SOCKET_ADDRESS", "UNIX:" + dir_.path() + "/usbmuxd.sock") {}
 
 }  // namespace tarn::testing

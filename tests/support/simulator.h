@@ -4,10 +4,28 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "images.h"
+
 namespace tarn::testing {
+
+// An environment variable set for the lifetime of the object, then put back
+// as it was.
+class ScopedEnv {
+ public:
+  ScopedEnv(std::string name, const std::string& value);
+  ~ScopedEnv();
+  ScopedEnv(const ScopedEnv&) = delete;
+  ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+ private:
+  std::string name_;
+  std::optional<std::string> old_;
+};
 
 // One simulated device: an image directory made by tarn-mkimage (or by hand:
 // "<image>/media" is the file-conduit root, "<image>/device.json" the
@@ -68,7 +86,7 @@ class Simulator {
 
  private:
   struct Impl;
-  Impl* impl_;
+  std::unique_ptr<Impl> impl_;
 };
 
 // Points USBMUXD_SOCKET_ADDRESS, for its lifetime, at a socket path where
@@ -76,14 +94,10 @@ class Simulator {
 class NoUsbmux {
  public:
   NoUsbmux();
-  ~NoUsbmux();
-  NoUsbmux(const NoUsbmux&) = delete;
-  NoUsbmux& operator=(const NoUsbmux&) = delete;
 
  private:
-  std::string dir_;
-  std::string old_;
-  bool had_old_ = false;
+  TempDir dir_;
+  ScopedEnv env_;
 };
 
 }  // namespace tarn::testing

@@ -12,6 +12,7 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <string>
 
 #include "simulator.h"
@@ -34,6 +35,32 @@ inline std::string ReadAll(const std::filesystem::path &p) {
 inline void WriteAll(const std::filesystem::path &p, const std::string &bytes) {
   if (p.has_parent_path()) std::filesystem::create_directories(p.parent_path());
   std::ofstream(p, std::ios::binary) << bytes;
+}
+
+// Every entry below `dir`: relative path -> the file's bytes, or "<dir>".
+inline std::map<std::string, std::string> Tree(const std::filesystem::path &dir) {
+  std::map<std::string, std::string> out;
+  std::error_code ec;
+  for (auto it = std::filesystem::recursive_directory_iterator(dir, ec); it != std::filesystem::recursive_directory_iterator(); ++it)
+    out[std::filesystem::relative(it->path(), dir).string()] = it->is_directory() ? "<dir>" : ReadAll(it->path());
+  return out;
+}
+
+// The entries below `dir` that a write left under its temporary name, and
+// the size of the largest of them.
+struct Partials {
+  size_t count = 0;
+  uintmax_t largest = 0;
+};
+inline Partials PartialsBelow(const std::filesystem::path &dir) {
+  Partials p;
+  std::error_code ec;
+  for (auto it = std::filesystem::recursive_directory_iterator(dir, ec); it != std::filesystem::recursive_directory_iterator(); ++it) {
+    if (!it->path().filename().string().starts_with(".tarn-")) continue;
+    ++p.count;
+    p.largest = std::max(p.largest, it->is_regular_file(ec) ? it->file_size(ec) : 0);
+  }
+  return p;
 }
 
 // The one capture of the library's console lines: runs `f` with standard
@@ -64,25 +91,14 @@ std::string Console(F &&f) {
 // TZ set to `zone` for the life of the object, then put back.
 class ScopedTimeZone {
  public:
-  explicit ScopedTimeZone(const char *zone) {
-    if (const char *old = std::getenv("TZ")) {
-      saved_ = old;
-      had_ = true;
-    }
-    setenv("TZ", zone, 1);
-    tzset();
-  }
-  ~ScopedTimeZone() {
-    if (had_) setenv("TZ", saved_.c_str(), 1);
-    else unsetenv("TZ");
-    tzset();
-  }
-  ScopedTimeZone(const ScopedTimeZone &) = delete;
-  ScopedTimeZone &operator=(const ScopedTimeZone &) = delete;
+  explicit ScopedTimeZone(const char *zone) : tz_("TZ", zone) { tzset(); }
 
  private:
-  std::string saved_;
-  bool had_ = false;
+  // Members end in reverse order: TZ is put back before the zone is re-read.
+  struct Reread {
+    ~Reread() { tzset(); }
+  } reread_;
+  ScopedEnv tz_;
 };
 
 // Runs a shell command, killed after `seconds`; gives its standard output

@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <memory>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -32,33 +33,11 @@ struct PlistFree {
 };
 using Plist = std::unique_ptr<void, PlistFree>;
 
-// A property list as compact JSON-like text, for comparisons that print
-// what differed.
+// A property list as compact JSON with its keys unquoted, for comparisons
+// that print what differed.
 inline std::string Text(const json &j) {
-  std::string s;
-  if (j.is_object()) {
-    for (const auto &[key, value] : j.items()) {
-      s += s.empty() ? "{" : ",";
-      s += key;
-      s += ":";
-      s += Text(value);
-    }
-    return s.empty() ? "{}" : s + "}";
-  }
-  if (j.is_array()) {
-    for (const auto &value : j) {
-      s += s.empty() ? "[" : ",";
-      s += Text(value);
-    }
-    return s.empty() ? "[]" : s + "]";
-  }
-  if (j.is_number_unsigned()) return std::to_string(j.get<uint64_t>());
-  if (j.is_string()) {
-    s = "\"";
-    s += j.get<std::string>();
-    return s += "\"";
-  }
-  return "?";
+  static const std::regex key("\"(\\w+)\":");
+  return std::regex_replace(j.dump(), key, "$1:");
 }
 inline std::string Text(plist_t node) { return node ? Text(tarn::app::PlistToJson(node)) : "null"; }
 // As Text, with the items of a walked list sorted by path: a device lists a

@@ -7,7 +7,7 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <fstream>
+#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -157,30 +157,20 @@ TEST_F(ConnectionTest, OpensAWorkingFileConduitOrGivesNullAndClosesEverything) {
 // An application links against exactly the documented interface: every
 // function the header declares is exported, and nothing else is.
 TEST(Exports, TheLibraryExportsExactlyTheDeclaredFunctions) {
-  std::ifstream header(std::string(TARN_SOURCE_DIR) + "/include/tarn/tarn_device.h");
-  // A declaration names its function right before the first '(' of its
-  // line; the macro's own definition starts with "#define" instead.
-  std::set<std::string> declared;
-  for (std::string line; std::getline(header, line);) {
-    if (line.rfind("TARN_API ", 0) != 0) continue;
-    std::string head = line.substr(0, line.find('('));
-    while (!head.empty() && head.back() == ' ') head.pop_back();
-    const size_t at = head.find_last_not_of(
-        "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_");
-    declared.insert(head.substr(at + 1));
-  }
+  // A declaration names its function right before the first '(' of its line.
+  std::set<std::string> declared, exported;
+  std::istringstream header(tarn::testing::ReadAll(std::string(TARN_SOURCE_DIR) + "/include/tarn/tarn_device.h"));
+  const std::regex declaration(R"(^TARN_API [^(]*?(\w+)\s*\()");
+  std::smatch m;
+  for (std::string line; std::getline(header, line);)
+    if (std::regex_search(line, m, declaration)) declared.insert(m[1]);
   ASSERT_GT(declared.size(), 80u);
-
   int status = -1;
-  std::istringstream symbols(tarn::testing::run_command(std::string("nm -D --defined-only ") + TARN_DEVICE_LIB_PATH, &status));
+  std::istringstream symbols(tarn::testing::run_command(
+      std::string("nm -D --defined-only --format=posix ") + TARN_DEVICE_LIB_PATH + " | awk '$2 ~ /^[TDB]$/ {print $1}'",
+      &status));
   ASSERT_EQ(status, 0);
-  std::set<std::string> exported;
-  for (std::string line; std::getline(symbols, line);) {
-    char type = 0;
-    char name[400];
-    if (sscanf(line.c_str(), "%*s %c %399s", &type, name) == 2 && (type == 'T' || type == 'D' || type == 'B'))
-      exported.insert(name);
-  }
+  for (std::string name; std::getline(symbols, name);) exported.insert(name);
   std::vector<std::string> missing, extra;
   std::set_difference(declared.begin(), declared.end(), exported.begin(), exported.end(),
                       std::back_inserter(missing));

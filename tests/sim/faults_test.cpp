@@ -107,22 +107,6 @@ TEST_F(FaultTest, EachSwitchBreaksWhatItNamesUntilCleared) {
   EXPECT_THROW(sim->set_option("no-such-device", "latency_us", "1"), std::runtime_error);
 }
 
-TEST_F(FaultTest, DetachEndsConnections) {
-  AfcClient c(kUdid);
-  ASSERT_TRUE(c.ok());
-  EXPECT_EQ(sim->stats(kUdid).connections_open, 1);
-  sim->detach(kUdid);
-  afc_error_t e;
-  c.file_info("/a.txt", &e);
-  EXPECT_NE(e, AFC_E_SUCCESS);
-  EXPECT_EQ(run_command("idevice_id -l").find(kUdid), std::string::npos);
-  AfcClient gone(kUdid);
-  EXPECT_EQ(gone.error, "idevice_new");
-  sim->attach({img.path(), kUdid, {}});
-  AfcClient back(kUdid);
-  EXPECT_TRUE(back.ok()) << back.error;
-}
-
 TEST_F(FaultTest, StatisticsCountAndLogRequests) {
   sim->enable_log(kUdid, true);
   {

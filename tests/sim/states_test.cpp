@@ -4,7 +4,6 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
-#include <chrono>
 
 #include "sim_client.h"
 #include "images.h"
@@ -103,27 +102,6 @@ TEST_F(StatesTest, PairValidateUnpairWithTheRealTools) {
   sim->set_option(kUdid, "pair_answer", "pending");
   EXPECT_EQ(Handshake(), LOCKDOWN_E_PAIRING_DIALOG_RESPONSE_PENDING);
   EXPECT_GE(sim->stats(kUdid).tls_sessions, 2u);
-}
-
-// Another computer syncing the phone holds its sync lock; a slow link makes
-// each session cost what handshake_delay_us says.
-TEST_F(StatesTest, SyncingHoldsTheSyncLockAndSessionsCostTheirDelay) {
-  sim->set_option(kUdid, "syncing", "1");
-  sim->set_option(kUdid, "handshake_delay_us", "200000");
-  {
-    const auto t0 = std::chrono::steady_clock::now();
-    AfcClient c(kUdid);
-    ASSERT_TRUE(c.ok()) << c.error;
-    EXPECT_GE(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(200));
-    uint64_t h = 0;
-    ASSERT_EQ(afc_file_open(c.get(), "/com.apple.itunes.lock_sync", AFC_FOPEN_RW, &h), AFC_E_SUCCESS);
-    EXPECT_EQ(afc_file_lock(c.get(), h, AFC_LOCK_EX), AFC_E_OP_WOULD_BLOCK);
-    sim->set_option(kUdid, "syncing", "0");
-    EXPECT_EQ(afc_file_lock(c.get(), h, AFC_LOCK_EX), AFC_E_SUCCESS);
-    EXPECT_EQ(afc_file_lock(c.get(), h, AFC_LOCK_UN), AFC_E_SUCCESS);
-    afc_file_close(c.get(), h);
-  }
-  ExpectIdle(*sim, kUdid, "syncing");
 }
 
 // stall_after_requests leaves a request unanswered for as long as the client

@@ -193,18 +193,13 @@ class DesktopTest : public QObject {
       expected += hit;
     }
     QCOMPARE(proxy->rowCount(), expected);
-    struct Case {
-      int column;
-      Qt::SortOrder order;
-    };
-    for (const Case c : {Case{0, Qt::AscendingOrder}, Case{4, Qt::DescendingOrder}, Case{5, Qt::AscendingOrder}}) {
-      page->view()->sortByColumn(c.column, c.order);
-      for (int r = 1; r < proxy->rowCount(); ++r) {
-        const QVariant a = proxy->index(r - 1, c.column).data(CatalogueModel::kSortRole);
-        const QVariant b = proxy->index(r, c.column).data(CatalogueModel::kSortRole);
-        const int cmp = QVariant::compare(a, b) == QPartialOrdering::Less ? -1 : QVariant::compare(a, b) == QPartialOrdering::Equivalent ? 0 : 1;
-        QVERIFY2(c.order == Qt::AscendingOrder ? cmp <= 0 : cmp >= 0, qPrintable(QString("column %1 row %2").arg(c.column).arg(r)));
-      }
+    // Sizes and times sort by their numbers, not by their text.
+    for (const auto &[column, order] : {std::pair{0, Qt::AscendingOrder}, {4, Qt::DescendingOrder}, {5, Qt::AscendingOrder}}) {
+      page->view()->sortByColumn(column, order);
+      const auto wrong = order == Qt::AscendingOrder ? QPartialOrdering::Greater : QPartialOrdering::Less;
+      for (int r = 1; r < proxy->rowCount(); ++r)
+        QVERIFY(QVariant::compare(proxy->index(r - 1, column).data(CatalogueModel::kSortRole),
+                                  proxy->index(r, column).data(CatalogueModel::kSortRole)) != wrong);
     }
     page->filter()->clear();
     QCOMPARE(proxy->rowCount(), 183);

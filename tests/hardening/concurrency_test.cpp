@@ -21,11 +21,6 @@ std::string Udid(int device) { return "00008030-0000TARNCC000" + std::to_string(
 // The catalogue lists a thread reads from its own initialised handle.
 constexpr PodListFunction kLists[] = {GetMusicList, GetPlayList, GetRecordingList, GetBookList, GetCameraPVList};
 
-uint64_t Number(plist_t list) {
-  uint64_t n = 0;
-  if (list) plist_get_uint_val(plist_dict_get_item(list, "number"), &n);
-  return n;
-}
 
 // The item count of every list (the length of the playlist and catalogue
 // arrays); read once by the main thread as the answer every thread must see

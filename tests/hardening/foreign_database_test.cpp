@@ -11,11 +11,6 @@
 namespace tarn_fs_test {
 namespace {
 
-uint32_t Number(plist_t list) {
-  uint64_t n = 0;
-  if (list) plist_get_uint_val(plist_dict_get_item(list, "number"), &n);
-  return static_cast<uint32_t>(n);
-}
 
 struct DbCase {
   const char *what;
@@ -57,7 +52,7 @@ class ForeignDatabaseTest : public DeviceFsTest {
         EXPECT_EQ(list, nullptr);
       }
       if (c.number >= 0) {
-        EXPECT_EQ(Number(list), static_cast<uint32_t>(c.number));
+        EXPECT_EQ(Number(list), static_cast<uint64_t>(c.number));
       }
       if (list) plist_free(list);
       ExpectIdle(c.what);

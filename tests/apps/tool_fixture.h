@@ -69,10 +69,6 @@ inline std::string TrackContent(const Track &t) {
   return text;
 }
 
-inline std::string DeviceColonPath(std::string path) {
-  std::replace(path.begin(), path.end(), '/', ':');
-  return path;
-}
 
 using tarn::testing::ReadAll;
 using tarn::testing::Result;
@@ -93,7 +89,9 @@ class ToolTest : public tarn::testing::SimulatedDeviceTest {
       if (t.artist) track["artist"] = t.artist;
       if (t.album) track["album"] = t.album;
       track["size"] = TrackContent(t).size();
-      track["path"] = DeviceColonPath(t.file);
+      std::string colons = t.file;
+      std::replace(colons.begin(), colons.end(), '/', ':');
+      track["path"] = colons;
       tracks.push_back(track);
       files.push_back({{"path", t.file}, {"content", TrackContent(t)}, {"mtime", kTrackTime}});
     }

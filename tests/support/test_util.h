@@ -4,7 +4,6 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <plist/plist.h>
 
 #include <cstdio>
@@ -15,6 +14,7 @@
 #include <map>
 #include <string>
 
+#include "child_process.h"
 #include "simulator.h"
 
 namespace tarn::testing {
@@ -102,16 +102,12 @@ class ScopedTimeZone {
 };
 
 // Runs a shell command, killed after `seconds`; gives its standard output
-// and error, and its exit status through `status` (-1 when it did not exit).
+// and error, and its exit status through `status`.
 inline std::string run_command(const std::string &cmd, int *status = nullptr, int seconds = 30) {
-  std::string out;
-  FILE *f = ::popen(("timeout " + std::to_string(seconds) + " " + cmd + " 2>&1").c_str(), "r");
-  if (!f) return out;
-  char buf[4096];
-  while (size_t n = fread(buf, 1, sizeof buf, f)) out.append(buf, n);
-  const int st = ::pclose(f);
-  if (status) *status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-  return out;
+  const std::string line = "timeout " + std::to_string(seconds) + " " + cmd + " 2>&1";
+  const Result r = ChildProcess({"/bin/sh", "-c", line}).Wait(std::chrono::seconds(seconds + 10));
+  if (status) *status = r.code;
+  return r.out;
 }
 
 // Nothing of a call may outlive it on the device.

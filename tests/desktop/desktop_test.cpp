@@ -333,32 +333,22 @@ class DesktopTest : public QObject {
     QTRY_COMPARE(SidebarItem("00008030-00A77AC400000002")->text(), QString("Late Phone"));
   }
 
-  // Every page of the sample phone rendered offscreen; saved where
-  // TARN_SCREENSHOT_DIR says (scripts/demo), and none of them blank.
+  // tarn-desktop --screenshots, as the demo runs it: every page of the
+  // sample phone saved, none of them blank.
   void screenshots() {
-    Choose(kSample);
-    const QByteArray out_dir = qgetenv("TARN_SCREENSHOT_DIR");
-    TempDir scratch;
-    const QString dir = out_dir.isEmpty() ? QString::fromStdString(scratch.path()) : QString::fromLocal8Bit(out_dir);
-    QDir().mkpath(dir);
-    for (int i = 0; i < window_->pages()->count(); ++i) {
-      window_->pages()->setCurrentIndex(i);
-      QWidget *page = window_->pages()->widget(i);
-      if (auto *catalogue = qobject_cast<CataloguePage *>(page)) {
-        QTRY_VERIFY_WITH_TIMEOUT(catalogue->loaded(), 60000);
-        catalogue->view()->selectRow(0);
-      }
-      if (page == window_->files()) {
-        QTRY_VERIFY(window_->files()->Find("/iTunes_Control") != nullptr);
-        window_->files()->Expand("/Recordings");
-        QTRY_VERIFY(window_->files()->Find("/Recordings")->childCount() > 0);
-      }
-      QTest::qWait(50);
-      const QImage shot = window_->grab().toImage();
-      const QString name = QString("%1/%2-%3.png").arg(dir).arg(i, 2, 10, QChar('0')).arg(page->objectName());
-      QVERIFY(shot.save(name));
-      QVERIFY2(Ink(page->grab().toImage()) > 0.02, qPrintable(name));
+    const Simulator alone({{dir_->path() + "/sample", kSample, {}}}, false);
+    TempDir out;
+    const tarn::testing::Result r =
+        tarn::testing::ChildProcess({TARN_DESKTOP_PATH, "--screenshots", out.path()},
+                                    {{"USBMUXD_SOCKET_ADDRESS", alone.env_value()}, {"QT_QPA_PLATFORM", "offscreen"}})
+            .Wait(std::chrono::seconds(300));
+    QVERIFY2(r.code == 0, r.err.c_str());
+    int shots = 0;
+    for (const auto &png : fs::directory_iterator(out.path())) {
+      ++shots;
+      QVERIFY2(Ink(QImage(QString::fromStdString(png.path().string()))) > 0.02, png.path().c_str());
     }
+    QCOMPARE(shots, window_->pages()->count());
   }
 };
 

@@ -19,7 +19,7 @@ json File(const std::string &path, uint64_t size, int64_t mtime = kMarch2011) {
 json Folder(const std::string &path) { return {{"path", path}, {"dir", true}}; }
 
 TEST_F(CatalogueTest, CameraRollListsThePhotoDatabaseRowsSizedAndDatedOnTheDevice) {
-  FixedZone zone;
+  const tarn::testing::ScopedTimeZone zone(kNineEast);
   ASSERT_EQ(Start({{"photos",
                     {{"rows",
                       {{{"directory", "DCIM/100APPLE"}, {"filename", "IMG_0001.JPG"}},
@@ -51,7 +51,7 @@ TEST_F(CatalogueTest, CameraRollListsThePhotoDatabaseRowsSizedAndDatedOnTheDevic
 }
 
 TEST_F(CatalogueTest, CameraRollWithoutUsableDatabaseWalksTheCameraFolder) {
-  FixedZone zone;
+  const tarn::testing::ScopedTimeZone zone(kNineEast);
   const json camera_files = {File("/DCIM/100APPLE/IMG_0001.JPG", 10), File("/DCIM/100APPLE/Sub/b.mov", 20),
                              File("/DCIM/100APPLE/notes.txt", 5), File("/DCIM/100APPLE/.hidden.png", 7)};
   const std::string walked =
@@ -94,7 +94,7 @@ TEST_F(CatalogueTest, CameraRollWithoutUsableDatabaseWalksTheCameraFolder) {
 }
 
 TEST_F(CatalogueTest, PictureWalkKeepsPictureExtensionsAnyCaseAndTriesOtherNamesAsFolders) {
-  FixedZone zone;
+  const tarn::testing::ScopedTimeZone zone(kNineEast);
   ASSERT_EQ(Start({{"files",
                     {
                         // Pictures: the extension, lower-cased, occurs in

@@ -185,25 +185,14 @@ void WriteTree(const json &tree, const fs::path &media) {
   fill(root, 0);
 }
 
-}  // namespace
-
 void SetTime(const fs::path &path, int64_t mtime) {
   if (mtime == 0) return;
   const timespec ts[2] = {{static_cast<time_t>(mtime), 0}, {static_cast<time_t>(mtime), 0}};
   if (::utimensat(AT_FDCWD, path.c_str(), ts, 0) != 0) throw std::runtime_error("cannot set the time of " + path.string());
 }
 
-void WriteFile(const fs::path &path, uint64_t size, const std::string &content, int64_t mtime) {
-  fs::create_directories(path.parent_path());
-  {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    if (!out) throw std::runtime_error("cannot create " + path.string());
-    out << content;
-  }
-  if (content.empty() && size) fs::resize_file(path, size);
-  SetTime(path, mtime);
-}
-
+// Data whose every block differs, so that a copy that lost, doubled or
+// shifted a block shows.
 uint8_t PatternByte(uint64_t offset) { return static_cast<uint8_t>(offset * 131 + (offset >> 12) * 7 + 17); }
 
 void WritePattern(const fs::path &path, uint64_t size) {
@@ -216,6 +205,19 @@ void WritePattern(const fs::path &path, uint64_t size) {
     out.write(block.data(), static_cast<std::streamsize>(block.size()));
   }
   if (!out) throw std::runtime_error("cannot write " + path.string());
+}
+
+}  // namespace
+
+void WriteFile(const fs::path &path, uint64_t size, const std::string &content, int64_t mtime) {
+  fs::create_directories(path.parent_path());
+  {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    if (!out) throw std::runtime_error("cannot create " + path.string());
+    out << content;
+  }
+  if (content.empty() && size) fs::resize_file(path, size);
+  SetTime(path, mtime);
 }
 
 void BuildImage(const json &d, const fs::path &out, const fs::path &base) {

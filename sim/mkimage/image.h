@@ -21,16 +21,6 @@ void BuildImage(const nlohmann::ordered_json &description, const std::filesystem
 void WriteFile(const std::filesystem::path &path, uint64_t size, const std::string &content = "",
                int64_t mtime = 0);
 
-// Sets a file's modification time; 0 leaves it alone.
-void SetTime(const std::filesystem::path &path, int64_t mtime);
-
-// The byte at `offset` of a patterned file: data whose every block differs,
-// so that a copy that lost, doubled or shifted a block shows.
-uint8_t PatternByte(uint64_t offset);
-
-// Writes `size` bytes of the pattern, for files whose content is read back.
-void WritePattern(const std::filesystem::path &path, uint64_t size);
-
 // Writes the music database section below `media`.
 void WriteMusic(const nlohmann::ordered_json &music, const std::filesystem::path &media,
                 const std::filesystem::path &base);

@@ -288,8 +288,9 @@ TEST_F(FaultMatrixTest, EveryCatalogueOperationFailsCleanlyAtEveryRequest) {
            ASSERT_NE(fresh->dbInfo, nullptr);
            EXPECT_EQ(plist_dict_get_size(fresh->dbInfo), 0u);
          }
-         // A copy cut short holds the start of its database; whatever the
-         // lists make of it, they answer consistently.
+         // A copy cut short is dropped with its temporary name: only the
+         // databases' own names stay, and the lists answer consistently
+         // from whatever is there.
          for (auto &e : fs::directory_iterator(image.host("init"))) {
            const std::string name = e.path().filename().string();
            bool known = false;

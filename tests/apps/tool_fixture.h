@@ -69,7 +69,6 @@ inline std::string TrackContent(const Track &t) {
   return text;
 }
 
-
 using tarn::testing::ReadAll;
 using tarn::testing::Result;
 using tarn::testing::WriteAll;

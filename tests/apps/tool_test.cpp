@@ -124,8 +124,7 @@ TEST_F(ToolTest, ListingsReadForPeopleAndForScriptsWithoutTheLibrarysConsoleLine
 }
 
 TEST_F(ToolTest, FilesMoveBothWaysByteForByteAndFailuresSayWhy) {
-  std::string data(300000, '\0');
-  for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>(i * 131 + (i >> 12));
+  const std::string data = tarn::testing::Bytes(300000);
   WriteAll(host("up.bin"), data);
 
   Result r = Tarn({"mkdir", "-p", "/Transfer/In"});

@@ -268,8 +268,9 @@ TEST_F(CatalogueTest, RealDatabasesListWhatLibgpodReads) {
     }
     for (GList *l = db->tracks; l; l = l->next) {
       auto *t = static_cast<Itdb_Track *>(l->data);
-      read.insert(t->title ? t->title : "");
-      for (const char c : *read.find(t->title ? t->title : "")) saw_non_ascii |= (c & 0x80) != 0;
+      const std::string title = t->title ? t->title : "";
+      read.insert(title);
+      for (const char c : title) saw_non_ascii |= (c & 0x80) != 0;
     }
     // Voice recordings and hidden tracks are on no list.
     EXPECT_TRUE(std::includes(read.begin(), read.end(), listed.begin(), listed.end()));

@@ -12,7 +12,6 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -26,14 +25,7 @@ namespace fs = std::filesystem;
 
 inline constexpr const char *kUdid = "00008030-0000TARNFS0001";
 
-// Deterministic bytes, so a failed comparison can be reproduced.
-inline std::string Bytes(size_t n, unsigned seed = 7) {
-  std::string s(n, '\0');
-  std::minstd_rand gen(seed);
-  for (auto &c : s) c = static_cast<char>(gen() & 0xff);
-  return s;
-}
-
+using tarn::testing::Bytes;
 using tarn::testing::Console;
 using tarn::testing::Quiet;
 using tarn::testing::ReadAll;

@@ -42,10 +42,7 @@ TEST(IfuseTest, CopyListMoveRemoveAndDf) {
   m.mounted = true;
 
   const std::string local = work.path() + "/big.bin";
-  {
-    std::ofstream f(local, std::ios::binary);
-    for (uint64_t i = 0; i < 6u * 1024 * 1024 + 77; ++i) f.put(static_cast<char>(i * 131 + (i >> 12)));
-  }
+  WriteAll(local, Bytes(6u * 1024 * 1024 + 77));
   auto sh = [&](const std::string& cmd) {
     int st = -1;
     std::string o = run_command(cmd, &st);

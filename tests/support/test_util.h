@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <random>
 #include <string>
 
 #include "child_process.h"
@@ -35,6 +36,14 @@ inline std::string ReadAll(const std::filesystem::path &p) {
 inline void WriteAll(const std::filesystem::path &p, const std::string &bytes) {
   if (p.has_parent_path()) std::filesystem::create_directories(p.parent_path());
   std::ofstream(p, std::ios::binary) << bytes;
+}
+
+// Deterministic bytes, so a failed comparison can be reproduced.
+inline std::string Bytes(size_t n, unsigned seed = 7) {
+  std::string s(n, '\0');
+  std::minstd_rand gen(seed);
+  for (auto &c : s) c = static_cast<char>(gen() & 0xff);
+  return s;
 }
 
 // Every entry below `dir`: relative path -> the file's bytes, or "<dir>".

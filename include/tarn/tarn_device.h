@@ -338,7 +338,15 @@ TARN_API void SetDeviceUsage(PodDevice *device, afc_client_t client, plist_t inf
  * is set also on failure), connects (label "iPod"), finds the media
  * databases, stores them in dbInfo and copies each into host_dir under its
  * base name unless a file of that name is already there (a copy cut short
- * is not left there).
+ * is not left there). A SQLite database the device keeps with a write-ahead
+ * log (a current phone's music and photo libraries) is copied with its
+ * "-wal" and "-shm" under the device's sync lock, checked, and folded into
+ * one file, so that the rows that live only in the log are read; a copy
+ * the device changed while it was read is made again, and a copy is
+ * replaced whenever the device's files changed since it was made (a record
+ * "NAME.tarn-source" beside it says from what it was made). When no
+ * consistent copy can be made, none is left and TARN_E_DATABASE_UNREADABLE
+ * is recorded.
  *
  * dbInfo maps "TrackDb", "BookDb", "UserPictureDb", "CameraDb",
  * "RecordingDb" (in this order, each only when a file was found) to an array
@@ -368,7 +376,7 @@ TARN_API int IsPodFileValid(afc_client_t client, const char *path);
  * Nothing is printed.
  * @{
  */
-/** The music databases and the purchases plist (four paths). */
+/** The music databases, the purchases plist and the music library MediaLibrary.sqlitedb (five paths). */
 TARN_API plist_t GetMusicDBFileInfo(afc_client_t client);
 /** Podcasts live in the music databases: the result of GetMusicDBFileInfo(). */
 TARN_API plist_t GetPodcastDBFileInfo(afc_client_t client);
@@ -423,6 +431,14 @@ TARN_API Itdb_iTunesDB *m_itdb_parse_file(const char *path, GError **error);
  * music database, it cannot be parsed, or it holds no tracks.
  */
 
+/*
+ * On a phone that keeps a music library (MediaLibrary.sqlitedb) every list
+ * below reads it (ReadTrackDbTypeSQLITE()), and its items carry more keys
+ * after the ten; a legacy iTunesCDB such a phone keeps beside it is not read,
+ * as the phone no longer updates it, nor is the purchases plist, whose
+ * purchases the library holds.
+ */
+
 /** Music (and purchased music, last). Prints "GetAudioList". */
 TARN_API plist_t GetMusicList(PodDevice *device, uint32_t reserved1, uint32_t reserved2);
 /** Movies. Prints "GetVideoList". */
@@ -443,12 +459,51 @@ TARN_API plist_t GetRingtonesList(PodDevice *device, uint32_t reserved1, uint32_
  */
 TARN_API plist_t ReadTrackDbTypeCdb(const char *path, uint32_t kind);
 
+/**
+ * Reads the track list of one media kind (numbered as for
+ * ReadTrackDbTypeCdb()) from a host copy of a phone's music library,
+ * MediaLibrary.sqlitedb, as phones since iOS 5 keep it. Kinds are told
+ * apart by the library's media-type bits: songs and music videos are music;
+ * movies and home videos movies; podcasts, video podcasts and iTunes U
+ * podcasts; files under "/iTunes_Control/Ringtones" ringtones. The tables
+ * and columns are asked of the database itself, so that every schema from
+ * iOS 5 on reads.
+ *
+ * Items carry the ten keys of every track list, then, in this order:
+ * "album_artist", "composer" (strings, "" when unknown), "track", "disc",
+ * "year", "date_added" (unsigned integers, seconds since 1970 for the date,
+ * 0 when unknown), "cloud" (boolean: the phone has no file for the track,
+ * which is in iCloud or not downloaded; its "path" is "" and its "size" 0,
+ * and it is counted in "number" but adds nothing to "total") and
+ * "purchased" (boolean: bought from the store). "id" is the library's
+ * 64-bit persistent id, "rating" 0-100 (stars times 20), "time"
+ * milliseconds. Items come in the database's order. Prints nothing.
+ * @return A new track list result, or NULL when the file is no readable
+ *         music library or holds no item (TarnLastError() says why).
+ */
+TARN_API plist_t ReadTrackDbTypeSQLITE(const char *path, uint32_t kind);
+
+/**
+ * Every playlist of a host copy of MediaLibrary.sqlitedb: the whole-library
+ * playlist first (named after the phone), then the others in the
+ * database's order, as {"name", "number", "item", "kind", "parent"}:
+ * "item" holds the members as ReadTrackDbTypeSQLITE() builds them, in
+ * playlist order (a track may appear twice); "kind" is "library", "user",
+ * "smart", "folder", "genius" or "builtin" (a list the phone made, such as
+ * "Purchased"); "parent" names the folder holding the playlist, or "".
+ * Lists the phone hides are left out. Prints nothing.
+ * @return A new array, or NULL (TarnLastError() says why).
+ */
+TARN_API plist_t ReadPlaylistDbTypeSQLITE(const char *path);
+
 /** @return 1 when the track's media type belongs to kind, else 0. */
 TARN_API int IsMatchTrackType(Itdb_Track *track, uint32_t kind);
 
 /**
  * Every playlist (the master playlist included): an array of {"name",
  * "number", "item"} with a full media item per member, in membership order.
+ * From a phone's music library the playlists come as
+ * ReadPlaylistDbTypeSQLITE() gives them.
  * Prints "GetPlayList"; when the handle has a music database also the result
  * (PrintPlist()) and "GetPlayList END".
  */
@@ -482,7 +537,10 @@ TARN_API uint32_t GetPurchaseMusicListFromPlist(PodDevice *device, const char *p
  * "title", "time", "size", "name" from Recordings.db, or {"number", "item"}
  * from the music database, whichever dbInfo lists first and yields a
  * recording. Prints "name is %s\n" per database row, then
- * "GetRecordingList END!!" and the result (PrintPlist()).
+ * "GetRecordingList END!!" and the result (PrintPlist()). On a phone with a
+ * music library the voice memos synced into that library are listed
+ * instead of the stale music database's; a phone that has neither keeps
+ * its memos in the Voice Memos app: NULL, with TARN_E_NOT_REACHABLE.
  */
 TARN_API plist_t GetRecordingList(PodDevice *device, uint32_t reserved1, uint32_t reserved2);
 /** Reads a host copy of Recordings.db; file sizes come from the device. */
@@ -499,7 +557,9 @@ TARN_API char *GetFormatedRecordingTime(const char *source, char *dest);
 /**
  * Books: an array of catalogues {"catalog" ("UserBook" or "PurchaseBook"),
  * "number", "item"}; items "title", "time", "artist", "album", "rating",
- * "genre", "path". NULL when the handle has no book database. Prints
+ * "genre", "path". NULL when the handle has no book database; on a phone
+ * with a music library and no book catalogue NULL with
+ * TARN_E_NOT_REACHABLE (its books are in the Books app). Prints
  * "GetBookList" and the result (PrintPlist()).
  */
 TARN_API plist_t GetBookList(PodDevice *device, uint32_t reserved1, uint32_t reserved2);
@@ -514,14 +574,26 @@ TARN_API plist_t ReadBookFromPLIST(const char *path, const char *catalog, const 
 /**
  * Camera roll: {"number", "total", "item"} with items "size", "path", "time"
  * (local time "%Y/%m/%d %H:%M:%S") from Photos.sqlite, or from the walk of
- * "/DCIM/100APPLE" when the database gives nothing. Prints
+ * "/DCIM/100APPLE" when the database gives nothing. A current phone's
+ * photo library (asset table ZASSET, or ZGENERICASSET on iOS 11-13) gives
+ * the visible pictures oldest first, "time" being when each was taken,
+ * with more keys after the three: "taken" (seconds since 1970, 0 unknown),
+ * "kind" ("photo", "video", "live" or "screenshot"), "width", "height",
+ * "duration" (milliseconds), "live_video" (the device path of a Live
+ * Photo's movie, or ""), "albums" (array of the titles of the person's
+ * albums that hold it), "thumbnail" (where the phone keeps a JPEG
+ * thumbnail, when it has made one) and "cloud" (true when the original is
+ * not on the phone, with optimised storage: "size" 0, nothing to copy).
+ * Pictures in Recently Deleted and hidden ones are left out; sizes come
+ * from the database, and which originals are on the phone from one listing
+ * per folder. Prints
  * "GetCameraPVList"; when the device has the database, the database's result
  * (PrintPlist(): only its separator line when the database gives nothing),
  * and "GetCameraPVList END" when it gave a list. The walk prints
  * "GetUserPictureListFromDevice".
  */
 TARN_API plist_t GetCameraPVList(PodDevice *device, uint32_t reserved1, uint32_t reserved2);
-/** Reads a host copy of Photos.sqlite; sizes and times come from the device. */
+/** Reads a host copy of Photos.sqlite; sizes and times come from the device (from the database for a photo library). */
 TARN_API plist_t ReadCameraDbTypeSQLITE(PodDevice *device, const char *path);
 /** SQLite row callback of ReadCameraDbTypeSQLITE(); context is a CameraRowContext. */
 TARN_API int CameraPictureCallback(void *context, int columns, char **values, char **names);
@@ -845,7 +917,8 @@ typedef enum TarnErrorCode {
     TARN_E_SYNC_LOCK_BUSY = 19,       /**< Another party holds the device's sync lock (the device is syncing with another computer). */
     TARN_E_HOST_IO = 20,              /**< A host file could not be read or written; host_errno holds the errno value (ENOSPC: no space left on the host). */
     TARN_E_INVALID_ARGUMENT = 21,     /**< A required argument was NULL, empty or not usable. */
-    TARN_E_DEVICE = 22                /**< Any other failure of the device or its protocol library. */
+    TARN_E_DEVICE = 22,               /**< Any other failure of the device or its protocol library. */
+    TARN_E_NOT_REACHABLE = 23         /**< The device keeps this kind of media where file access over USB cannot reach it (voice memos and books on current phones). */
 } TarnErrorCode;
 
 /** The reason for the last failure on the calling thread. */

@@ -109,6 +109,14 @@ TARN_API plist_t GetBookList(PodDevice *device, uint32_t, uint32_t) {
     if (catalogue) plist_array_append_item(catalogues.get(), catalogue);
     return ++read == kMaxCatalogues;
   });
+  if (read == 0 && tarn::MediaLibraryCopy(device)) {
+    // Books on a current phone are in the Books app's own library unless a
+    // computer synced them into the book catalogues above.
+    tarn::SetError(TARN_E_NOT_REACHABLE,
+                   "This phone keeps its books in the Books app, which file access over USB cannot reach; only "
+                   "books synced from a computer are listed here. Open them in the Books app on the phone.");
+    return nullptr;
+  }
   if (!listed) return nullptr;
   // No catalogue with a book gives an empty array, not null: the device
   // has book catalogues, they are empty.

@@ -5,6 +5,7 @@
 
 #include "catalogue/catalogue.h"
 #include "catalogue/media_item.h"
+#include "catalogue/photo_library.h"
 #include "catalogue/pictures.h"
 #include "common/connection.h"
 #include "common/console.h"
@@ -27,6 +28,13 @@ namespace tarn {
 plist_t ReadCameraDbTypeSQLITE(PodDevice *device, const char *path) {
   const tarn::SqliteDb db = tarn::OpenDatabaseCopy(path);
   if (!db) return nullptr;
+  // Phones since iOS 11 keep the roll in the photo library's asset table;
+  // older ones in the Photo table read below.
+  tarn::SqliteSchema schema(db.get());
+  if (!schema.HasTable("Photo")) {
+    const std::string assets = schema.FirstTable({"ZASSET", "ZGENERICASSET"});
+    if (!assets.empty()) return tarn::ReadPhotoLibrarySQLITE(device, path, db.get(), schema, assets);
+  }
 
   tarn::PlistPtr result(tarn::NewTrackListResult());
   CameraRowContext ctx{tarn::ListItems(result.get()), 0, nullptr};

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 #include <gpod/itdb.h>
 #include <libimobiledevice/afc.h>
@@ -14,6 +15,19 @@
 #include "tarn/tarn_device.h"
 
 namespace tarn {
+
+// The kinds of track list, as the list functions and ReadTrackDbTypeCdb
+// number them. Voice memos are a kind only in a phone's music library.
+enum TrackKind : uint32_t {
+  kMusicKind = 0,
+  kMovieKind = 1,
+  kPodcastKind = 2,
+  kTvShowKind = 3,
+  kAudioBookKind = 4,
+  kRingtoneKind = 5,
+  kVoiceMemoKind = 7,
+  kNoKind = 0xFFFFFFFF,
+};
 
 // Music, movies and the other track kinds from the copied music database.
 int IsMatchTrackType(Itdb_Track *track, uint32_t kind);
@@ -24,6 +38,14 @@ uint32_t GetPurchaseMusicListFromPlist(PodDevice *device, const char *path, plis
                                        PodPlistParser parser);
 
 plist_t ReadPlaylistDbTypeCdb(const char *path);
+
+// The same lists from a phone's music library (MediaLibrary.sqlitedb).
+// The kind of a library item, from its media-type bits and its folder.
+uint32_t LibraryKindOf(int64_t media_type, const std::string &path);
+plist_t ReadTrackDbTypeSQLITE(const char *path, uint32_t kind);
+plist_t ReadPlaylistDbTypeSQLITE(const char *path);
+// The voice memos a computer synced into the library, as recording items.
+plist_t ReadRecordingsFromLibrarySQLITE(const char *path);
 
 plist_t ReadBookFromPLIST(const char *path, const char *catalog, const char *prefix, PodPlistParser parser);
 plist_t ReadBookDbTypePLIST(const char *path, const char *name);

@@ -61,4 +61,27 @@ plist_t MediaItemFromPurchase(plist_t entry, const char *device_path, uint64_t s
   return item;
 }
 
+plist_t MediaItemFromLibrary(const LibraryTrack &track) {
+  plist_t item = plist_new_dict();
+  plist_dict_set_item(item, "id", plist_new_uint(track.id));
+  plist_dict_set_item(item, "size", plist_new_uint(track.size));
+  tarn::InsertPlistDictString(item, "path", track.path.c_str());
+  tarn::InsertPlistDictString(item, "title", track.title);
+  plist_dict_set_item(item, "time", plist_new_uint(track.time));
+  tarn::AddNoneValuePlistDictString(item, "artist", track.artist);
+  tarn::AddNoneValuePlistDictString(item, "album", track.album);
+  tarn::AddNoneValuePlistDictString(item, "genre", track.genre);
+  plist_dict_set_item(item, "rating", plist_new_uint(track.rating));
+  plist_dict_set_item(item, "plays", plist_new_uint(track.plays));
+  tarn::InsertPlistDictString(item, "album_artist", track.album_artist);
+  tarn::InsertPlistDictString(item, "composer", track.composer);
+  plist_dict_set_item(item, "track", plist_new_uint(track.track));
+  plist_dict_set_item(item, "disc", plist_new_uint(track.disc));
+  plist_dict_set_item(item, "year", plist_new_uint(track.year));
+  plist_dict_set_item(item, "date_added", plist_new_uint(track.date_added));
+  plist_dict_set_item(item, "cloud", plist_new_bool(track.cloud));
+  plist_dict_set_item(item, "purchased", plist_new_bool(track.purchased));
+  return item;
+}
+
 }  // namespace tarn

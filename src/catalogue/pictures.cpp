@@ -69,6 +69,11 @@ struct PictureVisitor {
 
 namespace tarn {
 
+std::string PictureTime(int32_t seconds) {
+  CString time(TarnGetLocalFormatTime(seconds, kTimeFormat, kTimeBufferSize));
+  return time ? time.get() : "";
+}
+
 bool AppendPictureItem(plist_t items, const char *path, char *const *info, uint64_t *total) {
   if (info == nullptr || info[TARN_INFO_SIZE] == nullptr) return false;
   const uint64_t size = tarn::DeviceNumber(info[TARN_INFO_SIZE]);
@@ -77,8 +82,7 @@ bool AppendPictureItem(plist_t items, const char *path, char *const *info, uint6
   plist_array_append_item(items, item);
   plist_dict_set_item(item, "size", plist_new_uint(size));
   tarn::InsertPlistDictString(item, "path", path);
-  CString time(TarnGetLocalFormatTime(mtime, kTimeFormat, kTimeBufferSize));
-  tarn::InsertPlistDictString(item, "time", time.get());
+  tarn::InsertPlistDictString(item, "time", PictureTime(mtime).c_str());
   *total += size;
   return true;
 }

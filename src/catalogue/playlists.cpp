@@ -50,7 +50,9 @@ TARN_API plist_t GetPlayList(PodDevice *device, uint32_t, uint32_t) {
   const tarn::ApiCall api_call;
   tarn::ConsoleLine("GetPlayList");
   plist_t result = nullptr;
-  if (!tarn::WalkDbFiles(device, "TrackDb", [&](uint64_t type, const char *device_path) {
+  if (const auto library = tarn::MediaLibraryCopy(device)) {
+    result = tarn::ReadPlaylistDbTypeSQLITE(library->c_str());
+  } else if (!tarn::WalkDbFiles(device, "TrackDb", [&](uint64_t type, const char *device_path) {
         if (type != tarn::kTrackDbCdb) return false;
         result = tarn::ReadPlaylistDbTypeCdb(tarn::LocalCopyPath(device, device_path).c_str());
         return true;

@@ -161,16 +161,31 @@ TARN_API plist_t ReadRecordingDbTypeCdb(const char *path) {
 TARN_API plist_t GetRecordingList(PodDevice *device, uint32_t, uint32_t) {
   const tarn::ApiCall api_call;
   plist_t result = nullptr;
+  // A phone with a music library keeps a compressed database beside it that
+  // it no longer updates: its recordings would be stale.
+  const auto library = tarn::MediaLibraryCopy(device);
   const bool listed = tarn::WalkDbFiles(device, "RecordingDb", [&](uint64_t type, const char *device_path) {
     // Of the music databases only the compressed one is parsed, as for
     // every track list; the plain and locations forms are passed over.
     if (type == kRecordingSqlite) {
       result = tarn::ReadRecordingDbTypeSQLITE(device, tarn::LocalCopyPath(device, device_path).c_str());
-    } else if (type == kRecordingCdb) {
+    } else if (type == kRecordingCdb && !library) {
       result = tarn::ReadRecordingDbTypeCdb(tarn::LocalCopyPath(device, device_path).c_str());
     }
     return result != nullptr;
-  });
+  }, !library);
+  if (result == nullptr && library) {
+    // Memos a computer synced into the music library are in it; those the
+    // phone recorded itself are not on the media partition at all.
+    const tarn::KeepReason quiet;
+    result = tarn::ReadRecordingsFromLibrarySQLITE(library->c_str());
+  }
+  if (result == nullptr && library) {
+    tarn::SetError(TARN_E_NOT_REACHABLE,
+                   "This phone keeps its voice memos in the Voice Memos app, which file access over USB cannot "
+                   "reach. Share them from the Voice Memos app, or back up the phone to get them.");
+    return nullptr;
+  }
   if (!listed) return nullptr;
   tarn::ConsoleLine("GetRecordingList END!!");
   tarn::PrintPlist(result);

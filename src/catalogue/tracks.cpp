@@ -15,11 +15,10 @@
 
 namespace {
 
-enum Kind : uint32_t { kMusic = 0, kMovies = 1, kPodcasts = 2, kTvShows = 3, kAudioBooks = 4, kRingtones = 5 };
-
-// A kind's list reads the compressed database only: the plain iTunesDB is
-// never taken as a fallback.
+// A kind's list reads the phone's music library where it has one, else the
+// compressed database only: the plain iTunesDB is never taken as a fallback.
 plist_t ListOfKind(PodDevice *device, uint32_t kind) {
+  if (const auto library = tarn::MediaLibraryCopy(device)) return tarn::ReadTrackDbTypeSQLITE(library->c_str(), kind);
   plist_t result = nullptr;
   tarn::WalkDbFiles(device, "TrackDb", [&](uint64_t type, const char *device_path) {
     if (type != tarn::kTrackDbCdb) return false;
@@ -39,14 +38,14 @@ int IsMatchTrackType(Itdb_Track *track, uint32_t kind) {
   // flags (0x60, 0x3) is no TV show and no movie and counts as music.
   const uint32_t type = track->mediatype;
   switch (kind) {
-    case kMusic:
+    case tarn::kMusicKind:
       return type != 0x2 && type != 0x4 && type != 0x6 && type != 0x8 && type != 0x40 && type != 0x4000 &&
              type != 0x400000;
-    case kMovies: return type == 0x2;
-    case kPodcasts: return type == 0x4 || type == 0x6;
-    case kTvShows: return type == 0x40;
-    case kAudioBooks: return type == 0x8;
-    case kRingtones: return type == 0x4000;
+    case tarn::kMovieKind: return type == 0x2;
+    case tarn::kPodcastKind: return type == 0x4 || type == 0x6;
+    case tarn::kTvShowKind: return type == 0x40;
+    case tarn::kAudioBookKind: return type == 0x8;
+    case tarn::kRingtoneKind: return type == 0x4000;
     case 6: return type == 0x400000;
     default: return 0;
   }
@@ -71,11 +70,15 @@ plist_t ReadTrackDbTypeCdb(const char *path, uint32_t kind) {
 
 plist_t GetMusicList(PodDevice *device) {
   tarn::ConsoleLine("GetAudioList");
+  // The phone's music library holds its purchases too: the purchases plist
+  // beside it would list them twice.
+  if (const auto library = tarn::MediaLibraryCopy(device))
+    return tarn::ReadTrackDbTypeSQLITE(library->c_str(), tarn::kMusicKind);
   plist_t result = nullptr;
   tarn::WalkDbFiles(device, "TrackDb", [&](uint64_t type, const char *device_path) {
     const std::string local = tarn::LocalCopyPath(device, device_path);
     if (type == tarn::kTrackDbCdb) {
-      result = tarn::ReadTrackDbTypeCdb(local.c_str(), kMusic);
+      result = tarn::ReadTrackDbTypeCdb(local.c_str(), tarn::kMusicKind);
       return false;
     }
     if (type != tarn::kTrackDbPurchases) return false;
@@ -94,7 +97,7 @@ plist_t GetMusicList(PodDevice *device) {
 
 plist_t GetMovieList(PodDevice *device) {
   tarn::ConsoleLine("GetVideoList");
-  return ListOfKind(device, kMovies);
+  return ListOfKind(device, tarn::kMovieKind);
 }
 
 }  // namespace tarn
@@ -122,19 +125,19 @@ TARN_API plist_t GetMovieList(PodDevice *device, uint32_t, uint32_t) {
 }
 TARN_API plist_t GetPodcastList(PodDevice *device, uint32_t, uint32_t) {
   const tarn::ApiCall api_call;
-  return ListOfKind(device, kPodcasts);
+  return ListOfKind(device, tarn::kPodcastKind);
 }
 TARN_API plist_t GetTvshowList(PodDevice *device, uint32_t, uint32_t) {
   const tarn::ApiCall api_call;
-  return ListOfKind(device, kTvShows);
+  return ListOfKind(device, tarn::kTvShowKind);
 }
 TARN_API plist_t GetAudioBookList(PodDevice *device, uint32_t, uint32_t) {
   const tarn::ApiCall api_call;
-  return ListOfKind(device, kAudioBooks);
+  return ListOfKind(device, tarn::kAudioBookKind);
 }
 TARN_API plist_t GetRingtonesList(PodDevice *device, uint32_t, uint32_t) {
   const tarn::ApiCall api_call;
-  return ListOfKind(device, kRingtones);
+  return ListOfKind(device, tarn::kRingtoneKind);
 }
 
 }  // extern "C"

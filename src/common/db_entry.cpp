@@ -39,6 +39,16 @@ bool WalkDbFiles(const PodDevice *device, const char *kind, const DbFileVisitor 
   return true;
 }
 
+std::optional<std::string> MediaLibraryCopy(const PodDevice *device) {
+  std::optional<std::string> copy;
+  WalkDbFiles(device, "TrackDb", [&](uint64_t type, const char *device_path) {
+    if (type != kTrackDbMediaLibrary) return false;
+    copy = LocalCopyPath(device, device_path);
+    return true;
+  }, false);
+  return copy;
+}
+
 std::string LocalCopyPath(const PodDevice *device, const char *device_path) {
   std::string local = device && device->hostDir ? device->hostDir : "";
   if (!local.empty() && local.back() != '/') local += '/';

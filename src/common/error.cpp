@@ -291,6 +291,7 @@ const char *TarnErrorMessage(int code) {
     case TARN_E_FILE_SERVICE: return "The device's file service reported an error.";
     case TARN_E_DATABASE_UNREADABLE: return "The media database cannot be read.";
     case TARN_E_DATABASE_ABSENT: return "The device has no such media database.";
+    case TARN_E_NOT_REACHABLE: return "The device keeps this media where file access over USB cannot reach it.";
     case TARN_E_WALK_CUT: return "The walk stopped at its depth or entry bound; deeper entries were left out.";
     case TARN_E_SHORT_COPY: return "The copy ended before the end of the file.";
     case TARN_E_CANCELLED: return "Cancelled.";

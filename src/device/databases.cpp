@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
+#include <string_view>
 
 #include <glib.h>
 
@@ -13,6 +14,7 @@
 #include "common/error.h"
 #include "common/number.h"
 #include "common/raii.h"
+#include "device/sqlite_copy.h"
 #include "devicefs/transfer.h"
 #include "tarn/tarn_device.h"
 #include "tarn/tarn_tool.h"
@@ -41,6 +43,14 @@ plist_t BuildEntry(afc_client_t client, const char *const (&table)[N]) {
   }
   if (plist_array_get_size(entry.get()) == 0) return nullptr;
   return entry.release();
+}
+
+// The SQLite databases among the device's files, by their names.
+bool IsSqliteFile(const char *path) {
+  const std::string_view p(path);
+  for (std::string_view suffix : {".sqlitedb", ".sqlite", ".db"})
+    if (p.size() > suffix.size() && p.substr(p.size() - suffix.size()) == suffix) return true;
+  return false;
 }
 
 }  // namespace
@@ -99,6 +109,13 @@ int CopyDbFileToNativeDir(PodDevice *device, afc_client_t client, plist_t entry)
   tarn::WalkDbEntry(entry, [&](uint64_t, const char *device_path) {
     const std::string copy = tarn::LocalCopyPath(device, device_path);
     const char *local_path = copy.c_str();
+    // A database with a write-ahead log is only whole together with it, and
+    // the phone keeps writing it: it is copied as one, and again whenever
+    // the phone's files changed since.
+    if (IsSqliteFile(device_path) && tarn::HasWriteAheadLog(client, device_path)) {
+      tarn::CopyWalDatabase(device, client, device_path, copy);
+      return false;
+    }
     tarn::ConsoleFlush();
     // Existence is the only test: a copy left by an earlier initialisation
     // is kept as it is, and the music database, which three tables name,

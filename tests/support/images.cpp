@@ -40,8 +40,10 @@ nlohmann::ordered_json load_description(const std::string& name) {
   return nlohmann::ordered_json::parse(in);
 }
 
-std::string realdata(const std::string& file) {
-  return std::string(TARN_SHARED_DIR) + "/realdata/itunescdb/" + file;
+std::string realdata(const std::string& file) { return realdata_file("itunescdb/" + file); }
+
+std::string realdata_file(const std::string& relative) {
+  return std::string(TARN_SHARED_DIR) + "/realdata/" + relative;
 }
 
 }  // namespace tarn::testing

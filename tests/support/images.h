@@ -49,5 +49,8 @@ nlohmann::ordered_json load_description(const std::string& name);
 // realdata("iphone-a.itunescdb"), below the folder that the TARN_SHARED_DIR
 // configure option names.
 std::string realdata(const std::string& file);
+// Any file of the shared real data, by its path below realdata/, e.g.
+// realdata_file("medialibrary/MediaLibrary.sqlitedb").
+std::string realdata_file(const std::string& relative);
 
 }  // namespace tarn::testing

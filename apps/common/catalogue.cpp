@@ -25,6 +25,10 @@ std::string TableTime(const std::string &text) {
   return out;
 }
 
+// A file's size, or where it is when the phone has no copy of it: a
+// current phone's library lists tracks and pictures kept only in iCloud.
+std::string SizeCell(plist_t item) { return DictBool(item, "cloud") ? "iCloud" : HumanSize(DictUint(item, "size")); }
+
 Rows TrackRows(plist_t list, const char *noun) {
   Rows rows{{{"#", Align::kRight}, {"Title", Align::kLeft, 40}, {"Artist", Align::kLeft, 28},
              {"Album", Align::kLeft, 28}, {"Genre", Align::kLeft, 16}, {"Time", Align::kRight},
@@ -35,7 +39,7 @@ Rows TrackRows(plist_t list, const char *noun) {
     millis += DictUint(item, "time");
     rows.cells.push_back({std::to_string(++n), DictString(item, "title"), Known(DictString(item, "artist")),
                           Known(DictString(item, "album")), Known(DictString(item, "genre")),
-                          HumanDuration(DictUint(item, "time")), HumanSize(DictUint(item, "size"))});
+                          HumanDuration(DictUint(item, "time")), SizeCell(item)});
   }
   rows.summary = std::to_string(DictUint(list, "number")) + " " + noun + ", " + HumanSize(DictUint(list, "total")) +
                  ", " + HumanDuration(millis);
@@ -84,7 +88,7 @@ Rows BookRows(plist_t list) {
 Rows FileRows(plist_t list, const char *noun) {
   Rows rows{{{"Path"}, {"Size", Align::kRight}, {"Modified"}}, {}, ""};
   for (plist_t item : ArrayItems(DictArray(list, "item")))
-    rows.cells.push_back({DictString(item, "path"), HumanSize(DictUint(item, "size")), TableTime(DictString(item, "time"))});
+    rows.cells.push_back({DictString(item, "path"), SizeCell(item), TableTime(DictString(item, "time"))});
   rows.summary = std::to_string(DictUint(list, "number")) + " " + noun + ", " + HumanSize(DictUint(list, "total"));
   return rows;
 }

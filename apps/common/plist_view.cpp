@@ -124,6 +124,13 @@ uint64_t DictUint(plist_t dict, const char *key) {
   return value;
 }
 
+bool DictBool(plist_t dict, const char *key) {
+  plist_t node = dict != nullptr ? plist_dict_get_item(dict, key) : nullptr;
+  uint8_t value = 0;
+  if (node != nullptr && plist_get_node_type(node) == PLIST_BOOLEAN) plist_get_bool_val(node, &value);
+  return value != 0;
+}
+
 std::string Known(const std::string &text) { return text == "(None)" ? "" : text; }
 
 std::vector<plist_t> ArrayItems(plist_t array) {

@@ -19,6 +19,8 @@ std::string PlistToXml(plist_t node);
 
 std::string DictString(plist_t dict, const char *key);
 uint64_t DictUint(plist_t dict, const char *key);
+// A boolean value; false when missing or of another type.
+bool DictBool(plist_t dict, const char *key);
 plist_t DictArray(plist_t dict, const char *key);
 // The library writes "(None)" for a missing artist, album or genre; this
 // gives "" for it.

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <string>
 
 #include <gpod/itdb.h>
@@ -44,6 +45,9 @@ plist_t ReadPlaylistDbTypeCdb(const char *path);
 uint32_t LibraryKindOf(int64_t media_type, const std::string &path);
 plist_t ReadTrackDbTypeSQLITE(const char *path, uint32_t kind);
 plist_t ReadPlaylistDbTypeSQLITE(const char *path);
+// The bytes of each kind's list, in one read of the library: what the
+// lists' totals would say, for the storage breakdown.
+std::map<uint32_t, uint64_t> ReadLibraryTotalsSQLITE(const char *path);
 // The voice memos a computer synced into the library, as recording items.
 plist_t ReadRecordingsFromLibrarySQLITE(const char *path);
 

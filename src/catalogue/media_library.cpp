@@ -7,6 +7,7 @@
 #include <cstring>
 #include <functional>
 #include <limits>
+#include <map>
 #include <unordered_map>
 #include <vector>
 
@@ -290,6 +291,13 @@ plist_t ReadTrackDbTypeSQLITE(const char *path, uint32_t kind) {
   if ((!read && count == 0) || seen == 0) return nullptr;
   tarn::AddToListCounts(result.get(), count, total);
   return result.release();
+}
+
+std::map<uint32_t, uint64_t> ReadLibraryTotalsSQLITE(const char *path) {
+  std::map<uint32_t, uint64_t> totals;
+  Library library(path);
+  if (library) library.ForEach([&](const LibraryTrack &t) { totals[LibraryKindOf(t.media_type, t.path)] += t.size; });
+  return totals;
 }
 
 plist_t ReadRecordingsFromLibrarySQLITE(const char *path) {

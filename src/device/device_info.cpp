@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "catalogue/catalogue.h"
+#include "common/db_entry.h"
 #include "common/connection.h"
 #include "common/console.h"
 #include "common/error.h"
@@ -50,8 +51,16 @@ void SetDeviceUsage(PodDevice *device, afc_client_t client, plist_t info) {
   const tarn::SharedMusicDatabase one_parse;
   // A list that cannot be built counts as 0 and is no failure here.
   const tarn::KeepReason quiet;
-  const uint64_t audio = ListTotal(tarn::GetMusicList(device));
-  const uint64_t video = ListTotal(tarn::GetMovieList(device));
+  uint64_t audio = 0, video = 0;
+  if (const auto library = tarn::MediaLibraryCopy(device)) {
+    // A phone's music library is read once for both totals.
+    auto totals = tarn::ReadLibraryTotalsSQLITE(library->c_str());
+    audio = totals[tarn::kMusicKind];
+    video = totals[tarn::kMovieKind];
+  } else {
+    audio = ListTotal(tarn::GetMusicList(device));
+    video = ListTotal(tarn::GetMovieList(device));
+  }
   const uint64_t photos = ListTotal(tarn::GetCameraPVList(device));
   plist_dict_set_item(info, "Audio", plist_new_uint(audio));
   plist_dict_set_item(info, "Video", plist_new_uint(video));

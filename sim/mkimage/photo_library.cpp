@@ -364,7 +364,7 @@ void WritePhotoLibrary(const json &lib, const fs::path &media) {
       const std::string uuid = Uuid(rng);
       asset_row.Run(pk, model.asset_entity, d.value("favorite", false) ? 1 : 0, d.value("hidden", false) ? 1 : 0,
                     kind.kind, kind.subtype, kind.playback, cloud ? 6 : 3, trashed ? 1 : 0, height, width, pk,
-                    when + 30.0, when, video ? d.value("duration", 10.0) : 0.0, when + 60.0, nullptr, dir, name,
+                    when + 30.517, when, video ? d.value("duration", 10.0) : 0.0, when + 60.25, nullptr, dir, name,
                     TypeIdentifier(name), uuid);
       if (trashed) trashed_date.Run(when + 7 * 86400.0, pk);
       char exif[32];

@@ -29,7 +29,7 @@ namespace fs = std::filesystem;
 using json = nlohmann::ordered_json;
 
 // media_type bits of the phone's library (not the public MPMediaType).
-constexpr int64_t kAudiobook = 0x2, kPodcast = 0x4, kSong = 0x8, kVoiceMemo = 0x10, kVideoPodcast = 0x100,
+constexpr int64_t kAudiobook = 0x2, kPodcast = 0x4, kSong = 0x8, kVideoPodcast = 0x100,
                   kTvShow = 0x200, kMusicVideo = 0x408, kMovie = 0x800, kHomeVideo = 0x2000;
 
 constexpr int64_t kRingtoneLocation = 3900;

@@ -524,122 +524,118 @@ void WriteMediaLibrary(const json &ml, const fs::path &media, const fs::path &ba
 
   const fs::path file = media / "iTunes_Control/iTunes/MediaLibrary.sqlitedb";
   {
-  SqliteDb db(file);
-  db.Exec("PRAGMA journal_mode = WAL");
-  db.Exec(std::string("PRAGMA user_version = ") + (rows ? "2320030" : "1150090"));
-  db.Exec("BEGIN");
-  db.Exec(Schema(rows));
-  if (!rows) AddForeignVirtualTable(db);
-  {
-    Statement props(db, "INSERT INTO _MLDatabaseProperties (key, value) VALUES (?,?)");
-    props.Run("OrderingLanguage", "en-GB");
-    props.Run("MLCloudDatabaseUserVersion", rows ? "1000100" : "370200");
-    props.Run("createdBuiltInSmartPlaylists", "1");
-    Statement(db, "INSERT INTO db_info (db_pid, primary_container_pid, audio_language, subtitle_language) "
-                  "VALUES (?,?,-1,-1)")
-        .Run(pids.Next(), playlists[0].pid);
-    std::set<int64_t> used(bases.begin(), bases.end());
-    for (int64_t b : {0, 100, 200, 300, 400}) used.insert(b);
-    Statement loc(db, "INSERT INTO base_location (base_location_id, path) VALUES (?,?)");
-    for (int64_t b : used) {
-      std::string path;
-      switch (b) {
-        case 0: break;
-        case 100: path = "LoFiCloudAssets"; break;
-        case 200: path = "CloudAssets"; break;
-        case 300: path = "Purchases"; break;
-        case 400: path = "Podcasts"; break;
-        case 500: path = "ManagedPurchases/TVApp"; break;
-        case kRingtoneLocation: path = "iTunes_Control/Ringtones"; break;
-        default: {
-          char name[32];
-          std::snprintf(name, sizeof name, "iTunes_Control/Music/F%02d", static_cast<int>(b - 3840));
-          path = name;
-        }
-      }
-      loc.Run(b, path);
-    }
-  }
-  // Containers.
-  {
-    Statement insert(db, "INSERT INTO container (container_pid, distinguished_kind, date_created, date_modified, "
-                         "name, parent_pid, is_hidden, smart_is_folder, smart_is_dynamic, smart_is_genius, "
-                         "smart_criteria, is_saveable, contained_media_type) VALUES (?,?,?,?,?,?,?,?,?,?,?,?,?)");
-    const int64_t created = 1672531200 - kAppleEpochOffset;
-    insert.Run(playlists[0].pid, 0, created, created, device_name, 0, 1, 0, 0, 0, nullptr, 0, 0);
-    for (size_t i = 0; i < described.size(); ++i) {
-      const json &p = described[i];
-      const std::string kind = p.value("kind", std::string("user"));
-      if (kind != "user" && kind != "smart" && kind != "folder" && kind != "genius" && kind != "builtin")
-        throw std::runtime_error("media_library: unknown playlist kind " + kind);
-      int64_t parent = 0;
-      if (p.contains("parent")) {
-        auto it = folders.find(p["parent"].get<std::string>());
-        if (it == folders.end()) throw std::runtime_error("media_library: no folder " + p["parent"].get<std::string>());
-        parent = it->second;
-      }
-      // A smart playlist keeps its rules as an opaque blob (iTunes'
-      // criteria format) and its current members like any other.
-      const Blob criteria = {'S', 'L', 's', 't', 0, 1, 0, 1, 0, 0, 0, 1, 0, 0, 0, 0};
-      const int64_t distinguished = p.value("distinguished_kind", int64_t{kind == "builtin" ? 20 : 0});
-      const bool smart = kind == "smart";
-      if (smart) {
-        insert.Run(playlists[i + 1].pid, distinguished, created + 3600 * static_cast<int64_t>(i), created, Str(p, "name"),
-                   parent, p.value("hidden", false) ? 1 : 0, 0, 1, 0, criteria, 0, 8);
-      } else {
-        insert.Run(playlists[i + 1].pid, distinguished, created + 3600 * static_cast<int64_t>(i), created, Str(p, "name"),
-                   parent, p.value("hidden", false) ? 1 : 0, kind == "folder" ? 1 : 0, 0, kind == "genius" ? 1 : 0,
-                   nullptr, kind == "user" ? 1 : 0, 8);
-      }
-    }
-  }
-
-  LibraryWriter writer(db, rows, pids);
-  // Playlist members as of `upto` tracks: rows for the members added in
-  // this part, or each playlist's whole blob rewritten.
-  std::optional<Statement> member_row;
-  if (rows)
-    member_row.emplace(db, "INSERT INTO container_item (container_item_pid, container_pid, item_pid, position, "
-                           "uuid, position_uuid, occurrence_id) VALUES (?,?,?,?,?,?,?)");
-  auto write_members = [&](size_t from, size_t upto) {
-    for (const auto &pl : playlists) {
-      if (rows) {
-        for (size_t pos = 0; pos < pl.members.size(); ++pos) {
-          const size_t m = pl.members[pos];
-          if (m < from || m >= upto) continue;
-          // Positions are spaced, as the phone leaves room to insert.
-          char uuid[40];
-          const int64_t cip = pids.Next();
-          std::snprintf(uuid, sizeof uuid, "%016llX", static_cast<unsigned long long>(cip));
-          member_row->Run(cip, pl.pid, item_pids[m], static_cast<int64_t>(pos + 1) * 1024, uuid, uuid,
-                         std::to_string(pos));
-        }
-      } else {
-        std::vector<int64_t> in_order;
-        bool changed = false;
-        for (size_t m : pl.members) {
-          if (m >= upto) continue;
-          in_order.push_back(item_pids[m]);
-          changed = changed || m >= from;
-        }
-        if (!changed && from > 0) continue;
-        Statement(db, "INSERT OR REPLACE INTO container_items (container_pid, item_pid_data) VALUES (?,?)")
-            .Run(pl.pid, PackPids(in_order));
-      }
-    }
-  };
-  auto write_tracks = [&](size_t from, size_t upto) {
-    for (size_t i = from; i < upto; ++i) writer.AddTrack(tracks[i], item_pids[i], bases[i], locations[i]);
-    write_members(from, upto);
-  };
-  write_tracks(0, first_wal);
-  db.Exec("COMMIT");
-  db.CheckpointThenKeepLog();
-  if (wal_tracks) {
+    SqliteDb db(file);
+    db.Exec("PRAGMA journal_mode = WAL");
+    db.Exec(std::string("PRAGMA user_version = ") + (rows ? "2320030" : "1150090"));
     db.Exec("BEGIN");
-    write_tracks(first_wal, tracks.size());
+    db.Exec(Schema(rows));
+    if (!rows) AddForeignVirtualTable(db);
+    {
+      Statement props(db, "INSERT INTO _MLDatabaseProperties (key, value) VALUES (?,?)");
+      props.Run("OrderingLanguage", "en-GB");
+      props.Run("MLCloudDatabaseUserVersion", rows ? "1000100" : "370200");
+      props.Run("createdBuiltInSmartPlaylists", "1");
+      Statement(db, "INSERT INTO db_info (db_pid, primary_container_pid, audio_language, subtitle_language) "
+                    "VALUES (?,?,-1,-1)")
+          .Run(pids.Next(), playlists[0].pid);
+      std::set<int64_t> used(bases.begin(), bases.end());
+      for (int64_t b : {0, 100, 200, 300, 400}) used.insert(b);
+      Statement loc(db, "INSERT INTO base_location (base_location_id, path) VALUES (?,?)");
+      for (int64_t b : used) {
+        std::string path;
+        switch (b) {
+          case 0: break;
+          case 100: path = "LoFiCloudAssets"; break;
+          case 200: path = "CloudAssets"; break;
+          case 300: path = "Purchases"; break;
+          case 400: path = "Podcasts"; break;
+          case 500: path = "ManagedPurchases/TVApp"; break;
+          case kRingtoneLocation: path = "iTunes_Control/Ringtones"; break;
+          default: {
+            char name[32];
+            std::snprintf(name, sizeof name, "iTunes_Control/Music/F%02d", static_cast<int>(b - 3840));
+            path = name;
+          }
+        }
+        loc.Run(b, path);
+      }
+    }
+    // Containers.
+    {
+      Statement insert(db, "INSERT INTO container (container_pid, distinguished_kind, date_created, date_modified, "
+                           "name, parent_pid, is_hidden, smart_is_folder, smart_is_dynamic, smart_is_genius, "
+                           "smart_criteria, is_saveable, contained_media_type) VALUES (?,?,?,?,?,?,?,?,?,?,?,?,?)");
+      const int64_t created = 1672531200 - kAppleEpochOffset;
+      insert.Run(playlists[0].pid, 0, created, created, device_name, 0, 1, 0, 0, 0, nullptr, 0, 0);
+      for (size_t i = 0; i < described.size(); ++i) {
+        const json &p = described[i];
+        const std::string kind = p.value("kind", std::string("user"));
+        if (kind != "user" && kind != "smart" && kind != "folder" && kind != "genius" && kind != "builtin")
+          throw std::runtime_error("media_library: unknown playlist kind " + kind);
+        int64_t parent = 0;
+        if (p.contains("parent")) {
+          auto it = folders.find(p["parent"].get<std::string>());
+          if (it == folders.end())
+            throw std::runtime_error("media_library: no folder " + p["parent"].get<std::string>());
+          parent = it->second;
+        }
+        // A smart playlist keeps its rules as an opaque blob (iTunes'
+        // criteria format) and its current members like any other.
+        std::optional<Blob> criteria;
+        if (kind == "smart") criteria = Blob{'S', 'L', 's', 't', 0, 1, 0, 1, 0, 0, 0, 1, 0, 0, 0, 0};
+        const int64_t distinguished = p.value("distinguished_kind", int64_t{kind == "builtin" ? 20 : 0});
+        insert.Run(playlists[i + 1].pid, distinguished, created + 3600 * static_cast<int64_t>(i), created,
+                   Str(p, "name"), parent, p.value("hidden", false) ? 1 : 0, kind == "folder" ? 1 : 0,
+                   kind == "smart" ? 1 : 0, kind == "genius" ? 1 : 0, criteria, kind == "user" ? 1 : 0, 8);
+      }
+    }
+
+    LibraryWriter writer(db, rows, pids);
+    // Playlist members as of `upto` tracks: rows for the members added in
+    // this part, or each playlist's whole blob rewritten.
+    std::optional<Statement> member_row;
+    if (rows)
+      member_row.emplace(db, "INSERT INTO container_item (container_item_pid, container_pid, item_pid, position, "
+                             "uuid, position_uuid, occurrence_id) VALUES (?,?,?,?,?,?,?)");
+    auto write_members = [&](size_t from, size_t upto) {
+      for (const auto &pl : playlists) {
+        if (rows) {
+          for (size_t pos = 0; pos < pl.members.size(); ++pos) {
+            const size_t m = pl.members[pos];
+            if (m < from || m >= upto) continue;
+            // Positions are spaced, as the phone leaves room to insert.
+            char uuid[40];
+            const int64_t cip = pids.Next();
+            std::snprintf(uuid, sizeof uuid, "%016llX", static_cast<unsigned long long>(cip));
+            member_row->Run(cip, pl.pid, item_pids[m], static_cast<int64_t>(pos + 1) * 1024, uuid, uuid,
+                           std::to_string(pos));
+          }
+        } else {
+          std::vector<int64_t> in_order;
+          bool changed = false;
+          for (size_t m : pl.members) {
+            if (m >= upto) continue;
+            in_order.push_back(item_pids[m]);
+            changed = changed || m >= from;
+          }
+          if (!changed && from > 0) continue;
+          Statement(db, "INSERT OR REPLACE INTO container_items (container_pid, item_pid_data) VALUES (?,?)")
+              .Run(pl.pid, PackPids(in_order));
+        }
+      }
+    };
+    auto write_tracks = [&](size_t from, size_t upto) {
+      for (size_t i = from; i < upto; ++i) writer.AddTrack(tracks[i], item_pids[i], bases[i], locations[i]);
+      write_members(from, upto);
+    };
+    write_tracks(0, first_wal);
     db.Exec("COMMIT");
-  }
+    db.CheckpointThenKeepLog();
+    if (wal_tracks) {
+      db.Exec("BEGIN");
+      write_tracks(first_wal, tracks.size());
+      db.Exec("COMMIT");
+    }
   }
   // The point of the log: a reader that ignores it must miss the newest
   // tracks. SQLite keeps it after the close only as asked to.

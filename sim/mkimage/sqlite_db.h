@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -64,7 +65,8 @@ class SqliteDb {
 };
 
 // A prepared statement run once per row: Run(a, b, c) binds the values in
-// order (integers, floating point, text, Blob, nullptr) and steps.
+// order (integers, floating point, text, Blob, nullptr, or a std::optional
+// of one, empty for NULL) and steps.
 class Statement {
  public:
   Statement(const SqliteDb &db, std::string_view sql) : db_(db.get()) {
@@ -90,6 +92,9 @@ class Statement {
   void Bind(int at, const T &v) {
     if constexpr (std::is_same_v<T, std::nullptr_t>) {
       sqlite3_bind_null(st_, at);
+    } else if constexpr (IsOptional<T>::value) {
+      if (v) Bind(at, *v);
+      else sqlite3_bind_null(st_, at);
     } else if constexpr (std::is_same_v<T, Blob>) {
       sqlite3_bind_blob(st_, at, v.data(), static_cast<int>(v.size()), SQLITE_TRANSIENT);
     } else if constexpr (std::is_integral_v<T>) {
@@ -101,6 +106,11 @@ class Statement {
       sqlite3_bind_text(st_, at, s.data(), static_cast<int>(s.size()), SQLITE_TRANSIENT);
     }
   }
+
+  template <typename T>
+  struct IsOptional : std::false_type {};
+  template <typename T>
+  struct IsOptional<std::optional<T>> : std::true_type {};
 
   sqlite3 *db_;
   sqlite3_stmt *st_ = nullptr;

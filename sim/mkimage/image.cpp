@@ -225,7 +225,16 @@ void BuildImage(const json &d, const fs::path &out, const fs::path &base) {
   fs::create_directories(media);
   if (d.contains("device")) std::ofstream(out / "device.json") << d["device"].dump(2) << "\n";
   if (d.value("sync_lock", true)) WriteFile(media / "com.apple.itunes.lock_sync", 0);
+  if (d.contains("music") && d.contains("media_library") && d["media_library"].value("legacy_cdb", false))
+    throw std::runtime_error("\"music\" and a media_library with legacy_cdb both write iTunesCDB");
+  if (d.contains("photos") && d.contains("photo_library"))
+    throw std::runtime_error("\"photos\" and \"photo_library\" both write PhotoData/Photos.sqlite");
   if (d.contains("music")) WriteMusic(d["music"], media, base);
+  if (d.contains("media_library")) {
+    const json device = d.value("device", json::object());
+    WriteMediaLibrary(d["media_library"], media, base, device.value("DeviceName", std::string("iPhone")));
+  }
+  if (d.contains("photo_library")) WritePhotoLibrary(d["photo_library"], media);
   if (d.contains("purchases")) {
     const json &p = d["purchases"];
     if (p.contains("plist")) WritePlist(media / "Purchases/MobileDB/TrackData.plist", p["plist"], p.value("format", ""));

@@ -25,4 +25,14 @@ void WriteFile(const std::filesystem::path &path, uint64_t size, const std::stri
 void WriteMusic(const nlohmann::ordered_json &music, const std::filesystem::path &media,
                 const std::filesystem::path &base);
 
+// Writes a current phone's music library (MediaLibrary.sqlitedb with its
+// -wal and -shm) below `media`; the whole-library playlist is named
+// `device_name`.
+void WriteMediaLibrary(const nlohmann::ordered_json &library, const std::filesystem::path &media,
+                       const std::filesystem::path &base, const std::string &device_name);
+
+// Writes a current phone's photo library (PhotoData/Photos.sqlite with its
+// -wal and -shm) and its files below `media`.
+void WritePhotoLibrary(const nlohmann::ordered_json &library, const std::filesystem::path &media);
+
 }  // namespace mkimage

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "image.h"
+#include "names.h"
 
 namespace mkimage {
 namespace {
@@ -79,15 +80,7 @@ T Num(const json &t, const char *key, T fallback = 0) {
 
 // Real-looking tracks of every kind, the same for the same seed.
 json Generate(const json &g) {
-  static const char *kArtists[] = {"The Harbour Lights", "Mira Okafor", "Northern Atlas", "Lena Sommer",
-                                   "Blue Orchard", "Kenji Arai", "Sable & Stone", "Orquesta del Sur",
-                                   "Hollow Pines", "Ada Lindqvist", "Glass Parade", "Tomás Reyes"};
-  static const char *kAlbums[] = {"Low Tide", "Paper Moons", "City of Lanterns", "Quiet Machines",
-                                  "Salt and Ember", "Northbound", "The Long Evening", "Small Hours",
-                                  "Weather Songs", "Copper Sky"};
-  static const char *kGenres[] = {"Rock", "Jazz", "Electronic", "Folk", "Classical", "Pop", "Hip-Hop", "Ambient"};
-  static const char *kWords[] = {"Morning", "River", "Glass", "Echo", "Harbour", "Satellite", "Winter", "Paper",
-                                 "Signal", "Garden", "Lantern", "Orbit", "Silver", "Canyon", "Velvet", "Static"};
+  using namespace names;
   // Kind shares out of 20: most is music, then one or two of each other kind.
   static const struct {
     uint32_t type;

@@ -1,5 +1,5 @@
-// The window against simulated devices: a phone built from the shipped
-// `sample` description, and a small one of known file content for the
+// The window against simulated devices: an iPod built from the shipped
+// `ipod` description, and a small one of known file content for the
 // transfers, whose requests can be slowed down so that a cancel or an
 // unplug lands in the middle of a copy.
 #include <fcntl.h>
@@ -29,7 +29,7 @@ Q_DECLARE_METATYPE(tarn::desktop::Kind)
 
 namespace {
 
-constexpr const char *kSample = "00008030-001A2B3C4D5E6F01";
+constexpr const char *kIpod = "5f3a9c0e7d1b2a4c6e8f0a1b2c3d4e5f6a7b8c9d";
 constexpr const char *kSmall = "00008030-00D15C0000000001";
 constexpr uint64_t kBig = 24u << 20;
 
@@ -111,7 +111,7 @@ class DesktopTest : public QObject {
     qRegisterMetaType<TransferResult>();
     dir_ = std::make_unique<TempDir>();
     const std::string root = dir_->path();
-    tarn::testing::build_image(tarn::testing::load_description("sample"), root + "/sample");
+    tarn::testing::build_image(tarn::testing::load_description("ipod"), root + "/ipod");
     tarn::testing::build_image(
         {{"device", {{"DeviceName", "Transfer Phone"}}},
          {"files",
@@ -122,12 +122,12 @@ class DesktopTest : public QObject {
         root + "/small");
     small_media_ = root + "/small/media";
     sim_ = std::make_unique<Simulator>(std::vector<tarn::testing::SimDevice>{
-        {root + "/sample", kSample, {}}, {root + "/small", kSmall, {}}});
+        {root + "/ipod", kIpod, {}}, {root + "/small", kSmall, {}}});
     window_ = std::make_unique<MainWindow>();
     window_->resize(1100, 700);
     window_->show();
     QTRY_COMPARE(window_->devices()->count(), 2);
-    QTRY_VERIFY(SidebarItem(kSample)->text() == "Demo iPhone");
+    QTRY_VERIFY(SidebarItem(kIpod)->text() == "Demo iPod");
   }
 
   void cleanupTestCase() {
@@ -136,7 +136,7 @@ class DesktopTest : public QObject {
     sim_.reset();
   }
 
-  // Counts and first rows as `tarn list` gives them for the sample phone.
+  // Counts and first rows as `tarn list` gives them for the iPod.
   void pages_data() {
     QTest::addColumn<Kind>("kind");
     QTest::addColumn<int>("rows");
@@ -159,7 +159,7 @@ class DesktopTest : public QObject {
     QFETCH(int, rows);
     QFETCH(int, column);
     QFETCH(QString, first);
-    Choose(kSample);
+    Choose(kIpod);
     CataloguePage *page = ShowPage(kind);
     // Walked pictures come in the device's own listing order.
     if (kind == Kind::kPictures) page->proxy()->sort(column, Qt::AscendingOrder);
@@ -172,15 +172,15 @@ class DesktopTest : public QObject {
   }
 
   void overview() {
-    Choose(kSample);
-    QCOMPARE(window_->overview()->Field("Name"), QString("Demo iPhone"));
+    Choose(kIpod);
+    QCOMPARE(window_->overview()->Field("Name"), QString("Demo iPod"));
     QCOMPARE(window_->overview()->Field("Serial number"), QString("F2LDEMO0TARN"));
     QCOMPARE(window_->overview()->Field("Capacity"), HumanSize(64000000000));
     QCOMPARE(window_->overview()->findChild<StorageBar *>()->shares().size(), size_t{5});
   }
 
   void filterAndSort() {
-    Choose(kSample);
+    Choose(kIpod);
     CataloguePage *page = ShowPage(Kind::kMusic);
     QSortFilterProxyModel *proxy = page->proxy();
     page->filter()->setText("canyon");
@@ -210,14 +210,14 @@ class DesktopTest : public QObject {
   void exportMatchesTheTool_data() {
     QTest::addColumn<Kind>("kind");
     QTest::addColumn<QString>("text");
-    // Small selections: the sample's files are as large as the real ones.
+    // Small selections: the iPod's files are as large as the real ones.
     QTest::newRow("tracks") << Kind::kMusic << "velvet";
     QTest::newRow("purchase") << Kind::kMusic << "harbour nights";
   }
   void exportMatchesTheTool() {
     QFETCH(Kind, kind);
     QFETCH(QString, text);
-    Choose(kSample);
+    Choose(kIpod);
     CataloguePage *page = ShowPage(kind);
     page->filter()->setText(text);
     page->view()->selectAll();
@@ -238,7 +238,7 @@ class DesktopTest : public QObject {
       QVERIFY(Slurp(staged) == Slurp(exported));
     }
     const tarn::testing::Result tool =
-        tarn::testing::ChildProcess({TARN_TOOL_PATH, "-u", kSample, "export", kind == Kind::kMusic ? "music" : "playlists",
+        tarn::testing::ChildProcess({TARN_TOOL_PATH, "-u", kIpod, "export", kind == Kind::kMusic ? "music" : "playlists",
                                      (out / "tool").string(), "--match", text.toStdString()},
                                     {{"USBMUXD_SOCKET_ADDRESS", sim_->env_value()}})
             .Wait();
@@ -334,9 +334,9 @@ class DesktopTest : public QObject {
   }
 
   // tarn-desktop --screenshots, as the demo runs it: every page of the
-  // sample phone saved, none of them blank.
+  // iPod saved, none of them blank.
   void screenshots() {
-    const Simulator alone({{dir_->path() + "/sample", kSample, {}}}, false);
+    const Simulator alone({{dir_->path() + "/ipod", kIpod, {}}}, false);
     TempDir out;
     const tarn::testing::Result r =
         tarn::testing::ChildProcess({TARN_DESKTOP_PATH, "--screenshots", out.path()},

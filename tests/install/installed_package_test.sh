@@ -38,7 +38,7 @@ cmake -S "$src/examples" -B "$tmp/cmake-build" -DCMAKE_PREFIX_PATH="$prefix" \
 cmake --build "$tmp/cmake-build" >"$tmp/build.log" 2>&1 || { cat "$tmp/build.log" >&2; fail "the example does not build through CMake"; }
 
 # A device to list.
-start_simulator "$mkimage" "$devsim" "$src/sim/images/sample.json"
+start_simulator "$mkimage" "$devsim" "$src/sim/images/ipod.json"
 
 check_listing() {  # the header line's count, then as many track lines
   local out=$1 count
@@ -49,8 +49,8 @@ check_listing() {  # the header line's count, then as many track lines
 }
 # pkg-config adds no run path: a private prefix is found as any would be.
 check_listing "$(LD_LIBRARY_PATH="$libdir" "$tmp/by_pkgconfig" "$tmp/work1")"
-check_listing "$("${run_path[@]}" "$tmp/cmake-build/list_music" "$tmp/work2" 00008030-001A2B3C4D5E6F01)"
+check_listing "$("${run_path[@]}" "$tmp/cmake-build/list_music" "$tmp/work2" 5f3a9c0e7d1b2a4c6e8f0a1b2c3d4e5f6a7b8c9d)"
 # The installed tool finds the installed libraries by itself (from a
 # package, the system path does).
-[[ $(XDG_CACHE_HOME="$tmp/cache" "${run_path[@]}" "$prefix/bin/tarn" devices) == "00008030-001A2B3C4D5E6F01  Demo iPhone" ]] || fail "installed tarn"
+[[ $(XDG_CACHE_HOME="$tmp/cache" "${run_path[@]}" "$prefix/bin/tarn" devices) == "5f3a9c0e7d1b2a4c6e8f0a1b2c3d4e5f6a7b8c9d  Demo iPod" ]] || fail "installed tarn"
 echo "installed package: pkg-config, find_package and the example work"

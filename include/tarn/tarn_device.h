@@ -477,7 +477,8 @@ TARN_API plist_t ReadTrackDbTypeCdb(const char *path, uint32_t kind);
  * and it is counted in "number" but adds nothing to "total") and
  * "purchased" (boolean: bought from the store). "id" is the library's
  * 64-bit persistent id, "rating" 0-100 (stars times 20), "time"
- * milliseconds. Items come in the database's order. Prints nothing.
+ * milliseconds. Items come by artist (unknown artists last), album, disc,
+ * track number and title. Prints nothing.
  * @return A new track list result, or NULL when the file is no readable
  *         music library or holds no item (TarnLastError() says why).
  */
@@ -485,8 +486,7 @@ TARN_API plist_t ReadTrackDbTypeSQLITE(const char *path, uint32_t kind);
 
 /**
  * Every playlist of a host copy of MediaLibrary.sqlitedb: the whole-library
- * playlist first (named after the phone), then the others in the
- * database's order, as {"name", "number", "item", "kind", "parent"}:
+ * playlist first (named after the phone), then the others by name, as {"name", "number", "item", "kind", "parent"}:
  * "item" holds the members as ReadTrackDbTypeSQLITE() builds them, in
  * playlist order (a track may appear twice); "kind" is "library", "user",
  * "smart", "folder", "genius" or "builtin" (a list the phone made, such as

@@ -119,7 +119,13 @@ std::string TrackQuery(tarn::SqliteSchema &s) {
   };
   std::string sql = "SELECT ";
   for (size_t i = 0; i < std::size(fields); ++i) sql += (i ? ", " : "") + fields[i];
-  return sql + " FROM item i JOIN item_extra e ON e.item_pid = i.item_pid" + joins;
+  // The database's own order is that of its random ids; a person expects
+  // artists, their albums and the albums' tracks, unknown artists last.
+  const std::string &artist_name = fields[kArtist], &album_name = fields[kAlbum];
+  return sql + " FROM item i JOIN item_extra e ON e.item_pid = i.item_pid" + joins + " ORDER BY (" + artist_name +
+         " IS NULL OR " + artist_name + " = ''), " + artist_name + " COLLATE NOCASE, " + album_name +
+         " COLLATE NOCASE, " + fields[kDisc] + ", " + fields[kTrack] + ", " + fields[kTitle] +
+         " COLLATE NOCASE, i.item_pid";
 }
 
 // Where an item's file is on the media partition, or "" when the phone
@@ -357,7 +363,8 @@ plist_t ReadPlaylistDbTypeSQLITE(const char *path) {
                         ", " + s.Column("c", "container", "is_hidden") + ", " + criteria + ", " +
                         s.Column("c", "container", "smart_is_folder") + ", " + s.Column("c", "container", "smart_is_genius") +
                         ", " + s.Column("c", "container", "is_ignorable_itunes_playlist") +
-                        " FROM container c ORDER BY c.rowid");
+                        " FROM container c ORDER BY " + s.Column("c", "container", "name") +
+                        " COLLATE NOCASE, c.container_pid");
   if (!stmt) {
     library.Failed();
     return nullptr;
@@ -380,7 +387,8 @@ plist_t ReadPlaylistDbTypeSQLITE(const char *path) {
     else if (sqlite3_column_int64(row, 7) != 0) c.kind = PlaylistKind::kGenius;
     else if (sqlite3_column_int64(row, 5) != 0) c.kind = PlaylistKind::kSmart;
     else if (sqlite3_column_int64(row, 3) != 0) c.kind = PlaylistKind::kBuiltIn;
-    // The library list comes first, as in every music database.
+    // The library list comes first, as in every music database, the others
+  // by name as the phone shows them.
     if (is_library) containers.insert(containers.begin(), std::move(c));
     else containers.push_back(std::move(c));
   }

@@ -77,8 +77,8 @@ TEST_F(CatalogueTest, AModernPhonesMusicIsItsLibraryWithTheRowsOnlyInTheLog) {
     ASSERT_FALSE(seen.empty());
     EXPECT_EQ(seen.front().substr(seen.front().find(':')), ":library::Alpha,Bravo,Ring,Delta (new),Echo (cloud),");
     EXPECT_EQ(std::vector<std::string>(seen.begin() + 1, seen.end()),
-              (std::vector<std::string>{"Road:user::Delta (new),Alpha,Delta (new),", "Trips:folder::",
-                                        "Inside:user:Trips:Bravo,"}));
+              (std::vector<std::string>{"Inside:user:Trips:Bravo,", "Road:user::Delta (new),Alpha,Delta (new),",
+                                        "Trips:folder::"}));
     ExpectIdle("the catalogue");
   }
 }

@@ -2,8 +2,6 @@
 
 #include <unistd.h>
 
-#include <libimobiledevice/afc.h>
-
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -50,6 +48,12 @@ std::string ChooseDevice(const SessionOptions &options) {
   return ids.front();
 }
 
+std::string DeviceName(const std::string &udid) {
+  const std::unique_ptr<PodDevice, decltype(&FreePodDevice)> device(CreatePodDevice(udid.c_str()), FreePodDevice);
+  CString name(device ? TarnGetDeviceName(device.get()) : nullptr);
+  return name ? name.get() : "";
+}
+
 std::string WorkDirFor(const SessionOptions &options, const std::string &udid) {
   fs::path dir;
   if (!options.workdir.empty()) {
@@ -78,21 +82,16 @@ Session::Session(const SessionOptions &options, std::string udid)
   if (!device_) Fail(kFailed, "cannot create a handle for " + udid_);
 }
 
-Session::~Session() { CloseIdeviceAndAfC(afc_, idevice_); }
+Session::~Session() = default;
 
 void Session::Connect() {
-  if (afc_ != nullptr) return;
-  idevice_t connection = nullptr;
-  afc_client_t client = OpenIdeviceAndAfC(&connection, udid_.c_str());
-  if (client == nullptr) {
-    CloseIdeviceAndAfC(nullptr, connection);
-    // Without even a device connection the device went away since listing.
-    if (TarnLastError()->code != TARN_OK) FailWithReason(kUnreachable, "cannot reach device " + udid_);
-    if (connection == nullptr) Fail(kDeviceNotFound, "device " + udid_ + " not found");
-    Fail(kUnreachable, "cannot reach device " + udid_ + ": handshake or file service refused");
-  }
-  idevice_ = connection;
-  afc_ = client;
+  if (TarnHeldClient(device_.get()) != nullptr) return;
+  if (TarnHoldConnection(device_.get()) != 0) FailWithReason(kUnreachable, "cannot reach device " + udid_);
+}
+
+afc_client_t Session::client() {
+  Connect();
+  return TarnHeldClient(device_.get());
 }
 
 PathInfo Session::Stat(const std::string &device_path) { return StatIn(client(), device_path); }
@@ -102,7 +101,7 @@ bool Session::Alive() { return StatIn(client(), "/").is_dir; }
 void Session::RefuseWhileSyncing() {
   const uint64_t lock = TarnSyncLock(client());
   const bool busy = TarnLastError()->code == TARN_E_SYNC_LOCK_BUSY;
-  TarnSyncUnlock(afc_, lock);
+  TarnSyncUnlock(client(), lock);
   if (busy)
     Fail(kBusy, "the device is syncing with another computer; nothing was changed. Wait until the sync has "
                 "finished and try again.");
@@ -131,15 +130,8 @@ PathInfo Session::Require(const std::string &device_path) {
 }
 
 std::string Session::LinkTarget(const std::string &device_path) {
-  char **pairs = nullptr;
-  if (afc_get_file_info(client(), device_path.c_str(), &pairs) != AFC_E_SUCCESS || pairs == nullptr) return "";
-  std::string kind, target;
-  for (int i = 0; pairs[i] != nullptr && pairs[i + 1] != nullptr; i += 2) {
-    if (std::string(pairs[i]) == "st_ifmt") kind = pairs[i + 1];
-    if (std::string(pairs[i]) == "LinkTarget") target = pairs[i + 1];
-  }
-  afc_dictionary_free(pairs);
-  return kind == "S_IFLNK" ? target : "";
+  CString target(TarnLinkTarget(client(), device_path.c_str()));
+  return target ? target.get() : "";
 }
 
 namespace {

@@ -4,8 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <libimobiledevice/afc.h>
-
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -184,14 +182,16 @@ Outcome Transfers::Upload(const std::string &host_path, const std::string &devic
   const PathInfo info = session_.Stat(partial);
   const bool whole = info.exists && !info.is_dir && info.size == size;
   if (state.cancelled || !whole) {
-    afc_remove_path(client, partial.c_str());
+    TarnRemovePath(client, partial.c_str());
     if (state.cancelled) return Outcome::kCancelled;
     return Failed(host_path, error, reason);
   }
   // The device's rename replaces the target in one step.
-  if (afc_rename_path(client, partial.c_str(), device_path.c_str()) != AFC_E_SUCCESS) {
-    afc_remove_path(client, partial.c_str());
-    return Failed(host_path, TarnError{}, "the device refused to rename " + partial + " to " + device_path);
+  if (TarnRenamePath(client, partial.c_str(), device_path.c_str()) != 0) {
+    const TarnError refused = *TarnLastError();
+    const std::string why = LastReason();
+    TarnRemovePath(client, partial.c_str());
+    return Failed(host_path, refused, why);
   }
   ++files_done_;
   base_ += size;

@@ -94,21 +94,15 @@ void Render(std::FILE *out, const Args &args, plist_t list) {
 
 }  // namespace
 
-int CmdDevices(const GlobalOptions &options, const Args &) {
-  const std::vector<std::string> ids = AttachedDevices();
+int CmdDevices(const GlobalOptions &, const Args &) {
+  std::string why_none;
+  const std::vector<std::string> ids = AttachedDevices(&why_none);
+  if (ids.empty() && !why_none.empty()) Fail(kExitNoUsbmuxd, why_none);
   if (ids.empty()) Fail(kExitNoDevice, "no device attached");
   for (const auto &id : ids) {
-    std::string name = "(cannot be reached)";
-    try {
-      Session session(options.session, id);
-      session.Connect();
-      session.InitCatalogue();
-      PlistPtr info(GetDeviceInfo(session.device()));
-      if (info) name = DictString(info.get(), "DeviceName");
-    } catch (const Failure &) {
-      // A device that refuses us is still listed, with its identifier.
-    }
-    std::fprintf(Out(), "%s  %s\n", Printable(id).c_str(), Printable(name).c_str());
+    // A device that refuses us is still listed, with its identifier.
+    const std::string name = DeviceName(id);
+    std::fprintf(Out(), "%s  %s\n", Printable(id).c_str(), Printable(name.empty() ? "(cannot be reached)" : name).c_str());
   }
   return kExitOk;
 }

@@ -8,7 +8,6 @@
 #include <memory>
 #include <system_error>
 
-#include <libimobiledevice/afc.h>
 #include <tarn/tarn_tool.h>
 
 #include "common/device_path.h"
@@ -381,8 +380,8 @@ int CmdPush(Session &session, const Args &args) {
   TransferUi ui;
   Transfers transfers(session, total, files.size(), ui.hooks(), true);
   for (const auto &dir : dirs) {
-    afc_make_directory(session.client(), dir.c_str());
-    if (!session.Stat(dir).is_dir) Fail(kExitFailed, "could not create " + dir + " on the device");
+    TarnMakeDirectory(session.client(), dir.c_str());
+    if (!session.Stat(dir).is_dir) FailWithReason(kExitFailed, "could not create " + dir + " on the device");
   }
   std::vector<std::string> failed;
   bool cancelled = false;

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -11,6 +12,7 @@
 #include <nlohmann/json.hpp>
 #include <system_error>
 
+#include "common/host_file.h"
 #include "common/owners.h"
 #include "common/naming.h"
 
@@ -31,6 +33,15 @@ std::vector<std::string> AttachedDevices(std::string *why_none) {
     if (text != nullptr) ids.emplace_back(text);
   }
   return ids;
+}
+
+Failure WhyFailed(const std::string &udid, int fallback, const std::string &what) {
+  Failure failure = FromLastError(fallback, what);
+  if (failure.code != TARN_OK || udid.empty()) return failure;
+  const std::vector<std::string> ids = AttachedDevices();
+  if (std::find(ids.begin(), ids.end(), udid) != ids.end()) return failure;
+  const std::string gone = DeviceLabel(udid) + " is no longer attached: connect it with a USB cable and try again.";
+  return {kDeviceNotFound, TARN_E_NO_DEVICE, what.empty() ? gone : what + ": " + gone};
 }
 
 std::string ChooseDevice(const SessionOptions &options) {
@@ -86,8 +97,21 @@ Session::~Session() = default;
 
 void Session::Connect() {
   if (TarnHeldClient(device_.get()) != nullptr) return;
-  if (TarnHoldConnection(device_.get()) != 0) FailWithReason(kUnreachable, "cannot reach device " + udid_);
+  if (TarnHoldConnection(device_.get()) == 0) {
+    CString name(TarnGetDeviceName(device_.get()));
+    if (name) RememberDeviceName(udid_, name.get());
+    return;
+  }
+  // Kept before the name is asked for, which is a library call of its own;
+  // a device that refuses a session still tells its name.
+  TarnError error = *TarnLastError();
+  const std::string message = error.message;
+  error.message = message.c_str();
+  if (error.code != TARN_E_NO_USBMUXD && error.code != TARN_E_NO_DEVICE) RememberDeviceName(udid_, DeviceName(udid_));
+  Fail(FromError(error, kUnreachable, "cannot reach " + DeviceLabel(udid_)));
 }
+
+void Session::Disconnect() { TarnReleaseConnection(device_.get()); }
 
 afc_client_t Session::client() {
   Connect();
@@ -151,11 +175,7 @@ std::string ReadMarker(const fs::path &dir) {
   return in || in.eof() ? state : "";
 }
 
-void WriteMarker(const fs::path &dir, const char *state) {
-  std::ofstream out(dir / kMarker, std::ios::trunc);
-  out << state << "\n";
-  if (!out.flush()) Fail(kHostPath, "cannot write to working directory " + dir.string());
-}
+void WriteMarker(const fs::path &dir, const char *state) { WriteWhole(dir / kMarker, std::string(state) + "\n"); }
 
 bool IsEmptyDir(const fs::path &dir) {
   std::error_code ec;
@@ -224,7 +244,7 @@ void Session::InitCatalogue() {
   if (fs::exists(dir / kMarker, ec)) {
     nlohmann::json record = nlohmann::json::object();
     for (const auto &[path, state] : states) record[path] = {state.first, state.second};
-    std::ofstream(dir / kCopies, std::ios::trunc) << record.dump() << "\n";
+    WriteWhole(dir / kCopies, record.dump() + "\n");
     WriteMarker(dir, "complete");
   }
 }

@@ -42,6 +42,11 @@ void IgnoreBrokenPipes();
 // then `why_none` (when given) says so if usbmuxd cannot be reached.
 std::vector<std::string> AttachedDevices(std::string *why_none = nullptr);
 
+// FromLastError() about a device: when the library recorded nothing and
+// the device is no longer attached, that is the likeliest cause and the one
+// a person can fix.
+Failure WhyFailed(const std::string &udid, int fallback, const std::string &what);
+
 // Picks the device of -u, or the only one attached; fails with the
 // matching exit code otherwise.
 std::string ChooseDevice(const SessionOptions &options);
@@ -72,6 +77,9 @@ class Session {
   // the library's reason (kUnreachable when it gives none) when the device
   // refuses the handshake or the file conduit.
   void Connect();
+  // Lets the held connection go (one that broke); the next call of
+  // Connect() holds a new one.
+  void Disconnect();
   // The held connection's file-conduit client, for batches of work over one
   // connection with the library's workers that take a client.
   afc_client_t client();

@@ -109,7 +109,7 @@ int CmdDevices(const GlobalOptions &, const Args &) {
 
 int CmdInfo(Session &session, const Args &args) {
   PlistPtr info(GetDeviceInfo(session.device()));
-  if (!info) Fail(kExitUnreachable, "cannot reach device " + session.udid());
+  if (!info) FailWithReason(kExitUnreachable, "cannot reach " + DeviceLabel(session.udid()));
   std::FILE *out = Out();
   if (args.has("--json") || args.has("--xml")) {
     Render(out, args, info.get());
@@ -165,7 +165,7 @@ int CmdExport(Session &session, const Args &args) {
     return kExitOk;
   }
   if (report.cancelled) Fail(kExitCancelled, "export cancelled; run it again to go on");
-  for (const auto &path : report.failed) PrintError("could not copy " + path);
+  for (const auto &failure : report.failed) PrintError("could not copy " + failure.message);
   std::fprintf(Out(), "%zu %s: %zu copied (%s), %zu already there", report.wanted, noun.c_str(), report.copied,
                HumanSize(report.bytes).c_str(), report.skipped);
   if (!report.missing.empty()) std::fprintf(Out(), ", %zu missing on the device", report.missing.size());

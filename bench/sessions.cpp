@@ -128,6 +128,19 @@ int main(int argc, char **argv) try {
          TarnSyncUnlock(client, lock);
          CloseIdeviceAndAfC(client, idevice);
        }},
+      // The same 100 calls, one each, on a handle that holds its
+      // connection: the calls in between open none of their own.
+      {"100 of those files, one call each, held connection",
+       [&] {
+         fs::remove_all(host);
+         fs::create_directories(host);
+         TarnHoldConnection(device);
+         for (int i = 0; i < 100; ++i) {
+           const std::string name = "/f" + std::to_string(i) + ".txt";
+           CopyFileFromDeviceToNative(device, ("/P" + name).c_str(), (host + name).c_str(), nullptr);
+         }
+         TarnReleaseConnection(device);
+       }},
       {"GetPodDir 20,020 entries",
        [&] {
          PodDir *root = GetPodDir(device, "/T", 0);

@@ -95,6 +95,11 @@ int main(int argc, char **argv) try {
     fs::resize_file(upload_source, size);
   }
 
+  // The floor's loops run over a connection opened once; the library's
+  // calls do too, as the programs make them: over a connection held on the
+  // handle. Without it each call pays for a lockdown session of its own,
+  // which libimobiledevice's handshake can stretch to 100 ms or more.
+  if (TarnHoldConnection(device) != 0) throw std::runtime_error("no connection to hold");
   // The floor and the library take turns, so that a burst of load on the
   // machine falls on both alike.
   std::vector<double> raw_down, lib_down, raw_up, lib_up;

@@ -1,5 +1,7 @@
 #include "common/export.h"
 
+#include "common/host_file.h"
+
 #include <glib.h>
 #include <unistd.h>
 
@@ -66,17 +68,7 @@ class Manifest {
     json_["files"][rel] = {{"device", udid_}, {"path", device_path}, {"size", size}, {"mtime", mtime}};
   }
   // Written beside and renamed over, like every other file.
-  void Save() const {
-    const fs::path partial = path_.string() + ".part";
-    {
-      std::ofstream out(partial, std::ios::binary | std::ios::trunc);
-      out << json_.dump(1) << "\n";
-      if (!out.flush()) Fail(kHostPath, "cannot write " + partial.string());
-    }
-    std::error_code ec;
-    fs::rename(partial, path_, ec);
-    if (ec) Fail(kHostPath, "cannot write " + path_.string() + ": " + ec.message());
-  }
+  void Save() const { WriteWhole(path_, json_.dump(1) + "\n"); }
 
  private:
   fs::path path_;
@@ -189,8 +181,11 @@ class Exporter {
           manifest_.Record(rel, job.device_path, job.size, job.mtime);
           report_.files.push_back(rel);
         }
-        if (outcome == Outcome::kFailed)
-          report_.failed.push_back(Printable(job.device_path) + ": " + transfers.last_failure());
+        if (outcome == Outcome::kFailed) {
+          Failure failure = transfers.last_failure();
+          failure.message = Printable(job.device_path) + ": " + failure.message;
+          report_.failed.push_back(std::move(failure));
+        }
         if (outcome == Outcome::kCancelled || hooks.cancelled()) {
           report_.cancelled = true;
           break;
@@ -225,15 +220,7 @@ class Exporter {
     std::ostringstream before;
     before << old.rdbuf();
     if (old && before.str() == text.str()) return;
-    const fs::path partial = path.string() + ".tarn-part";
-    {
-      std::ofstream out(partial, std::ios::binary | std::ios::trunc);
-      out << text.str();
-      if (!out.flush()) Fail(kHostPath, "cannot write " + path.string());
-    }
-    std::error_code ec;
-    fs::rename(partial, path, ec);
-    if (ec) Fail(kHostPath, "cannot write " + path.string() + ": " + ec.message());
+    WriteWhole(path, text.str());
     if (displaced_.count(rel) != 0) NoteDisplaced(rel);
     manifest_.Record(rel, PlaylistKey(name), text.str().size(), 0);
     manifest_.Save();

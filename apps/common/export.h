@@ -30,7 +30,7 @@ struct ExportReport {
   size_t wanted = 0, copied = 0, skipped = 0, playlists = 0;
   uint64_t bytes = 0;
   std::set<std::string> missing;      // listed in the catalogue, absent on the device
-  std::vector<std::string> failed;    // device paths that could not be copied
+  std::vector<Failure> failed;        // "<device path>: <reason>", per file that could not be copied
   std::vector<std::string> notes;     // what a person should hear about, in order
   // Below the target directory: each file that holds a requested item (or
   // playlist) once the export is done, copied now or already there.

@@ -1,49 +1,95 @@
 #include "common/failure.h"
 
 #include <cerrno>
+#include <map>
+#include <mutex>
 
 namespace tarn::app {
 
-[[noreturn]] void Fail(int status, std::string message) { throw Failure{status, std::move(message)}; }
+[[noreturn]] void Fail(int status, std::string message) { throw Failure{status, TARN_OK, std::move(message)}; }
+[[noreturn]] void Fail(Failure failure) { throw std::move(failure); }
 
 namespace {
 
-// The one step a person can take, where there is one.
-const char *Remedy(const TarnError &error) {
-  switch (error.code) {
-    case TARN_E_NO_USBMUXD: return "Start usbmuxd (sudo systemctl start usbmuxd) and try again.";
-    case TARN_E_NO_DEVICE: return "Connect the device with a USB cable.";
-    case TARN_E_NOT_PAIRED:
-    case TARN_E_PAIRING_PENDING: return "Unlock the device and tap Trust, then try again.";
-    case TARN_E_TRUST_DENIED: return "Unplug the device, plug it in again, unlock it and tap Trust.";
-    case TARN_E_LOCKED: return "Unlock the device and try again.";
-    case TARN_E_PAIRING_INVALID: return "Run `idevicepair unpair` then `idevicepair pair`, and tap Trust on the device.";
-    case TARN_E_SERVICE_REFUSED: return "Unplug the device and plug it in again; restart it if that does not help.";
-    case TARN_E_CONNECTION_LOST: return "Check the cable and try again.";
-    case TARN_E_DEVICE_FULL: return "Free some space on the device.";
-    case TARN_E_SYNC_LOCK_BUSY: return "Wait until the device has finished syncing with the other computer.";
-    case TARN_E_HOST_IO: return error.host_errno == ENOSPC ? "Free some space on this computer." : "";
-    default: return "";
+struct Names {
+  std::mutex mutex;
+  std::map<std::string, std::string> by_udid;
+};
+
+Names &KnownNames() {
+  static Names names;
+  return names;
+}
+
+std::string NameOf(const std::string &udid) {
+  Names &names = KnownNames();
+  const std::lock_guard<std::mutex> guard(names.mutex);
+  const auto it = names.by_udid.find(udid);
+  return it == names.by_udid.end() ? "" : it->second;
+}
+
+// The library names a device "Device UDID" at the start of a sentence and
+// "device UDID" inside one; a known name takes the place of both.
+void NameDevices(std::string &text) {
+  for (const char *word : {"Device ", "device "}) {
+    for (size_t at = 0; (at = text.find(word, at)) != std::string::npos;) {
+      const size_t id_start = at + std::char_traits<char>::length(word);
+      size_t id_end = id_start;
+      while (id_end < text.size() && (std::isalnum(static_cast<unsigned char>(text[id_end])) || text[id_end] == '-'))
+        ++id_end;
+      const std::string name = id_end > id_start ? NameOf(text.substr(id_start, id_end - id_start)) : "";
+      if (name.empty()) {
+        at = id_end;
+        continue;
+      }
+      text.replace(at, id_end - at, name);
+      at += name.size();
+    }
   }
 }
 
 }  // namespace
 
-std::string Reason(const TarnError &error) {
+void RememberDeviceName(const std::string &udid, const std::string &name) {
+  if (udid.empty() || name.empty()) return;
+  Names &names = KnownNames();
+  const std::lock_guard<std::mutex> guard(names.mutex);
+  names.by_udid[udid] = name;
+}
+
+std::string DeviceLabel(const std::string &udid) {
+  const std::string name = NameOf(udid);
+  return name.empty() ? "device " + udid : name;
+}
+
+std::string Describe(const TarnError &error) {
   if (error.code == TARN_OK) return "";
   std::string text = error.message != nullptr && error.message[0] != '\0' ? error.message
                                                                           : TarnErrorMessage(error.code);
-  const std::string remedy = Remedy(error);
-  if (!remedy.empty()) text += " " + remedy;
+  NameDevices(text);
+  // The one reason whose sentence has no remedy of its own.
+  if (error.code == TARN_E_HOST_IO && error.host_errno == ENOSPC) text += " Free some space on this computer.";
   return text;
 }
 
-std::string LastReason() { return Reason(*TarnLastError()); }
+std::string LastReason() { return Describe(*TarnLastError()); }
 
-std::string Because(const std::string &what) {
-  const std::string why = LastReason();
-  return why.empty() ? what : what + ": " + why;
+bool BreaksConnection(TarnErrorCode code) { return code >= TARN_E_NO_USBMUXD && code <= TARN_E_CONNECTION_LOST; }
+
+Failure FromLastError(int fallback, const std::string &what) { return FromError(*TarnLastError(), fallback, what); }
+
+Failure FromError(const TarnError &error, int fallback, const std::string &what) {
+  // A sync that did not stop the call and a walk cut at its bounds are no
+  // reason for a failure.
+  if (error.code == TARN_OK || error.code == TARN_E_SYNC_LOCK_BUSY || error.code == TARN_E_WALK_CUT)
+    return {fallback, TARN_OK, what};
+  const std::string why = Describe(error);
+  // Reaching the device: the reason names the device and says what to do.
+  const bool alone = (BreaksConnection(error.code) && error.code != TARN_E_CONNECTION_LOST) || what.empty();
+  return {StatusOf(error.code, fallback), error.code, alone ? why : what + ": " + why};
 }
+
+[[noreturn]] void FailWithReason(int fallback, const std::string &what) { Fail(FromLastError(fallback, what)); }
 
 int StatusOf(TarnErrorCode code, int fallback) {
   switch (code) {
@@ -62,11 +108,6 @@ int StatusOf(TarnErrorCode code, int fallback) {
     case TARN_E_SYNC_LOCK_BUSY: return kBusy;
     default: return fallback;
   }
-}
-
-[[noreturn]] void FailWithReason(int fallback, const std::string &what) {
-  const TarnError &error = *TarnLastError();
-  Fail(StatusOf(error.code, fallback), Because(what));
 }
 
 }  // namespace tarn::app

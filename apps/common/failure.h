@@ -1,7 +1,8 @@
-// How work on a device ends when it cannot go on: a status that a program can
-// act on (tarn turns it into its exit code) and a sentence for the person,
-// built from the library's reason for the last failure with the one thing
-// they can do about it.
+// How work on a device ends when it cannot go on, and how one file of a
+// batch went wrong: a status that a program can act on (tarn turns it into
+// its exit code), the library's reason behind it, and the sentence a person
+// reads. This is the one shape failures take through the shared layer, and
+// the one place that composes the sentence, for both programs.
 #pragma once
 
 #include <string>
@@ -16,7 +17,7 @@ enum Status : int {
   kOk = 0,
   kFailed = 1,          // the device did not do what was asked
   kUsage = 2,           // bad command line or argument
-  kNoDevice = 3,        // no device attached, or usbmuxd not running
+  kNoDevice = 3,        // no device attached
   kDeviceNotFound = 4,  // the named device is not attached
   kSeveralDevices = 5,  // several attached and none chosen
   kUnreachable = 6,     // attached, but locked, not trusted, or a service was refused
@@ -31,27 +32,43 @@ enum Status : int {
   kTerminated = 143,    // stopped by SIGTERM (128 + 15; SIGHUP gives 129), after cleaning up
 };
 
-// Thrown to end the work: the program shows `message` and stops with `status`.
 struct Failure {
-  int status;
-  std::string message;
+  int status = kOk;
+  TarnErrorCode code = TARN_OK;  // the library's reason behind it; TARN_OK when it gave none
+  std::string message;           // for a person: what happened and what to do
+  bool failed() const { return status != kOk; }
 };
-[[noreturn]] void Fail(int status, std::string message);
 
-// What the library recorded for its last call on this thread, as a person
-// reads it: the library's sentence and, where there is one, what to do
-// ("Unlock it and tap Trust."). Empty when nothing was recorded.
-std::string Reason(const TarnError &error);
+// Thrown to end the work: the program shows the message and stops with the status.
+[[noreturn]] void Fail(int status, std::string message);
+[[noreturn]] void Fail(Failure failure);
+
+// What a person reads for a library reason: its sentence, which already says
+// what to do, with the device called by its name once the name is known.
+// Empty for TARN_OK.
+std::string Describe(const TarnError &error);
+// Describe() of the last library call on this thread.
 std::string LastReason();
 
-// "<what>: <reason>" from the last library call, or `what` alone when the
-// library recorded nothing.
-std::string Because(const std::string &what);
+// The last library call's reason as a failure about `what`: "<what>: <reason>",
+// or the reason alone when it is about reaching the device (it names the
+// device and the remedy itself), or `what` alone when the library recorded
+// nothing. The status is the reason's, `fallback` for reasons without one.
+Failure FromLastError(int fallback, const std::string &what);
+// The same for a reason kept from an earlier call.
+Failure FromError(const TarnError &error, int fallback, const std::string &what);
+[[noreturn]] void FailWithReason(int fallback, const std::string &what);
 
 // The status a library reason belongs to; `fallback` for those with none.
 int StatusOf(TarnErrorCode code, int fallback);
 
-// Ends the work with the library's last reason.
-[[noreturn]] void FailWithReason(int fallback, const std::string &what);
+// Whether a reason means that the device connection is gone or was never
+// made: a batch stops there, whatever reason said it.
+bool BreaksConnection(TarnErrorCode code);
+
+// From now on, sentences about this device call it by `name`.
+void RememberDeviceName(const std::string &udid, const std::string &name);
+// "Anna's iPhone", or "device UDID" while the name is not known.
+std::string DeviceLabel(const std::string &udid);
 
 }  // namespace tarn::app

@@ -2,8 +2,7 @@
 
 #include <unistd.h>
 
-#include <libimobiledevice/afc.h>
-
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -13,6 +12,7 @@
 #include <nlohmann/json.hpp>
 #include <system_error>
 
+#include "common/host_file.h"
 #include "common/owners.h"
 #include "common/naming.h"
 
@@ -35,6 +35,15 @@ std::vector<std::string> AttachedDevices(std::string *why_none) {
   return ids;
 }
 
+Failure WhyFailed(const std::string &udid, int fallback, const std::string &what) {
+  Failure failure = FromLastError(fallback, what);
+  if (failure.code != TARN_OK || udid.empty()) return failure;
+  const std::vector<std::string> ids = AttachedDevices();
+  if (std::find(ids.begin(), ids.end(), udid) != ids.end()) return failure;
+  const std::string gone = DeviceLabel(udid) + " is no longer attached: connect it with a USB cable and try again.";
+  return {kDeviceNotFound, TARN_E_NO_DEVICE, what.empty() ? gone : what + ": " + gone};
+}
+
 std::string ChooseDevice(const SessionOptions &options) {
   std::string why_none;
   const std::vector<std::string> ids = AttachedDevices(&why_none);
@@ -48,6 +57,12 @@ std::string ChooseDevice(const SessionOptions &options) {
   if (ids.size() > 1)
     Fail(kSeveralDevices, std::to_string(ids.size()) + " devices attached; choose one with -u UDID");
   return ids.front();
+}
+
+std::string DeviceName(const std::string &udid) {
+  const std::unique_ptr<PodDevice, decltype(&FreePodDevice)> device(CreatePodDevice(udid.c_str()), FreePodDevice);
+  CString name(device ? TarnGetDeviceName(device.get()) : nullptr);
+  return name ? name.get() : "";
 }
 
 std::string WorkDirFor(const SessionOptions &options, const std::string &udid) {
@@ -78,21 +93,29 @@ Session::Session(const SessionOptions &options, std::string udid)
   if (!device_) Fail(kFailed, "cannot create a handle for " + udid_);
 }
 
-Session::~Session() { CloseIdeviceAndAfC(afc_, idevice_); }
+Session::~Session() = default;
 
 void Session::Connect() {
-  if (afc_ != nullptr) return;
-  idevice_t connection = nullptr;
-  afc_client_t client = OpenIdeviceAndAfC(&connection, udid_.c_str());
-  if (client == nullptr) {
-    CloseIdeviceAndAfC(nullptr, connection);
-    // Without even a device connection the device went away since listing.
-    if (TarnLastError()->code != TARN_OK) FailWithReason(kUnreachable, "cannot reach device " + udid_);
-    if (connection == nullptr) Fail(kDeviceNotFound, "device " + udid_ + " not found");
-    Fail(kUnreachable, "cannot reach device " + udid_ + ": handshake or file service refused");
+  if (TarnHeldClient(device_.get()) != nullptr) return;
+  if (TarnHoldConnection(device_.get()) == 0) {
+    CString name(TarnGetDeviceName(device_.get()));
+    if (name) RememberDeviceName(udid_, name.get());
+    return;
   }
-  idevice_ = connection;
-  afc_ = client;
+  // Kept before the name is asked for, which is a library call of its own;
+  // a device that refuses a session still tells its name.
+  TarnError error = *TarnLastError();
+  const std::string message = error.message;
+  error.message = message.c_str();
+  if (error.code != TARN_E_NO_USBMUXD && error.code != TARN_E_NO_DEVICE) RememberDeviceName(udid_, DeviceName(udid_));
+  Fail(FromError(error, kUnreachable, "cannot reach " + DeviceLabel(udid_)));
+}
+
+void Session::Disconnect() { TarnReleaseConnection(device_.get()); }
+
+afc_client_t Session::client() {
+  Connect();
+  return TarnHeldClient(device_.get());
 }
 
 PathInfo Session::Stat(const std::string &device_path) { return StatIn(client(), device_path); }
@@ -102,7 +125,7 @@ bool Session::Alive() { return StatIn(client(), "/").is_dir; }
 void Session::RefuseWhileSyncing() {
   const uint64_t lock = TarnSyncLock(client());
   const bool busy = TarnLastError()->code == TARN_E_SYNC_LOCK_BUSY;
-  TarnSyncUnlock(afc_, lock);
+  TarnSyncUnlock(client(), lock);
   if (busy)
     Fail(kBusy, "the device is syncing with another computer; nothing was changed. Wait until the sync has "
                 "finished and try again.");
@@ -131,15 +154,8 @@ PathInfo Session::Require(const std::string &device_path) {
 }
 
 std::string Session::LinkTarget(const std::string &device_path) {
-  char **pairs = nullptr;
-  if (afc_get_file_info(client(), device_path.c_str(), &pairs) != AFC_E_SUCCESS || pairs == nullptr) return "";
-  std::string kind, target;
-  for (int i = 0; pairs[i] != nullptr && pairs[i + 1] != nullptr; i += 2) {
-    if (std::string(pairs[i]) == "st_ifmt") kind = pairs[i + 1];
-    if (std::string(pairs[i]) == "LinkTarget") target = pairs[i + 1];
-  }
-  afc_dictionary_free(pairs);
-  return kind == "S_IFLNK" ? target : "";
+  CString target(TarnLinkTarget(client(), device_path.c_str()));
+  return target ? target.get() : "";
 }
 
 namespace {
@@ -159,11 +175,7 @@ std::string ReadMarker(const fs::path &dir) {
   return in || in.eof() ? state : "";
 }
 
-void WriteMarker(const fs::path &dir, const char *state) {
-  std::ofstream out(dir / kMarker, std::ios::trunc);
-  out << state << "\n";
-  if (!out.flush()) Fail(kHostPath, "cannot write to working directory " + dir.string());
-}
+void WriteMarker(const fs::path &dir, const char *state) { WriteWhole(dir / kMarker, std::string(state) + "\n"); }
 
 bool IsEmptyDir(const fs::path &dir) {
   std::error_code ec;
@@ -232,7 +244,7 @@ void Session::InitCatalogue() {
   if (fs::exists(dir / kMarker, ec)) {
     nlohmann::json record = nlohmann::json::object();
     for (const auto &[path, state] : states) record[path] = {state.first, state.second};
-    std::ofstream(dir / kCopies, std::ios::trunc) << record.dump() << "\n";
+    WriteWhole(dir / kCopies, record.dump() + "\n");
     WriteMarker(dir, "complete");
   }
 }

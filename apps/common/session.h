@@ -42,9 +42,18 @@ void IgnoreBrokenPipes();
 // then `why_none` (when given) says so if usbmuxd cannot be reached.
 std::vector<std::string> AttachedDevices(std::string *why_none = nullptr);
 
+// FromLastError() about a device: when the library recorded nothing and
+// the device is no longer attached, that is the likeliest cause and the one
+// a person can fix.
+Failure WhyFailed(const std::string &udid, int fallback, const std::string &what);
+
 // Picks the device of -u, or the only one attached; fails with the
 // matching exit code otherwise.
 std::string ChooseDevice(const SessionOptions &options);
+
+// The name the person gave a device, asked without a secure session; empty
+// when the device does not answer.
+std::string DeviceName(const std::string &udid);
 
 // The host working directory for a device's database copies.
 std::string WorkDirFor(const SessionOptions &options, const std::string &udid);
@@ -63,16 +72,17 @@ class Session {
   // Where a symbolic link points; empty for anything else.
   std::string LinkTarget(const std::string &device_path);
 
-  // Opens the session's own connection; fails with kUnreachable (or the
-  // status of the library's reason) when the device refuses the handshake
-  // or the file conduit.
+  // Holds one connection on the handle (TarnHoldConnection) for every
+  // library call the session makes from then on; fails with the status of
+  // the library's reason (kUnreachable when it gives none) when the device
+  // refuses the handshake or the file conduit.
   void Connect();
-  // The session's file-conduit client, for batches of work over one
+  // Lets the held connection go (one that broke); the next call of
+  // Connect() holds a new one.
+  void Disconnect();
+  // The held connection's file-conduit client, for batches of work over one
   // connection with the library's workers that take a client.
-  afc_client_t client() {
-    Connect();
-    return afc_;
-  }
+  afc_client_t client();
   // Whether the session's connection still answers.
   bool Alive();
   // Fails with kBusy when another computer holds the device's sync lock,
@@ -93,8 +103,6 @@ class Session {
   SessionOptions options_;
   std::string udid_;
   std::unique_ptr<PodDevice, DeviceDeleter> device_;
-  idevice_t idevice_ = nullptr;
-  afc_client_t afc_ = nullptr;
 };
 
 }  // namespace tarn::app

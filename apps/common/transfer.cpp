@@ -4,15 +4,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <libimobiledevice/afc.h>
-
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <random>
 #include <system_error>
 
 #include "common/device_path.h"
+#include "common/host_file.h"
 #include "common/naming.h"
 
 namespace tarn::app {
@@ -51,15 +49,6 @@ class CallbackScope {
   PodDevice *device_;
 };
 
-// A short hidden name: whatever the final name's length, the temporary one
-// fits the 255 bytes a name may have on either side.
-std::string TemporaryName() {
-  static std::mt19937_64 random{std::random_device{}()};
-  char text[32];
-  std::snprintf(text, sizeof text, ".tarn-%012llx.part", static_cast<unsigned long long>(random() & 0xffffffffffffULL));
-  return text;
-}
-
 const char *KindOfHostFile(mode_t mode) {
   if (S_ISDIR(mode)) return "a directory";
   if (S_ISLNK(mode)) return "a symbolic link";
@@ -97,14 +86,18 @@ void Transfers::Report(uint64_t done, bool finished) const {
 
 void Transfers::Finish() { Report(base_, true); }
 
-Outcome Transfers::Failed(const std::string &what, const TarnError &error, const std::string &reason) {
-  if (error.code == TARN_E_CONNECTION_LOST || error.code == TARN_E_NO_DEVICE || !session_.Alive())
-    Fail(kDisconnected, "device disconnected after " + std::to_string(files_done_) + " of " +
-                            std::to_string(total_files_) + " files. Check the cable and try again.");
-  if (error.code == TARN_E_DEVICE_FULL) Fail(kDeviceFull, "could not copy " + what + ": " + reason);
-  if (error.code == TARN_E_HOST_IO && error.host_errno == ENOSPC)
-    Fail(kHostPath, "could not copy " + what + ": No space left on device");
-  last_failure_ = reason.empty() ? "the copy ended short of the file's size" : reason;
+Outcome Transfers::Failed(const std::string &what, const TarnError &error) {
+  // Copied first: the check of the connection below is a library call of its own.
+  const TarnErrorCode code = error.code;
+  const bool host_full = code == TARN_E_HOST_IO && error.host_errno == ENOSPC;
+  const std::string reason = Describe(error);
+  if (BreaksConnection(code) || !session_.Alive())
+    Fail({kDisconnected, code == TARN_OK ? TARN_E_CONNECTION_LOST : code,
+          "device disconnected after " + std::to_string(files_done_) + " of " + std::to_string(total_files_) +
+              " files. Check the cable and try again."});
+  if (code == TARN_E_DEVICE_FULL) Fail({kDeviceFull, code, "could not copy " + what + ": " + reason});
+  if (host_full) Fail({kHostPath, code, "could not copy " + what + ": " + reason});
+  last_failure_ = {StatusOf(code, kFailed), code, reason.empty() ? "the copy ended short of the file's size" : reason};
   return Outcome::kFailed;
 }
 
@@ -119,17 +112,7 @@ Outcome Transfers::Download(const DownloadJob &job, bool no_clobber) {
     ++files_done_;
     return Outcome::kSkipped;
   }
-  // A fresh name, never one that is there: O_EXCL would not follow a link
-  // planted at it either.
-  std::string partial;
-  int fd = -1;
-  for (int attempt = 0; fd < 0 && attempt < 16; ++attempt) {
-    partial = (dir / TemporaryName()).string();
-    fd = ::open(partial.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-    if (fd < 0 && errno != EEXIST) break;
-  }
-  if (fd < 0) Fail(kHostPath, "cannot write " + job.host_path + ": " + std::strerror(errno));
-  ::close(fd);
+  const std::string partial = CreateTemporaryBeside(target).string();
 
   label_ = BaseName(job.device_path);
   CallbackState state{this, [this](uint64_t done) { Report(base_ + done, false); }, false};
@@ -142,7 +125,7 @@ Outcome Transfers::Download(const DownloadJob &job, bool no_clobber) {
   if (state.cancelled || ec || got != job.size) {
     fs::remove(partial, ec);
     if (state.cancelled) return Outcome::kCancelled;
-    return Failed(job.device_path, *TarnLastError(), LastReason());
+    return Failed(job.device_path, *TarnLastError());
   }
   if (job.mtime >= 0) {
     const timespec times[2] = {{0, UTIME_NOW}, {static_cast<time_t>(job.mtime), 0}};
@@ -180,18 +163,26 @@ Outcome Transfers::Upload(const std::string &host_path, const std::string &devic
     _TarnCopyFileFromNativeToDevice(session_.device(), client, host_path.c_str(), partial.c_str(), OnProgress);
   }
   const TarnError error = *TarnLastError();
-  const std::string reason = LastReason();
+  const std::string message = error.message;  // the record is rewritten by the next call
   const PathInfo info = session_.Stat(partial);
   const bool whole = info.exists && !info.is_dir && info.size == size;
   if (state.cancelled || !whole) {
-    afc_remove_path(client, partial.c_str());
+    TarnRemovePath(client, partial.c_str());
     if (state.cancelled) return Outcome::kCancelled;
-    return Failed(host_path, error, reason);
+    // The reason names the file the device knows it by.
+    std::string named = message;
+    for (size_t at; (at = named.find(partial)) != std::string::npos;) named.replace(at, partial.size(), device_path);
+    TarnError copy = error;
+    copy.message = named.c_str();
+    return Failed(host_path, copy);
   }
   // The device's rename replaces the target in one step.
-  if (afc_rename_path(client, partial.c_str(), device_path.c_str()) != AFC_E_SUCCESS) {
-    afc_remove_path(client, partial.c_str());
-    return Failed(host_path, TarnError{}, "the device refused to rename " + partial + " to " + device_path);
+  if (TarnRenamePath(client, partial.c_str(), device_path.c_str()) != 0) {
+    TarnError refused = *TarnLastError();
+    const std::string message = refused.message;
+    TarnRemovePath(client, partial.c_str());
+    refused.message = message.c_str();
+    return Failed(host_path, refused);
   }
   ++files_done_;
   base_ += size;

@@ -58,8 +58,8 @@ class Transfers {
   Outcome Download(const DownloadJob &job, bool no_clobber = false);
   Outcome Upload(const std::string &host_path, const std::string &device_path, uint64_t size);
 
-  // Why the last kFailed happened, for a person.
-  const std::string &last_failure() const { return last_failure_; }
+  // Why the last kFailed happened.
+  const Failure &last_failure() const { return last_failure_; }
 
   // Sends the last progress report.
   void Finish();
@@ -68,9 +68,10 @@ class Transfers {
 
  private:
   void Report(uint64_t done, bool finished) const;
-  // After a failed file: ends the batch when the device went away or has no
-  // room, since every further file would fail the same way.
-  Outcome Failed(const std::string &what, const TarnError &error, const std::string &reason);
+  // After a failed file, with the library's reason for it: ends the batch
+  // when the connection is gone or either side has no room, since every
+  // further file would fail the same way.
+  Outcome Failed(const std::string &what, const TarnError &error);
   Session &session_;
   TransferHooks hooks_;
   uint64_t total_;
@@ -79,7 +80,7 @@ class Transfers {
   uint64_t lock_ = 0;
   uint64_t base_ = 0;  // bytes of the files finished before the current one
   std::string label_;
-  std::string last_failure_;
+  Failure last_failure_;
 };
 
 }  // namespace tarn::app

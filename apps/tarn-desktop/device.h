@@ -1,7 +1,7 @@
 // The window's hold on the library, over what it shares with tarn
-// (apps/common): handles per worker, the attached devices, failures as
-// sentences a person can act on, and the shared text and plist readers
-// handed over as Qt strings.
+// (apps/common): the chosen device's session, the attached devices,
+// failures as the shared layer composes them, and the shared text and plist
+// readers handed over as Qt strings.
 #pragma once
 
 #include <cstdint>
@@ -14,6 +14,7 @@
 
 #include <tarn/tarn_device.h>
 
+#include "common/failure.h"
 #include "common/owners.h"
 #include "common/plist_view.h"
 #include "common/session.h"
@@ -38,32 +39,20 @@ inline QString HumanSize(uint64_t bytes) { return Q(app::HumanSize(bytes)); }
 inline QString HumanDuration(uint64_t millis) { return Q(app::HumanDuration(millis)); }
 inline QString LocalTime(int64_t seconds) { return Q(app::LocalTime(seconds)); }
 
-struct DeviceFree {
-  void operator()(PodDevice *device) const { FreePodDevice(device); }
-};
-using DevicePtr = std::unique_ptr<PodDevice, DeviceFree>;
+// Why something failed, for a person: the shared layer's one shape, whose
+// message says what happened and what to do.
+using Reason = app::Failure;
+inline QString Text(const Reason &reason) { return Q(reason.message); }
 
-// Why something failed, for a person: what happened and what to do.
-struct Reason {
-  int code = 0;  // TarnErrorCode, 0 when the library said nothing
-  QString text;  // empty: no failure
-  bool failed() const { return !text.isEmpty(); }
-};
-
-// The reason the last library call on this thread recorded, or `fallback`
-// when it recorded none (naming the unplugged device when that is why).
-Reason LastReason(const QString &udid, const QString &fallback);
-// A failure that apps/common threw.
-Reason FromFailure(const app::Failure &failure);
+// The reason the last library call on this thread recorded, about `what`;
+// when it recorded none and the device is no longer attached, that.
+Reason LastReason(const QString &udid, const QString &what);
 
 // Identifiers of the attached devices, in the daemon's order.
 QStringList AttachedDevices();
 
-// A bare handle for one worker's file operations (they need no databases).
-DevicePtr HandleFor(const QString &udid);
-
-// The options of a worker's session with the device; `refresh` reads the
-// databases afresh.
+// The options of a session with the device; `refresh` reads the databases
+// afresh.
 app::SessionOptions SessionFor(const QString &udid, bool refresh = false);
 
 // A device path cleaned of "." and ".." and doubled separators; empty when

@@ -14,6 +14,8 @@
 #include <QSplitter>
 #include <QVBoxLayout>
 
+#include "common/file_ops.h"
+
 namespace tarn::desktop {
 namespace {
 
@@ -34,24 +36,38 @@ struct Listing {
   Reason why;
 };
 
-Listing ListFolder(const QString &udid, const QString &path) {
+Listing ListFolder(app::Session &session, const QString &path) {
   Listing out;
-  DevicePtr device = HandleFor(udid);
-  PodDir *root = GetPodDir(device.get(), path.toUtf8().constData(), 1);
-  if (root == nullptr) {
-    out.why = LastReason(udid, QObject::tr("The folder %1 cannot be read.").arg(path));
+  bool cut = false;
+  app::Snapshot root;
+  try {
+    root = app::TakeSnapshot(session, path.toStdString(), 1, &cut);
+  } catch (const app::Failure &failure) {
+    out.why = failure;
     return out;
   }
   auto number = [](const char *text) { return text != nullptr ? std::strtoll(text, nullptr, 10) : 0; };
   // The library joins the root and a name as "//name".
   auto clean = [](const char *path) { return QDir::cleanPath(QString::fromUtf8(path)); };
-  for (PodDir *d = root->first_dir; d != nullptr; d = d->next_dir)
-    out.entries.push_back({QString::fromUtf8(d->name), clean(d->path), true, 0, number(d->modify_date)});
-  for (PodFile *f = root->first_file; f != nullptr; f = f->next_file)
-    out.entries.push_back({QString::fromUtf8(f->name), clean(f->path), false,
-                           static_cast<uint64_t>(number(f->size)), number(f->modify_date)});
-  FreePodDir(root, 1, root);
+  for (const app::DirEntry &e : app::EntriesOf(root.get())) {
+    if (e.is_dir)
+      out.entries.push_back({Q(e.name), clean(e.dir->path), true, 0, number(e.dir->modify_date)});
+    else
+      out.entries.push_back({Q(e.name), clean(e.file->path), false, static_cast<uint64_t>(number(e.file->size)),
+                             number(e.file->modify_date)});
+  }
   return out;
+}
+
+// A file operation of the shared layer as a reason: none when it worked.
+template <typename Operation>
+Reason Attempt(Operation operation) {
+  try {
+    operation();
+    return {};
+  } catch (const app::Failure &failure) {
+    return failure;
+  }
 }
 
 QString ParentOf(const QString &path) {
@@ -116,8 +132,8 @@ FilesPage::FilesPage(QWidget *parent) : QWidget(parent) {
   });
 }
 
-void FilesPage::SetDevice(const QString &udid) {
-  udid_ = udid;
+void FilesPage::SetDevice(std::shared_ptr<DeviceLink> link) {
+  link_ = std::move(link);
   Refresh();
 }
 
@@ -126,7 +142,7 @@ void FilesPage::Refresh() {
   tree_->clear();
   results_->clear();
   results_->hide();
-  if (udid_.isEmpty()) return;
+  if (!link_) return;
   root_loaded_ = false;
   Load(tree_->invisibleRootItem());
 }
@@ -159,12 +175,12 @@ void FilesPage::SetLoaded(QTreeWidgetItem *item, bool loaded) {
 }
 
 void FilesPage::Load(QTreeWidgetItem *item) {
-  if (Loaded(item) || udid_.isEmpty()) return;
+  if (Loaded(item) || !link_) return;
   SetLoaded(item, true);
   const QString path = item == tree_->invisibleRootItem() ? QStringLiteral("/") : item->data(0, kPathRole).toString();
   const int generation = generation_;
-  RunInBackground(
-      this, [udid = udid_, path] { return ListFolder(udid, path); },
+  link_->Run(
+      this, [path](app::Session &session) { return ListFolder(session, path); },
       [this, path, generation](const Listing &listing) {
         if (generation != generation_) return;
         QTreeWidgetItem *item = path == QLatin1String("/") ? tree_->invisibleRootItem() : Find(path);
@@ -172,7 +188,7 @@ void FilesPage::Load(QTreeWidgetItem *item) {
         qDeleteAll(item->takeChildren());
         if (listing.why.failed()) {
           auto *note = new QTreeWidgetItem(item);
-          note->setText(0, listing.why.text);
+          note->setText(0, Text(listing.why));
           note->setFlags(Qt::ItemIsEnabled);
           SetLoaded(item, false);
         }
@@ -239,7 +255,7 @@ void FilesPage::AskDownload() {
 }
 
 void FilesPage::AskUpload() {
-  if (udid_.isEmpty()) return;
+  if (!link_) return;
   UploadFiles(QFileDialog::getOpenFileNames(this, tr("Upload to %1").arg(TargetFolder())), TargetFolder());
 }
 
@@ -253,7 +269,7 @@ void FilesPage::UploadFiles(const QStringList &host_paths, const QString &folder
 }
 
 void FilesPage::AskNewFolder() {
-  if (udid_.isEmpty()) return;
+  if (!link_) return;
   const QString folder = TargetFolder();
   bool ok = false;
   const QString name = QInputDialog::getText(this, tr("New Folder"), tr("Name of the new folder in %1:").arg(folder),
@@ -289,17 +305,14 @@ void FilesPage::MakeFolder(const QString &parent, const QString &name) {
     emit OperationDone(tr("\"%1\" cannot be a folder name.").arg(name));
     return;
   }
-  RunInBackground(
+  link_->Run(
       this,
-      [udid = udid_, path] {
-        DevicePtr device = HandleFor(udid);
-        return MakeDir(device.get(), path.toUtf8().constData()) == 0 && IsDirExist(device.get(), path.toUtf8().constData())
-                   ? Reason{}
-                   : LastReason(udid, QObject::tr("The folder %1 could not be made.").arg(path));
+      [path](app::Session &session) {
+        return Attempt([&] { app::MakeDirectory(session, path.toStdString(), false); });
       },
       [this, path](const Reason &why) {
         ReloadFolder(ParentOf(path));
-        emit OperationDone(why.failed() ? why.text : tr("Made %1.").arg(path));
+        emit OperationDone(why.failed() ? Text(why) : tr("Made %1.").arg(path));
       });
 }
 
@@ -310,27 +323,22 @@ void FilesPage::RenameTo(const QString &path, const QString &name) {
     emit OperationDone(tr("\"%1\" cannot be a name.").arg(name));
     return;
   }
-  RunInBackground(
+  link_->Run(
       this,
-      [udid = udid_, from, to] {
-        DevicePtr device = HandleFor(udid);
-        RenamePath(device.get(), from.toUtf8().constData(), to.toUtf8().constData());
-        // RenamePath answers 0 in every case; the device's view decides.
-        const tarn::app::FileInfo info(GetDirOrFileInfo(device.get(), to.toUtf8().constData()));
-        const bool there = info != nullptr && info.get()[TARN_INFO_KIND] != nullptr;
-        return there ? Reason{} : LastReason(udid, QObject::tr("%1 could not be renamed.").arg(from));
+      [from, to](app::Session &session) {
+        return Attempt([&] { app::Move(session, from.toStdString(), to.toStdString(), false); });
       },
       [this, from, to](const Reason &why) {
         ReloadFolder(ParentOf(from));
-        emit OperationDone(why.failed() ? why.text : tr("Renamed %1 to %2.").arg(from, to));
+        emit OperationDone(why.failed() ? Text(why) : tr("Renamed %1 to %2.").arg(from, to));
       });
 }
 
 void FilesPage::Remove(const QStringList &paths) {
-  RunInBackground(
+  if (!link_) return;
+  link_->Run(
       this,
-      [udid = udid_, paths] {
-        DevicePtr device = HandleFor(udid);
+      [paths](app::Session &session) {
         QStringList failed;
         for (const QString &raw : paths) {
           const QString path = SafeDevicePath(raw);
@@ -338,12 +346,10 @@ void FilesPage::Remove(const QStringList &paths) {
             failed << QObject::tr("%1: the root is never deleted.").arg(raw);
             continue;
           }
-          const QByteArray p = path.toUtf8();
-          if (IsDirExist(device.get(), p.constData()) != 0) DeleteDir(device.get(), p.constData());
-          else DeleteFile(device.get(), p.constData());
-          const Reason why = LastReason(udid, QObject::tr("%1 could not be deleted.").arg(path));
-          if (IsFileExist(device.get(), p.constData()) != 0 || IsDirExist(device.get(), p.constData()) != 0)
-            failed << why.text;
+          const Reason why = Attempt([&] { app::Remove(session, path.toStdString(), true); });
+          if (why.failed()) failed << Text(why);
+          // A device that went away or a sync in progress fails every path after it the same way.
+          if (app::BreaksConnection(why.code) || why.status == app::kBusy) break;
         }
         return failed;
       },
@@ -359,7 +365,7 @@ void FilesPage::Remove(const QStringList &paths) {
 
 void FilesPage::StartSearch(const QString &text) {
   results_->clear();
-  if (text.trimmed().isEmpty() || udid_.isEmpty()) {
+  if (text.trimmed().isEmpty() || !link_) {
     results_->hide();
     return;
   }
@@ -370,12 +376,11 @@ void FilesPage::StartSearch(const QString &text) {
     std::vector<std::pair<QString, bool>> hits;
     Reason why;
   };
-  RunInBackground(
+  link_->Run(
       this,
-      [udid = udid_, keyword = text.trimmed().toLower()] {
+      [udid = link_->udid(), keyword = text.trimmed().toLower()](app::Session &session) {
         Found out;
-        DevicePtr device = HandleFor(udid);
-        PodSearchItem *first = SearchFile(device.get(), "/", keyword.toUtf8().constData());
+        PodSearchItem *first = SearchFile(session.device(), "/", keyword.toUtf8().constData());
         if (first == nullptr) out.why = LastReason(udid, {});
         for (PodSearchItem *it = first; it != nullptr; it = it->next) {
           const char *path = it->kind == 1 ? static_cast<PodDir *>(it->record)->path : static_cast<PodFile *>(it->record)->path;
@@ -392,7 +397,7 @@ void FilesPage::StartSearch(const QString &text) {
         }
         if (found.hits.empty()) {
           auto *note = new QTreeWidgetItem(results_);
-          note->setText(0, found.why.failed() ? found.why.text : tr("Nothing found."));
+          note->setText(0, found.why.failed() ? Text(found.why) : tr("Nothing found."));
         }
         emit SearchDone(static_cast<int>(found.hits.size()));
       });
@@ -406,7 +411,7 @@ void FilesPage::ReloadFolder(const QString &path) {
 }
 
 void FilesPage::dragEnterEvent(QDragEnterEvent *event) {
-  if (event->mimeData()->hasUrls() && !udid_.isEmpty()) event->acceptProposedAction();
+  if (event->mimeData()->hasUrls() && link_) event->acceptProposedAction();
 }
 
 void FilesPage::dropEvent(QDropEvent *event) {

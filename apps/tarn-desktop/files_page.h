@@ -15,7 +15,7 @@ class FilesPage : public QWidget {
   Q_OBJECT
  public:
   explicit FilesPage(QWidget *parent = nullptr);
-  void SetDevice(const QString &udid);  // empty: none
+  void SetDevice(std::shared_ptr<DeviceLink> link);  // null: none
   void Refresh();
 
   QTreeWidget *tree() { return tree_; }
@@ -60,7 +60,7 @@ class FilesPage : public QWidget {
   QTreeWidgetItem *NewItem(QTreeWidgetItem *parent, const QString &name, const QString &path, bool is_dir,
                            uint64_t size, int64_t mtime);
 
-  QString udid_;
+  std::shared_ptr<DeviceLink> link_;
   QTreeWidget *tree_;
   QLineEdit *search_;
   QTreeWidget *results_;

@@ -5,7 +5,9 @@
 #include <QFile>
 #include <QFileInfo>
 
+#include "common/device_path.h"
 #include "common/failure.h"
+#include "common/file_ops.h"
 
 namespace tarn::desktop {
 
@@ -18,13 +20,19 @@ QThreadPool *JobPool() {
   return pool;
 }
 
+DeviceLink::DeviceLink(const QString &udid) : udid_(udid), shared_(std::make_shared<Shared>()) {
+  // The databases are read afresh each time a device is chosen.
+  shared_->options = SessionFor(udid, true);
+  shared_->udid = udid.toStdString();
+}
+
 QString TransferResult::Summary() const {
   QString text = QObject::tr("%n file(s) copied (%1)", nullptr, copied).arg(HumanSize(bytes));
   if (skipped > 0) text += QObject::tr(", %n already there", nullptr, skipped);
   if (cancelled) text += QObject::tr(", cancelled");
   if (!failed.isEmpty()) text += QObject::tr(", %n failed", nullptr, static_cast<int>(failed.size()));
   for (const QString &note : notes) text += QStringLiteral("; ") + note;
-  if (reason.failed()) text += QStringLiteral(". ") + reason.text;
+  if (reason.failed()) text += QStringLiteral(". ") + Text(reason);
   return text;
 }
 
@@ -42,131 +50,69 @@ app::TransferHooks HooksFor(Transfer::State &state) {
   return hooks;
 }
 
-// A name the device sends becomes one host path component only when it
-// cannot climb out of the folder it is written to.
-bool UsableName(const char *name) {
-  return name != nullptr && name[0] != '\0' && qstrcmp(name, ".") != 0 && qstrcmp(name, "..") != 0 &&
-         std::strchr(name, '/') == nullptr;
-}
-
-class Copier {
+// The shared batch's outcome as the window shows it.
+class Outcome {
  public:
-  Copier(const QString &udid, TransferResult &result) : udid_(udid), result_(result), session_(SessionFor(udid), udid.toStdString()) {
-    session_.Connect();
+  explicit Outcome(TransferResult &result) : result_(result) {}
+  void Failed(const app::Failure &failure) {
+    result_.failed << Q(failure.message);
+    if (!result_.reason.failed()) result_.reason = failure;
   }
-
-  // Folders become their files, so that the total is known up front.
-  std::vector<std::pair<TransferItem, uint64_t>> Expand(const std::vector<TransferItem> &items, bool upload) {
-    std::vector<std::pair<TransferItem, uint64_t>> files;
-    for (const TransferItem &item : items) {
-      if (upload) {
-        const QFileInfo host(item.host_path);
-        if (!host.isDir()) {
-          files.push_back({item, static_cast<uint64_t>(host.size())});
-          continue;
-        }
-        QDirIterator it(item.host_path, QDir::Files | QDir::NoDotAndDotDot, QDirIterator::Subdirectories);
-        while (it.hasNext()) {
-          const QString path = it.next();
-          const QString rel = QDir(item.host_path).relativeFilePath(path);
-          files.push_back({{item.device_path + '/' + rel, path, false}, static_cast<uint64_t>(it.fileInfo().size())});
-        }
-        continue;
-      }
-      const app::PathInfo info = session_.Stat(item.device_path.toStdString());
-      if (!info.exists) {
-        Fail(item.device_path, LastReason(udid_, QObject::tr("%1 is not on the device.").arg(item.device_path)));
-        continue;
-      }
-      if (!info.is_dir) {
-        files.push_back({item, info.size});
-        continue;
-      }
-      PodDir *root = GetPodDir(session_.device(), item.device_path.toUtf8().constData(), 0);
-      if (root == nullptr) {
-        Fail(item.device_path, LastReason(udid_, QObject::tr("The folder %1 cannot be read.").arg(item.device_path)));
-        continue;
-      }
-      Walk(root, item.host_path, files);
-      FreePodDir(root, 1, root);
-    }
-    return files;
+  void Add(const app::BatchReport &report) {
+    result_.copied += static_cast<int>(report.copied);
+    result_.skipped += static_cast<int>(report.skipped);
+    result_.bytes += report.bytes;
+    result_.cancelled = result_.cancelled || report.cancelled;
+    for (const std::string &note : report.notes) result_.notes << Q(note);
+    for (const app::Failure &failure : report.failed) Failed(failure);
   }
-
-  void Download(app::Transfers &transfers, const TransferItem &item, uint64_t size) {
-    const app::DownloadJob job{item.device_path.toStdString(), item.host_path.toStdString(), size, -1};
-    Count(transfers, transfers.Download(job), item.device_path);
-  }
-
-  // The shared upload writes a temporary name beside the target and
-  // renames it into place once whole.
-  void Upload(app::Transfers &transfers, const TransferItem &item, uint64_t size) {
-    const QString target = SafeDevicePath(item.device_path);
-    if (target.isEmpty()) {
-      Fail(item.device_path, {TARN_E_INVALID_ARGUMENT, QObject::tr("%1 is no place for a file.").arg(item.device_path)});
-      return;
-    }
-    const std::string parent = QFileInfo(target).path().toStdString();
-    if (!session_.Stat(parent).is_dir) MakeDir(session_.device(), parent.c_str());
-    Count(transfers, transfers.Upload(item.host_path.toStdString(), target.toStdString(), size), item.host_path);
-  }
-
-  void Count(const app::Transfers &transfers, app::Outcome outcome, const QString &path) {
-    if (outcome == app::Outcome::kCopied) ++result_.copied;
-    else if (outcome == app::Outcome::kSkipped) ++result_.skipped;
-    else if (outcome == app::Outcome::kCancelled) result_.cancelled = true;
-    else Fail(path, LastReason(udid_, Q(transfers.last_failure())));
-  }
-
-  void Fail(const QString &path, const Reason &reason) {
-    result_.failed << path + QStringLiteral(": ") + reason.text;
-    if (!result_.reason.failed()) result_.reason = reason;
-  }
-  app::Session &session() { return session_; }
 
  private:
-  void Walk(PodDir *dir, const QString &host, std::vector<std::pair<TransferItem, uint64_t>> &files) {
-    for (PodFile *f = dir->first_file; f != nullptr; f = f->next_file)
-      if (UsableName(f->name))
-        files.push_back({{QString::fromUtf8(f->path), host + '/' + QString::fromUtf8(f->name), false},
-                         f->size != nullptr ? std::strtoull(f->size, nullptr, 10) : 0});
-    for (PodDir *d = dir->first_dir; d != nullptr; d = d->next_dir)
-      if (UsableName(d->name)) Walk(d, host + '/' + QString::fromUtf8(d->name), files);
-  }
-
-  QString udid_;
   TransferResult &result_;
-  app::Session session_;
 };
 
+// Downloads and uploads through the same plans and batches as `tarn pull`
+// and `tarn push`, over a connection of their own: a transfer is one action.
 TransferResult RunCopies(const QString &udid, bool upload, const std::vector<TransferItem> &items,
                          Transfer::State &state) {
   TransferResult result;
+  Outcome outcome(result);
   try {
-    Copier copier(udid, result);
-    const auto files = copier.Expand(items, upload);
-    uint64_t total = 0;
-    for (const auto &f : files) total += f.second;
-    state.total = total;
-    app::Transfers transfers(copier.session(), total, files.size(), HooksFor(state), upload);
-    for (const auto &[item, size] : files) {
-      if (state.cancel) {
-        result.cancelled = true;
-        break;
+    app::Session session(SessionFor(udid), udid.toStdString());
+    session.Connect();
+    if (upload) {
+      app::UploadPlan plan;
+      for (const TransferItem &item : items) {
+        try {
+          const QString target = SafeDevicePath(item.device_path);
+          if (target.isEmpty())
+            app::Fail(app::kUsage, QObject::tr("%1 is no place for a file.").arg(item.device_path).toStdString());
+          // An upload goes into a folder, made first when it is not there.
+          plan.dirs.push_back(app::DeviceParent(target.toStdString()));
+          plan.Add(app::PlanUpload(item.host_path.toStdString(), target.toStdString()));
+        } catch (const app::Failure &failure) {
+          outcome.Failed(failure);
+        }
       }
-      try {
-        if (upload) copier.Upload(transfers, item, size);
-        else copier.Download(transfers, item, size);
-      } catch (const app::Failure &failure) {
-        copier.Fail(upload ? item.host_path : item.device_path, FromFailure(failure));
+      state.total = plan.bytes();
+      outcome.Add(app::RunUploads(session, plan, HooksFor(state)));
+    } else {
+      app::DownloadPlan plan;
+      for (const TransferItem &item : items) {
+        try {
+          const std::string path = item.device_path.toStdString();
+          plan.Add(app::PlanDownload(session, path, session.Require(path), item.host_path.toStdString()));
+        } catch (const app::Failure &failure) {
+          outcome.Failed(failure);
+        }
       }
-      // A device that went away fails every file after it the same way.
-      if (result.reason.code == TARN_E_NO_DEVICE || result.cancelled) break;
+      state.total = plan.bytes();
+      outcome.Add(app::RunDownloads(session, plan, HooksFor(state)));
     }
-    result.bytes = transfers.bytes_copied();
   } catch (const app::Failure &failure) {
-    result.reason = FromFailure(failure);
-    if (result.reason.code == TARN_OK) result.reason = LastReason(udid, result.reason.text);
+    // What ended the batch explains it best.
+    result.failed << Q(failure.message);
+    result.reason = failure;
   }
   return result;
 }
@@ -181,13 +127,13 @@ TransferResult RunExport(const QString &udid, const app::ExportRequest &request,
     result.skipped = static_cast<int>(report.skipped);
     result.bytes = report.bytes;
     result.cancelled = report.cancelled;
-    for (const std::string &path : report.failed) result.failed << Q(path);
+    for (const app::Failure &failure : report.failed) result.failed << Q(failure.message);
     for (const std::string &note : report.notes) result.notes << Q(note);
     for (const std::string &rel : report.files) result.files << Q(request.host_dir + "/" + rel);
     if (report.nothing_listed) result.notes << QObject::tr("nothing of this kind on the device");
-    if (!report.failed.empty()) result.reason = LastReason(udid, QObject::tr("Some files could not be copied."));
+    if (!report.failed.empty()) result.reason = report.failed.front();
   } catch (const app::Failure &failure) {
-    result.reason = FromFailure(failure);
+    result.reason = failure;
   }
   return result;
 }

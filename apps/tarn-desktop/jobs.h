@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <memory>
+#include <mutex>
 #include <set>
 #include <string>
 #include <type_traits>
@@ -40,6 +41,50 @@ void RunInBackground(QObject *context, Work work, Done done) {
   });
   watcher->setFuture(QtConcurrent::run(JobPool(), std::move(work)));
 }
+
+// The window's hold on the chosen device: one session whose connection is
+// held while the device stays chosen, so that choosing it costs one secure
+// session and the pages, folders and file operations that follow cost none.
+// The session's handle serves one job at a time (the library's rule for a
+// handle): jobs run on the pool, each holding the session alone while it runs.
+class DeviceLink {
+ public:
+  explicit DeviceLink(const QString &udid);
+  const QString &udid() const { return udid_; }
+
+  // Runs `work(session)` on the pool and hands its result to `done` on the
+  // thread of `context`. A connection found broken after a job is let go,
+  // and the next job holds a new one.
+  template <typename Work, typename Done>
+  void Run(QObject *context, Work work, Done done) {
+    std::shared_ptr<Shared> shared = shared_;
+    RunInBackground(
+        context,
+        [shared, work = std::move(work)]() mutable {
+          const std::lock_guard<std::mutex> guard(shared->mutex);
+          if (!shared->session) shared->session = std::make_unique<app::Session>(shared->options, shared->udid);
+          try {
+            shared->session->Connect();
+          } catch (const app::Failure &) {
+            // The work's own calls then fail with the reason.
+          }
+          auto result = work(*shared->session);
+          if (app::BreaksConnection(TarnLastError()->code)) shared->session->Disconnect();
+          return result;
+        },
+        std::move(done));
+  }
+
+ private:
+  struct Shared {
+    std::mutex mutex;
+    app::SessionOptions options;
+    std::string udid;
+    std::unique_ptr<app::Session> session;
+  };
+  QString udid_;
+  std::shared_ptr<Shared> shared_;
+};
 
 struct TransferItem {
   QString device_path;

@@ -154,9 +154,10 @@ void MainWindow::OnDevices(const QStringList &udids) {
     RunInBackground(
         this,
         [udid] {
-          DevicePtr device = HandleFor(udid);
-          PlistPtr info(GetDeviceInfo(device.get()));
-          return info ? DictString(info.get(), "DeviceName") : QString();
+          // Asked without a secure session: listing a device costs it none.
+          const std::string name = app::DeviceName(udid.toStdString());
+          app::RememberDeviceName(udid.toStdString(), name);
+          return Q(name);
         },
         [this, udid](const QString &name) {
           for (int i = 0; i < devices_->count(); ++i) {
@@ -168,7 +169,8 @@ void MainWindow::OnDevices(const QStringList &udids) {
   if (!changed) return;
   if (!udid_.isEmpty() && !udids.contains(udid_)) {
     ChooseDevice({});
-    overview_->Show(nullptr, {TARN_E_NO_DEVICE, tr("The device was unplugged. Plug it in again to go on.")});
+    overview_->Show(nullptr, {app::kDeviceNotFound, TARN_E_NO_DEVICE,
+                              tr("The device was unplugged. Plug it in again to go on.").toStdString()});
   }
   if (udid_.isEmpty() && devices_->count() > 0 && devices_->currentItem() == nullptr) devices_->setCurrentRow(0);
   emit DevicesChanged(udids);
@@ -178,10 +180,11 @@ void MainWindow::ChooseDevice(const QString &udid) {
   udid_ = udid;
   opened_ = false;
   const int generation = ++generation_;
+  link_ = udid.isEmpty() ? nullptr : std::make_shared<DeviceLink>(udid);
   for (CataloguePage *p : catalogue_) p->Clear();
-  files_->SetDevice(udid);
+  files_->SetDevice(link_);
   if (udid.isEmpty()) {
-    overview_->Show(nullptr, {0, tr("No device is chosen. Plug in a device and choose it on the left.")});
+    overview_->Show(nullptr, {app::kNoDevice, TARN_OK, tr("No device is chosen. Plug in a device and choose it on the left.").toStdString()});
     return;
   }
   overview_->ShowLoading();
@@ -189,18 +192,16 @@ void MainWindow::ChooseDevice(const QString &udid) {
     SharedPlist info;
     Reason why;
   };
-  RunInBackground(
+  link_->Run(
       this,
-      [udid] {
+      [udid](app::Session &session) {
         Opened out;
         try {
-          // The databases are read afresh each time a device is chosen.
-          app::Session session(SessionFor(udid, true), udid.toStdString());
           session.InitCatalogue();
           out.info = Share(PlistPtr(GetDeviceInfo(session.device())));
           if (!out.info) out.why = LastReason(udid, QObject::tr("The device %1 cannot be reached.").arg(udid));
         } catch (const app::Failure &failure) {
-          out.why = FromFailure(failure);
+          out.why = failure;
         }
         return out;
       },
@@ -212,7 +213,7 @@ void MainWindow::ChooseDevice(const QString &udid) {
           QListWidgetItem *item = devices_->item(i);
           if (item->data(Qt::UserRole) != udid) continue;
           if (opened_) item->setText(DictString(static_cast<plist_t>(out.info.get()), "DeviceName"));
-          item->setToolTip(opened_ ? udid : out.why.text);
+          item->setToolTip(opened_ ? udid : Text(out.why));
         }
         if (opened_) LoadCurrentPage();
         emit DeviceOpened(udid, opened_);
@@ -221,7 +222,7 @@ void MainWindow::ChooseDevice(const QString &udid) {
 
 void MainWindow::LoadCurrentPage() {
   auto *page = qobject_cast<CataloguePage *>(pages_->currentWidget());
-  if (page != nullptr && opened_ && !page->loaded()) page->Load(udid_);
+  if (page != nullptr && opened_ && !page->loaded()) page->Load(link_);
 }
 
 void MainWindow::Refresh() { ChooseDevice(udid_); }

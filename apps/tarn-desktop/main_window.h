@@ -37,6 +37,8 @@ class MainWindow : public QMainWindow {
 
   // Shows a device's pages (empty: none) and reads it afresh.
   void ChooseDevice(const QString &udid);
+  // Chooses the current device again, reading its databases afresh (F5).
+  void Refresh();
   // Starts a transfer unless one runs already.
   bool StartTransfer(Transfer::Direction direction, std::vector<TransferItem> items);
   bool StartExport(app::ExportRequest request);
@@ -62,7 +64,6 @@ class MainWindow : public QMainWindow {
   void BuildActions();
   void OnDevices(const QStringList &udids);
   void LoadCurrentPage();
-  void Refresh();
   void ShowTransfer(quint64 done, quint64 total, const QString &current);
   bool Begin(std::unique_ptr<Transfer> transfer);
   void AskExport(Kind kind);
@@ -82,6 +83,7 @@ class MainWindow : public QMainWindow {
   QTimer poll_;
   bool polling_ = false;
   QString udid_;
+  std::shared_ptr<DeviceLink> link_;  // the chosen device's session
   bool opened_ = false;
   int generation_ = 0;
   std::unique_ptr<Transfer> transfer_;

@@ -91,7 +91,7 @@ void OverviewPage::ShowLoading() {
 
 void OverviewPage::Show(plist_t info, const Reason &why) {
   if (info == nullptr) {
-    message_->setText(why.text);
+    message_->setText(Text(why));
     for (auto &f : fields_) f.second->clear();
     bar_->SetShares(0, {});
     return;
@@ -203,7 +203,7 @@ void CataloguePage::Clear() {
   status_->clear();
 }
 
-void CataloguePage::Load(const QString &udid) {
+void CataloguePage::Load(const std::shared_ptr<DeviceLink> &link) {
   const int generation = ++generation_;
   loaded_ = false;
   status_->setText(tr("Loading…"));
@@ -212,21 +212,17 @@ void CataloguePage::Load(const QString &udid) {
     SharedPlist list;
     Reason why;
   };
-  RunInBackground(
+  // Over the chosen device's session, whose databases were copied when it
+  // was chosen: a page costs no new connection.
+  link->Run(
       this,
-      [udid, kind] {
+      [udid = link->udid(), kind](app::Session &session) {
         LoadResult out;
-        try {
-          app::Session session(SessionFor(udid), udid.toStdString());
-          session.InitCatalogue();
-          out.list = Share(app::FetchList(session.device(), kind));
-          // An empty catalogue is no failure; only a recorded reason is.
-          const TarnError *error = TarnLastError();
-          if (!out.list && error->code != TARN_OK && error->code != TARN_E_DATABASE_ABSENT)
-            out.why = LastReason(udid, QObject::tr("The list cannot be read."));
-        } catch (const app::Failure &failure) {
-          out.why = FromFailure(failure);
-        }
+        out.list = Share(app::FetchList(session.device(), kind));
+        // An empty catalogue is no failure; only a recorded reason is.
+        const TarnError *error = TarnLastError();
+        if (!out.list && error->code != TARN_OK && error->code != TARN_E_DATABASE_ABSENT)
+          out.why = LastReason(udid, QObject::tr("The list cannot be read."));
         return out;
       },
       [this, generation](const LoadResult &out) {
@@ -236,7 +232,7 @@ void CataloguePage::Load(const QString &udid) {
         members_.clear();
         loaded_ = true;
         const int n = model_.rowCount();
-        if (out.why.failed()) status_->setText(out.why.text);
+        if (out.why.failed()) status_->setText(Text(out.why));
         else if (n == 0) status_->setText(tr("Nothing of this kind on the device."));
         else status_->setText(tr("%n item(s)", nullptr, n));
         emit Loaded(kind_.kind, n);

@@ -71,8 +71,8 @@ class CataloguePage : public QWidget {
  public:
   CataloguePage(const PageKind &kind, QWidget *parent = nullptr);
   const PageKind &kind() const { return kind_; }
-  // Loads the list on a worker with a handle of its own.
-  void Load(const QString &udid);
+  // Loads the list on a worker, over the chosen device's session.
+  void Load(const std::shared_ptr<DeviceLink> &link);
   void Clear();
   bool loaded() const { return loaded_; }
 

@@ -94,28 +94,22 @@ void Render(std::FILE *out, const Args &args, plist_t list) {
 
 }  // namespace
 
-int CmdDevices(const GlobalOptions &options, const Args &) {
-  const std::vector<std::string> ids = AttachedDevices();
+int CmdDevices(const GlobalOptions &, const Args &) {
+  std::string why_none;
+  const std::vector<std::string> ids = AttachedDevices(&why_none);
+  if (ids.empty() && !why_none.empty()) Fail(kExitNoUsbmuxd, why_none);
   if (ids.empty()) Fail(kExitNoDevice, "no device attached");
   for (const auto &id : ids) {
-    std::string name = "(cannot be reached)";
-    try {
-      Session session(options.session, id);
-      session.Connect();
-      session.InitCatalogue();
-      PlistPtr info(GetDeviceInfo(session.device()));
-      if (info) name = DictString(info.get(), "DeviceName");
-    } catch (const Failure &) {
-      // A device that refuses us is still listed, with its identifier.
-    }
-    std::fprintf(Out(), "%s  %s\n", Printable(id).c_str(), Printable(name).c_str());
+    // A device that refuses us is still listed, with its identifier.
+    const std::string name = DeviceName(id);
+    std::fprintf(Out(), "%s  %s\n", Printable(id).c_str(), Printable(name.empty() ? "(cannot be reached)" : name).c_str());
   }
   return kExitOk;
 }
 
 int CmdInfo(Session &session, const Args &args) {
   PlistPtr info(GetDeviceInfo(session.device()));
-  if (!info) Fail(kExitUnreachable, "cannot reach device " + session.udid());
+  if (!info) FailWithReason(kExitUnreachable, "cannot reach " + DeviceLabel(session.udid()));
   std::FILE *out = Out();
   if (args.has("--json") || args.has("--xml")) {
     Render(out, args, info.get());
@@ -171,7 +165,7 @@ int CmdExport(Session &session, const Args &args) {
     return kExitOk;
   }
   if (report.cancelled) Fail(kExitCancelled, "export cancelled; run it again to go on");
-  for (const auto &path : report.failed) PrintError("could not copy " + path);
+  for (const auto &failure : report.failed) PrintError("could not copy " + failure.message);
   std::fprintf(Out(), "%zu %s: %zu copied (%s), %zu already there", report.wanted, noun.c_str(), report.copied,
                HumanSize(report.bytes).c_str(), report.skipped);
   if (!report.missing.empty()) std::fprintf(Out(), ", %zu missing on the device", report.missing.size());

@@ -2,9 +2,12 @@
  * tarn_device.h - Tarn_Device: browse and move the content of iPod, iPhone
  * and iPad devices attached over USB.
  *
- * The library is passive: nothing of it runs and no connection stays open
- * between calls. Every call that needs the device opens its own connection
- * and closes it before it returns.
+ * The library is passive: nothing of it runs, and no connection stays open
+ * between calls unless the caller asks for one (TarnHoldConnection()).
+ * Otherwise every call that needs the device opens its own connection and
+ * closes it before it returns; the library calls it makes on its way borrow
+ * that connection, so one call costs one lockdown session (one secure
+ * handshake with the device).
  *
  * Conventions that hold for every function below unless its comment says
  * otherwise:
@@ -26,7 +29,8 @@
  * file's checksum on a second thread, which ends before the parse returns).
  *  - May be shared: nothing of the library's own. Different handles, also
  *    for the same device, may be used from different threads at the same
- *    time; each call opens its own connection. Results (property lists,
+ *    time; each call opens its own connection, or uses the one held on its
+ *    handle (TarnHoldConnection()). Results (property lists,
  *    string vectors, PodDir and search records) belong to the caller and
  *    may be handed to another thread, but not used by two at once.
  *  - May not be shared: one PodDevice handle between threads that call
@@ -66,11 +70,11 @@
 /** Major version of the interface this header declares; it is the soname's number. */
 #define TARN_DEVICE_VERSION_MAJOR 1
 /** Minor version: grows when functions are added. */
-#define TARN_DEVICE_VERSION_MINOR 0
+#define TARN_DEVICE_VERSION_MINOR 1
 /** Patch version: grows with fixes that change no declaration. */
 #define TARN_DEVICE_VERSION_PATCH 0
 /** The three numbers as text, "MAJOR.MINOR.PATCH". */
-#define TARN_DEVICE_VERSION "1.0.0"
+#define TARN_DEVICE_VERSION "1.1.0"
 
 #ifdef __cplusplus
 extern "C" {
@@ -302,6 +306,56 @@ TARN_API afc_client_t OpenIdeviceAndAfC(idevice_t *device, const char *device_id
 
 /** Releases a client and a device connection; either may be NULL. */
 TARN_API void CloseIdeviceAndAfC(afc_client_t client, idevice_t device);
+
+/**
+ * Opens one connection to the handle's device (device connection, lockdown
+ * session with its secure handshake, file-conduit service) and keeps it on
+ * the handle: every call made with this handle until TarnReleaseConnection()
+ * or FreePodDevice() uses it instead of opening its own, so a program that
+ * makes many calls pays for one handshake. Without it the library keeps no
+ * connection between calls. A second call while one is held does nothing.
+ *
+ * Threads: the held connection belongs to the handle and follows the
+ * handle's rule: one thread at a time may call with the handle (including
+ * this function and TarnReleaseConnection()); it may move between threads
+ * between calls. Prints nothing.
+ *
+ * A connection that breaks while held (the device was unplugged) stays held
+ * and every call over it records TARN_E_CONNECTION_LOST: release it, and
+ * hold a new one when the device is back.
+ * @return 0 when the connection is held, 1 when the device, its lockdown
+ *         service or its file service cannot be reached (TarnLastError()
+ *         says why; nothing is held then).
+ */
+TARN_API int TarnHoldConnection(PodDevice *device);
+
+/**
+ * Closes the connection held on the handle, if any; later calls open their
+ * own again. NULL is accepted. Prints nothing and leaves the reason record
+ * alone.
+ */
+TARN_API void TarnReleaseConnection(PodDevice *device);
+
+/**
+ * The file-conduit client of the connection held on the handle, for the
+ * functions that take a client (the workers, GetFileInfo(), TarnSyncLock(),
+ * TarnMakeDirectory(), ...).
+ * @return The held client, owned by the handle and valid until the
+ *         connection is released; NULL when none is held. Prints nothing
+ *         and leaves the reason record alone.
+ */
+TARN_API afc_client_t TarnHeldClient(PodDevice *device);
+
+/**
+ * The name the person gave the device ("Anna's iPhone"), asked of lockdown.
+ * Over the held connection when there is one; otherwise over a lockdown
+ * connection of its own without a session, which costs no secure handshake
+ * and is answered also by a locked or not yet trusted device. Needs no
+ * InitDevice(). Prints nothing.
+ * @return A new text released with free(), or NULL (TarnLastError() says
+ *         why: no usbmuxd, no device, a lockdown refusal).
+ */
+TARN_API char *TarnGetDeviceName(PodDevice *device);
 
 /* ------------------------------------------------------------------------ */
 /* Device information and storage use                                        */
@@ -739,6 +793,26 @@ TARN_API int RenamePath(PodDevice *device, const char *old_path, const char *new
 TARN_API int DeleteFile(PodDevice *device, const char *path);
 /** Removes a device directory and everything below it, post-order. @return 0 in every case. */
 TARN_API int DeleteDir(PodDevice *device, const char *path);
+/*
+ * Single requests over an open client (TarnHeldClient(), OpenIdeviceAndAfC()),
+ * which stays the caller's. Each returns 0 on success and 1 on failure with
+ * the reason recorded (TARN_E_NOT_FOUND, TARN_E_PERMISSION, TARN_E_DEVICE_FULL,
+ * TARN_E_CONNECTION_LOST, TARN_E_FILE_SERVICE with afc_error, or
+ * TARN_E_INVALID_ARGUMENT for a NULL argument). They take no sync lock and
+ * print nothing.
+ */
+/** Creates one device directory; its parent must exist. An existing directory is success. */
+TARN_API int TarnMakeDirectory(afc_client_t client, const char *path);
+/** Removes a device file or empty directory. */
+TARN_API int TarnRemovePath(afc_client_t client, const char *path);
+/** Renames or moves a device path; an existing file at new_path is replaced. */
+TARN_API int TarnRenamePath(afc_client_t client, const char *old_path, const char *new_path);
+/**
+ * Where a device symbolic link points.
+ * @return A new text released with free(); NULL when path is no symbolic link
+ *         (nothing recorded) or cannot be asked about (the reason recorded).
+ */
+TARN_API char *TarnLinkTarget(afc_client_t client, const char *path);
 /** The post-order delete worker over a snapshot; releases the records it removes. */
 TARN_API void _TarnDeleteDir(afc_client_t client, PodDir *dir, PodDir *root);
 
@@ -822,7 +896,8 @@ TARN_API int Mkdir(const char *path);
  *
  * Which functions record which reasons:
  *  - TARN_E_NO_USBMUXD, TARN_E_NO_DEVICE: GetDevicesId() and every function
- *    that opens a connection: OpenIdeviceAndAfC(), InitDevice(),
+ *    that opens a connection: OpenIdeviceAndAfC(), TarnHoldConnection(),
+ *    TarnGetDeviceName(), InitDevice(),
  *    GetDeviceInfo(), CopyFileFromDeviceToNative(),
  *    CopyFileFromNativeToDevice(), CopyDeviceDirectory(), MakeDir(),
  *    IsDirExist(), IsFileExist(), RenamePath(), DeleteFile(), DeleteDir(),
@@ -834,7 +909,8 @@ TARN_API int Mkdir(const char *path);
  *    GetCameraPVList()).
  *  - TARN_E_NOT_PAIRED, TARN_E_PAIRING_PENDING, TARN_E_TRUST_DENIED,
  *    TARN_E_LOCKED, TARN_E_PAIRING_INVALID, TARN_E_SERVICE_REFUSED
- *    (lockdown_error set): the same functions except GetDevicesId().
+ *    (lockdown_error set): the same functions except GetDevicesId();
+ *    TarnGetDeviceName() records only lockdown refusals of its own question.
  *    InitDevice() and GetDeviceInfo() record TARN_E_SERVICE_REFUSED and
  *    still succeed.
  *  - TARN_E_CONNECTION_LOST: the functions that open a connection, and

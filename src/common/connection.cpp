@@ -1,6 +1,10 @@
 #include "common/connection.h"
 
 #include "common/error.h"
+
+#include <map>
+#include <memory>
+#include <mutex>
 #include "tarn/tarn_device.h"
 
 namespace tarn {
@@ -26,15 +30,9 @@ void CloseIdeviceAndAfC(afc_client_t client, idevice_t device) {
   if (device) idevice_free(device);
 }
 
-DeviceConnection::DeviceConnection(const char *device_id) {
-  afc_ = tarn::OpenIdeviceAndAfC(&device_, device_id);
-}
-
-DeviceConnection::~DeviceConnection() { tarn::CloseIdeviceAndAfC(afc_, device_); }
-
-DeviceCall::DeviceCall(const PodDevice *device, LockPolicy policy) : conn_(device ? device->deviceId : nullptr) {
+DeviceCall::DeviceCall(const PodDevice *device, LockPolicy policy) : conn_(device, "ideviceclient") {
   if (policy == LockPolicy::kNone) return;
-  if (policy == LockPolicy::kGiveUpWithout && !conn_) {
+  if (policy == LockPolicy::kGiveUpWithout && conn_.afc() == nullptr) {
     ready_ = false;
     return;
   }
@@ -88,7 +86,7 @@ void LockSyncFile(afc_client_t client, uint64_t handle) {
   }
 }
 
-LockdownSession::LockdownSession(const char *device_id, const char *label) {
+Link::Link(const char *device_id, const char *label) : device_id_(device_id ? device_id : "") {
   if (!ConnectDevice(device_id, &device_)) {
     status_ = Status::kNoDevice;
     return;
@@ -102,10 +100,81 @@ LockdownSession::LockdownSession(const char *device_id, const char *label) {
   afc_ = StartFileService(device_, lockdown_, device_id);
 }
 
-LockdownSession::~LockdownSession() {
+Link::~Link() {
   if (afc_) afc_client_free(afc_);
   if (lockdown_) lockdownd_client_free(lockdown_);
   if (device_) idevice_free(device_);
+}
+
+namespace {
+
+// The connection of the outermost call on this thread that opened its own.
+thread_local const Link *enclosing_link = nullptr;
+
+// The connections callers hold on their handles. A handle is used by one
+// thread at a time, but different handles live on different threads.
+struct HeldLinks {
+  std::mutex mutex;
+  std::map<const PodDevice *, std::unique_ptr<Link>> links;
+};
+
+HeldLinks &Held() {
+  static HeldLinks held;
+  return held;
+}
+
+}  // namespace
+
+const Link *HeldLink(const PodDevice *device) {
+  if (device == nullptr) return nullptr;
+  HeldLinks &held = Held();
+  const std::lock_guard<std::mutex> guard(held.mutex);
+  const auto it = held.links.find(device);
+  return it == held.links.end() ? nullptr : it->second.get();
+}
+
+bool HoldLink(const PodDevice *device) {
+  if (device == nullptr) {
+    SetError(TARN_E_INVALID_ARGUMENT, "No device handle was given.");
+    return false;
+  }
+  if (HeldLink(device) != nullptr) return true;
+  auto link = std::make_unique<Link>(device->deviceId, "ideviceclient");
+  if (link->status() != Link::Status::kOk || link->afc() == nullptr) return false;
+  HeldLinks &held = Held();
+  const std::lock_guard<std::mutex> guard(held.mutex);
+  held.links.emplace(device, std::move(link));
+  return true;
+}
+
+void ReleaseLink(const PodDevice *device) {
+  std::unique_ptr<Link> link;
+  {
+    HeldLinks &held = Held();
+    const std::lock_guard<std::mutex> guard(held.mutex);
+    const auto it = held.links.find(device);
+    if (it == held.links.end()) return;
+    link = std::move(it->second);
+    held.links.erase(it);
+  }
+  // Closed outside the lock: closing talks to the device.
+}
+
+LockdownSession::LockdownSession(const PodDevice *device, const char *label) {
+  const char *device_id = device ? device->deviceId : nullptr;
+  if ((link_ = HeldLink(device)) != nullptr) return;
+  if (enclosing_link != nullptr && device_id != nullptr && enclosing_link->device_id() == device_id) {
+    link_ = enclosing_link;
+    return;
+  }
+  own_.emplace(device_id, label);
+  link_ = &*own_;
+  enclosing_ = enclosing_link;
+  enclosing_link = link_;
+}
+
+LockdownSession::~LockdownSession() {
+  if (own_) enclosing_link = enclosing_;
 }
 
 AfcFile::AfcFile(afc_client_t client, const char *path, afc_file_mode_t mode) : client_(client) {

@@ -1,11 +1,14 @@
-// The per-call device connection, the file-conduit file handle and the
-// device's sync-lock bracket. Every operation that reaches the device holds
-// its connection in one of these, so the connection, every file handle and
-// the lock are released before the call returns, whatever path it takes.
+// The device connection, the file-conduit file handle and the device's
+// sync-lock bracket. Every operation that reaches the device holds its
+// connection in one of these, so the connection (unless the caller holds
+// it on the handle), every file handle and the lock are released before the
+// call returns, whatever path it takes.
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
+#include <string>
 #include <string_view>
 
 #include <libimobiledevice/afc.h>
@@ -19,6 +22,15 @@ namespace tarn {
 inline constexpr const char *kSyncLockPath = "/com.apple.itunes.lock_sync";
 inline constexpr const char *kAfcServiceName = "com.apple.afc";
 inline constexpr uint32_t kBlockSize = 65536;
+
+struct IdeviceFree {
+  void operator()(idevice_t device) const { if (device) idevice_free(device); }
+};
+using IdevicePtr = std::unique_ptr<idevice_private, IdeviceFree>;
+struct LockdownFree {
+  void operator()(lockdownd_client_t client) const { if (client) lockdownd_client_free(client); }
+};
+using LockdownPtr = std::unique_ptr<lockdownd_client_private, LockdownFree>;
 
 // The steps of a connection, shared by both kinds of connection below; each
 // records why it failed.
@@ -36,48 +48,69 @@ void CloseIdeviceAndAfC(afc_client_t client, idevice_t device);
 // it records TARN_E_SYNC_LOCK_BUSY; the caller goes on without the lock.
 void LockSyncFile(afc_client_t client, uint64_t handle);
 
-// Device connection plus file-conduit client (OpenIdeviceAndAfC), released
-// together (CloseIdeviceAndAfC).
-class DeviceConnection {
- public:
-  explicit DeviceConnection(const char *device_id);
-  ~DeviceConnection();
-  DeviceConnection(const DeviceConnection &) = delete;
-  DeviceConnection &operator=(const DeviceConnection &) = delete;
-
-  afc_client_t afc() const { return afc_; }
-  explicit operator bool() const { return afc_ != nullptr; }
-
- private:
-  idevice_t device_ = nullptr;
-  afc_client_t afc_ = nullptr;
-};
-
-// The connection that InitDevice and GetDeviceInfo use: the lockdown client
-// stays open for the whole call (they query lockdown values), and the client
-// identifies itself with its own label.
-class LockdownSession {
+// One connection to a device: the device connection, a lockdown session
+// and the file-conduit client, released together. It is the unit the
+// library shares: a call's own, or the one a caller holds on a handle
+// (TarnHoldConnection) for the calls made on it until it lets go.
+class Link {
  public:
   enum class Status { kOk, kNoDevice, kHandshakeRefused };
 
-  LockdownSession(const char *device_id, const char *label);
-  ~LockdownSession();
-  LockdownSession(const LockdownSession &) = delete;
-  LockdownSession &operator=(const LockdownSession &) = delete;
+  Link(const char *device_id, const char *label);
+  ~Link();
+  Link(const Link &) = delete;
+  Link &operator=(const Link &) = delete;
 
   Status status() const { return status_; }
+  const std::string &device_id() const { return device_id_; }
   idevice_t device() const { return device_; }
   lockdownd_client_t lockdown() const { return lockdown_; }
-  // Null when the file-conduit service could not be started; callers carry
-  // on without it.
+  // Null when the file-conduit service could not be started.
   afc_client_t afc() const { return afc_; }
 
  private:
+  std::string device_id_;
   Status status_ = Status::kNoDevice;
   idevice_t device_ = nullptr;
   lockdownd_client_t lockdown_ = nullptr;
   afc_client_t afc_ = nullptr;
 };
+
+// The connection one exported call works over, in this order: the one held
+// on the handle; the one an enclosing call on this thread opened for the
+// same device (a call made inside another borrows it, so that one exported
+// call costs one lockdown session however many library calls it makes);
+// else one of its own, which the calls inside it then borrow and which is
+// closed when it ends.
+class LockdownSession {
+ public:
+  using Status = Link::Status;
+
+  LockdownSession(const PodDevice *device, const char *label);
+  ~LockdownSession();
+  LockdownSession(const LockdownSession &) = delete;
+  LockdownSession &operator=(const LockdownSession &) = delete;
+
+  Status status() const { return link_->status(); }
+  idevice_t device() const { return link_->device(); }
+  lockdownd_client_t lockdown() const { return link_->lockdown(); }
+  // Null when the file-conduit service could not be started; callers carry
+  // on without it.
+  afc_client_t afc() const { return link_->afc(); }
+
+ private:
+  std::optional<Link> own_;
+  const Link *link_ = nullptr;
+  const Link *enclosing_ = nullptr;
+};
+
+// The connection held on a handle (TarnHoldConnection), or null.
+const Link *HeldLink(const PodDevice *device);
+// Opens and keeps a connection on the handle; false (with the reason
+// recorded) when the device or its file service cannot be reached.
+bool HoldLink(const PodDevice *device);
+// Closes the handle's held connection, if any.
+void ReleaseLink(const PodDevice *device);
 
 // An open file-conduit file; closed on destruction.
 class AfcFile {
@@ -186,7 +219,7 @@ class DeviceCall {
   bool ready() const { return ready_; }
 
  private:
-  DeviceConnection conn_;
+  LockdownSession conn_;
   std::optional<SyncLock> lock_;
   bool ready_ = true;
 };

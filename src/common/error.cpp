@@ -139,8 +139,8 @@ void SetLockdownError(lockdownd_error_t error, const char *device_id) {
       code = TARN_E_PAIRING_INVALID;
       message = "The pairing with " + std::string(device_id ? "device " : "the device") + (device_id ? device_id : "") +
                 (error == LOCKDOWN_E_SSL_ERROR ? " failed its secure handshake" : " is no longer valid") +
-                " (the device was reset or forgot this computer): unplug it, plug it in again and answer "
-                "\"Trust this computer\".";
+                " (the device was reset or forgot this computer): pair again with `idevicepair unpair` and "
+                "`idevicepair pair`, and answer \"Trust this computer\" on the device.";
       break;
     case LOCKDOWN_E_SERVICE_PROHIBITED:
     case LOCKDOWN_E_INVALID_SERVICE:

@@ -201,7 +201,7 @@ TARN_API int InitDevice(PodDevice *device, const char *host_dir) {
   std::free(device->hostDir);
   device->hostDir = host_dir ? strdup(host_dir) : nullptr;
 
-  tarn::LockdownSession session(device->deviceId, "iPod");
+  tarn::LockdownSession session(device, "iPod");
   if (session.status() != tarn::LockdownSession::Status::kOk) return 1;
   afc_client_t client = session.afc();
 

@@ -89,7 +89,7 @@ TARN_API plist_t GetDeviceInfo(PodDevice *device) {
     tarn::SetError(TARN_E_INVALID_ARGUMENT, "No device handle was given.");
     return nullptr;
   }
-  tarn::LockdownSession session(device->deviceId, "iPod");
+  tarn::LockdownSession session(device, "iPod");
   if (session.status() != tarn::LockdownSession::Status::kOk) return nullptr;
 
   tarn::PlistPtr info(plist_new_dict());

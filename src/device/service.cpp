@@ -93,6 +93,7 @@ TARN_API PodDevice *CreatePodDevice(const char *device_id) {
 
 TARN_API void FreePodDevice(PodDevice *device) {
   if (device == nullptr) return;
+  tarn::ReleaseLink(device);
   std::free(device->deviceId);
   device->deviceId = nullptr;
   std::free(device->hostDir);
@@ -108,5 +109,46 @@ TARN_API afc_client_t OpenIdeviceAndAfC(idevice_t *device, const char *device_id
 }
 
 TARN_API void CloseIdeviceAndAfC(afc_client_t client, idevice_t device) { tarn::CloseIdeviceAndAfC(client, device); }
+
+TARN_API int TarnHoldConnection(PodDevice *device) {
+  const tarn::ApiCall api_call;
+  return tarn::HoldLink(device) ? 0 : 1;
+}
+
+TARN_API void TarnReleaseConnection(PodDevice *device) { tarn::ReleaseLink(device); }
+
+TARN_API afc_client_t TarnHeldClient(PodDevice *device) {
+  const tarn::Link *link = tarn::HeldLink(device);
+  return link != nullptr ? link->afc() : nullptr;
+}
+
+TARN_API char *TarnGetDeviceName(PodDevice *device) {
+  const tarn::ApiCall api_call;
+  if (device == nullptr || device->deviceId == nullptr) {
+    tarn::SetError(TARN_E_INVALID_ARGUMENT, "No device handle was given.");
+    return nullptr;
+  }
+  char *name = nullptr;
+  lockdownd_error_t err = LOCKDOWN_E_SUCCESS;
+  if (const tarn::Link *held = tarn::HeldLink(device); held != nullptr && held->lockdown() != nullptr) {
+    err = lockdownd_get_device_name(held->lockdown(), &name);
+  } else {
+    // The name is one of the values a device gives without a session, so
+    // asking for it costs no secure handshake, and a locked device answers.
+    idevice_t raw = nullptr;
+    if (!tarn::ConnectDevice(device->deviceId, &raw)) return nullptr;
+    const tarn::IdevicePtr connection(raw);
+    lockdownd_client_t client = nullptr;
+    err = lockdownd_client_new(connection.get(), &client, "ideviceclient");
+    const tarn::LockdownPtr lockdown(client);
+    if (err == LOCKDOWN_E_SUCCESS) err = lockdownd_get_device_name(lockdown.get(), &name);
+  }
+  if (err != LOCKDOWN_E_SUCCESS || name == nullptr) {
+    std::free(name);
+    tarn::SetLockdownError(err == LOCKDOWN_E_SUCCESS ? LOCKDOWN_E_UNKNOWN_ERROR : err, device->deviceId);
+    return nullptr;
+  }
+  return name;
+}
 
 }  // extern "C"

@@ -126,4 +126,58 @@ TARN_API int MakeDir(PodDevice *device, const char *path) {
 
 TARN_API void FreeFileInfo(char **info) { tarn::FileInfoDeleter{}(info); }
 
+namespace {
+
+// Whether a request over an open client has what it needs; records why not.
+bool Usable(afc_client_t client, const char *path) {
+  if (client != nullptr && path != nullptr) return true;
+  tarn::SetError(TARN_E_INVALID_ARGUMENT, client ? "No device path was given." : "No file-service connection was given.");
+  return false;
+}
+
+// A request's answer as a status, with its reason recorded.
+int Answer(afc_error_t err, const char *path) {
+  tarn::SetAfcError(err, path);
+  return err == AFC_E_SUCCESS ? 0 : 1;
+}
+
+}  // namespace
+
+TARN_API int TarnMakeDirectory(afc_client_t client, const char *path) {
+  const tarn::ApiCall api_call;
+  if (!Usable(client, path)) return 1;
+  return Answer(afc_make_directory(client, path), path);
+}
+
+TARN_API int TarnRemovePath(afc_client_t client, const char *path) {
+  const tarn::ApiCall api_call;
+  if (!Usable(client, path)) return 1;
+  return Answer(afc_remove_path(client, path), path);
+}
+
+TARN_API int TarnRenamePath(afc_client_t client, const char *old_path, const char *new_path) {
+  const tarn::ApiCall api_call;
+  if (!Usable(client, old_path) || !Usable(client, new_path)) return 1;
+  return Answer(afc_rename_path(client, old_path, new_path), old_path);
+}
+
+TARN_API char *TarnLinkTarget(afc_client_t client, const char *path) {
+  const tarn::ApiCall api_call;
+  if (!Usable(client, path)) return nullptr;
+  char **attrs = nullptr;
+  const afc_error_t err = afc_get_file_info(client, path, &attrs);
+  const tarn::StrVec owned(attrs);
+  if (err != AFC_E_SUCCESS) {
+    tarn::SetAfcError(err, path);
+    return nullptr;
+  }
+  const char *kind = nullptr, *target = nullptr;
+  for (char **kv = attrs; kv != nullptr && kv[0] != nullptr && kv[1] != nullptr; kv += 2) {
+    if (std::strcmp(kv[0], "st_ifmt") == 0) kind = kv[1];
+    else if (std::strcmp(kv[0], "LinkTarget") == 0) target = kv[1];
+  }
+  if (kind == nullptr || target == nullptr || std::strcmp(kind, "S_IFLNK") != 0) return nullptr;
+  return strdup(target);
+}
+
 }  // extern "C"

@@ -54,6 +54,9 @@ TEST_F(ToolTest, EachWayOfNotReachingADeviceHasItsOwnExitCode) {
     ExpectFailure(RunTool({"info"}, {{"USBMUXD_SOCKET_ADDRESS", none.env_value()}, {"XDG_CACHE_HOME", cache()}}), 3,
                   "no device attached");
   }
+  for (const char *command : {"devices", "info"})
+    ExpectFailure(RunTool({command}, {{"USBMUXD_SOCKET_ADDRESS", "UNIX:/nonexistent/socket"}, {"XDG_CACHE_HOME", cache()}}),
+                  13, "usbmux daemon (usbmuxd) cannot be reached");
   ExpectFailure(Tarn({"-u", "0000-NOT-THERE", "ls", "/"}), 4, "0000-NOT-THERE not found");
 
   tarn::testing::TempDir second;
@@ -68,10 +71,10 @@ TEST_F(ToolTest, EachWayOfNotReachingADeviceHasItsOwnExitCode) {
 
   sim->set_option(kUdid, "refuse_handshake", "1");
   for (const auto &args : {std::vector<std::string>{"ls", "/"}, {"list", "music"}})
-    ExpectFailure(Tarn(args), 6, "cannot reach device");
+    ExpectFailure(Tarn(args), 6, "The pairing with Test Phone is no longer valid");
   sim->clear_faults(kUdid);
   sim->set_option(kUdid, "refuse_afc", "1");
-  ExpectFailure(Tarn({"info"}), 6, "cannot reach device");
+  ExpectFailure(Tarn({"info"}), 6, "Test Phone refused to start its file service");
 }
 
 TEST_F(ToolTest, ListingsReadForPeopleAndForScriptsWithoutTheLibrarysConsoleLines) {

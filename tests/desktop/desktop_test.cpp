@@ -321,8 +321,8 @@ class DesktopTest : public QObject {
     const TransferResult r = done.last().at(0).value<TransferResult>();
     QCOMPARE(r.copied, 0);
     QVERIFY(r.reason.failed());
-    QVERIFY2(r.reason.code == TARN_E_NO_DEVICE || r.reason.code == TARN_E_CONNECTION_LOST, qPrintable(r.reason.text));
-    QVERIFY(window_->transferResult()->text().contains(r.reason.text));
+    QVERIFY2(r.reason.code == TARN_E_NO_DEVICE || r.reason.code == TARN_E_CONNECTION_LOST, r.reason.message.c_str());
+    QVERIFY(window_->transferResult()->text().contains(Text(r.reason)));
     QCOMPARE(Partials(host.path()), 0);
     QTRY_VERIFY(SidebarItem(kSmall) == nullptr);
   }
@@ -331,6 +331,29 @@ class DesktopTest : public QObject {
     sim_->attach({dir_->path() + "/small", "00008030-00A77AC400000002", {"name=Late Phone"}});
     QTRY_VERIFY_WITH_TIMEOUT(SidebarItem("00008030-00A77AC400000002") != nullptr, 10000);
     QTRY_COMPARE(SidebarItem("00008030-00A77AC400000002")->text(), QString("Late Phone"));
+    // Its name was read without a secure session.
+    QCOMPARE(sim_->stats("00008030-00A77AC400000002").tls_sessions, uint64_t{0});
+  }
+
+  // Choosing a device costs one secure session; its pages, folders and file
+  // operations after that cost none.
+  void oneSessionPerChoice() {
+    Choose(kSample);
+    sim_->reset_stats(kSample);
+    QSignalSpy opened(window_.get(), &MainWindow::DeviceOpened);
+    window_->Refresh();
+    QTRY_VERIFY_WITH_TIMEOUT(!opened.isEmpty(), 60000);
+    for (Kind kind : {Kind::kMusic, Kind::kRecordings, Kind::kCamera, Kind::kPictures}) ShowPage(kind);
+    FilesPage *files = window_->files();
+    window_->pages()->setCurrentWidget(files);
+    QTRY_VERIFY(files->Find("/DCIM") != nullptr);
+    files->Expand("/DCIM");
+    QTRY_VERIFY(files->Find("/DCIM/100APPLE") != nullptr);
+    QSignalSpy done(files, &FilesPage::OperationDone);
+    files->MakeFolder("/DCIM", "Made Here");
+    QTRY_VERIFY(!done.isEmpty());
+    QCOMPARE(done.last().at(0).toString(), QString("Made /DCIM/Made Here."));
+    QCOMPARE(sim_->stats(kSample).tls_sessions, uint64_t{1});
   }
 
   // tarn-desktop --screenshots, as the demo runs it: every page of the

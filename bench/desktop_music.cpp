@@ -79,6 +79,7 @@ int main(int argc, char **argv) try {
     plist_free(list);
   }
   tarn::desktop::CataloguePage page(tarn::desktop::PageKinds().front());
+  const auto link = std::make_shared<tarn::desktop::DeviceLink>(QString::fromStdString(udid));
   for (int i = 0; i < reps; ++i) {
     page.Clear();
     tarn::desktop::JobPool()->waitForDone();
@@ -90,7 +91,7 @@ int main(int argc, char **argv) try {
     double seconds = 0;
     gaps.push_back(WorstGapMs([&] {
       seconds = Seconds([&] {
-        page.Load(QString::fromStdString(udid));
+        page.Load(link);
         loop.exec();
       });
     }));

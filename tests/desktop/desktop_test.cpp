@@ -338,8 +338,8 @@ class DesktopTest : public QObject {
   // Choosing a device costs one secure session; its pages, folders and file
   // operations after that cost none.
   void oneSessionPerChoice() {
-    Choose(kSample);
-    sim_->reset_stats(kSample);
+    Choose(kIpod);
+    sim_->reset_stats(kIpod);
     QSignalSpy opened(window_.get(), &MainWindow::DeviceOpened);
     window_->Refresh();
     QTRY_VERIFY_WITH_TIMEOUT(!opened.isEmpty(), 60000);
@@ -353,7 +353,7 @@ class DesktopTest : public QObject {
     files->MakeFolder("/DCIM", "Made Here");
     QTRY_VERIFY(!done.isEmpty());
     QCOMPARE(done.last().at(0).toString(), QString("Made /DCIM/Made Here."));
-    QCOMPARE(sim_->stats(kSample).tls_sessions, uint64_t{1});
+    QCOMPARE(sim_->stats(kIpod).tls_sessions, uint64_t{1});
   }
 
   // tarn-desktop --screenshots, as the demo runs it: every page of the

@@ -17,6 +17,8 @@
 
 namespace tarn {
 
+class SqliteSchema;
+
 // The kinds of track list, as the list functions and ReadTrackDbTypeCdb
 // number them. Voice memos are a kind only in a phone's music library.
 enum TrackKind : uint32_t {
@@ -43,6 +45,10 @@ plist_t ReadPlaylistDbTypeCdb(const char *path);
 // The same lists from a phone's music library (MediaLibrary.sqlitedb).
 // The kind of a library item, from its media-type bits and its folder.
 uint32_t LibraryKindOf(int64_t media_type, const std::string &path);
+// The SELECT the library's lists run: every item with its names, whatever
+// the schema holds (a field the database lacks reads as NULL, a name table
+// it lacks is not joined). Exposed for the benchmark's floor.
+std::string LibraryTrackQuery(SqliteSchema &schema);
 plist_t ReadTrackDbTypeSQLITE(const char *path, uint32_t kind);
 plist_t ReadPlaylistDbTypeSQLITE(const char *path);
 // The bytes of each kind's list, in one read of the library: what the

@@ -61,9 +61,9 @@ enum Col {
   kPlays, kAlbumArtist, kComposer, kTrack, kDisc, kYear, kDateAdded, kPurchased
 };
 
-// SELECT of every item with its names, whatever the schema holds: a field
-// the database lacks reads as NULL, a name table it lacks is not joined.
-std::string TrackQuery(tarn::SqliteSchema &s) {
+}  // namespace
+
+std::string tarn::LibraryTrackQuery(tarn::SqliteSchema &s) {
   std::string joins;
   // alias -> whether its table is joined; a table that is not joined gives NULL.
   auto join = [&](const char *alias, const char *table, const char *key, const char *item_column) {
@@ -128,6 +128,8 @@ std::string TrackQuery(tarn::SqliteSchema &s) {
          " COLLATE NOCASE, i.item_pid";
 }
 
+namespace {
+
 // Where an item's file is on the media partition, or "" when the phone
 // has no file for it (a cloud item, or one not yet downloaded).
 std::string ItemPath(sqlite3_stmt *stmt) {
@@ -163,7 +165,7 @@ class Library {
       tarn::SetDatabaseError(path_.c_str(), "it has no item or item_extra table, so it is no music library");
       return false;
     }
-    tarn::SqliteStmt stmt = tarn::Prepare(db_.get(), TrackQuery(schema_));
+    tarn::SqliteStmt stmt = tarn::Prepare(db_.get(), tarn::LibraryTrackQuery(schema_));
     if (!stmt) return Failed();
     tarn::LibraryTrack t;
     int rc;

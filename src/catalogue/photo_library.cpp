@@ -156,12 +156,7 @@ const char *KindName(const Asset &a) {
 
 namespace tarn {
 
-plist_t ReadPhotoLibrarySQLITE(PodDevice *device, const char *path, sqlite3 *db, SqliteSchema &s,
-                               const std::string &table) {
-  if (!IsIdentifier(table) || !s.HasColumn(table, "ZDIRECTORY") || !s.HasColumn(table, "ZFILENAME")) {
-    SetDatabaseError(path, "its asset table has no file names");
-    return nullptr;
-  }
+std::string PhotoAssetQuery(SqliteSchema &s, const std::string &table) {
   const bool attributes = s.HasColumn(table, "ZADDITIONALATTRIBUTES") && s.HasColumn("ZADDITIONALASSETATTRIBUTES", "Z_PK");
   const std::string size = attributes ? s.Column("x", "ZADDITIONALASSETATTRIBUTES", "ZORIGINALFILESIZE") : "NULL";
   // Pictures in Recently Deleted, hidden ones and those the phone itself
@@ -170,12 +165,21 @@ plist_t ReadPhotoLibrarySQLITE(PodDevice *device, const char *path, sqlite3 *db,
   for (const char *column : {"ZTRASHEDSTATE", "ZHIDDEN", "ZVISIBILITYSTATE"})
     if (s.HasColumn(table, column)) where += std::string(" AND COALESCE(a.") + column + ", 0) = 0";
   const std::string taken = s.Column("a", table, "ZDATECREATED");
-  const std::string sql =
+  return
       "SELECT " + s.Column("a", table, "Z_PK") + ", a.ZDIRECTORY, a.ZFILENAME, " + s.Column("a", table, "ZKIND") + ", " +
       s.Column("a", table, "ZKINDSUBTYPE") + ", " + taken + ", " + s.Column("a", table, "ZWIDTH") + ", " +
       s.Column("a", table, "ZHEIGHT") + ", " + s.Column("a", table, "ZDURATION") + ", " + size + " FROM " + table +
       " a" + (attributes ? " LEFT JOIN ZADDITIONALASSETATTRIBUTES x ON x.Z_PK = a.ZADDITIONALATTRIBUTES" : "") + where +
       " ORDER BY " + taken + ", a.rowid";
+}
+
+plist_t ReadPhotoLibrarySQLITE(PodDevice *device, const char *path, sqlite3 *db, SqliteSchema &s,
+                               const std::string &table) {
+  if (!IsIdentifier(table) || !s.HasColumn(table, "ZDIRECTORY") || !s.HasColumn(table, "ZFILENAME")) {
+    SetDatabaseError(path, "its asset table has no file names");
+    return nullptr;
+  }
+  const std::string sql = PhotoAssetQuery(s, table);
   SqliteStmt stmt = Prepare(db, sql);
   if (!stmt) {
     SetDatabaseError(path, sqlite3_errmsg(db));

@@ -21,6 +21,10 @@ namespace tarn {
 // (where the phone keeps its thumbnail) and "cloud" (true when the
 // original is not on the phone; its size is then 0). NULL, with the reason
 // recorded, when the table cannot be read.
+// The SELECT of the visible assets the camera roll lists, oldest first;
+// `table` must be a plain identifier. Exposed for the benchmark's floor.
+std::string PhotoAssetQuery(SqliteSchema &schema, const std::string &table);
+
 plist_t ReadPhotoLibrarySQLITE(PodDevice *device, const char *path, sqlite3 *db, SqliteSchema &schema,
                                const std::string &table);
 

@@ -21,6 +21,11 @@
  *    with FreeFileInfo().
  *  - Most functions print a few progress lines on standard output; the lines
  *    are part of the interface and are listed with each function.
+ *  - A device that goes away mid-call makes the call fail with a reason,
+ *    never raise SIGPIPE: while a call (or a release function) runs, SIGPIPE
+ *    is blocked on the calling thread and a signal its writes raised is
+ *    taken before the thread's mask is restored. The application's own
+ *    handling of SIGPIPE is left as it is.
  *
  * Threads: the library keeps no global state. Per thread it keeps the
  * reason for the last failure (TarnLastError()) and, only while

@@ -220,6 +220,7 @@ TARN_API uint64_t TarnSyncLock(afc_client_t client) {
 }
 
 TARN_API void TarnSyncUnlock(afc_client_t client, uint64_t lock) {
+  const tarn::QuietBrokenPipe quiet_pipe;
   // A release leaves the record alone: see the header.
   if (client == nullptr || lock == 0) return;
   afc_file_lock(client, lock, AFC_LOCK_UN);

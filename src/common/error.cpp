@@ -1,5 +1,8 @@
 #include "common/error.h"
 
+#include <pthread.h>
+#include <csignal>
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -84,6 +87,47 @@ const char *AfcCodeText(afc_error_t error) {
 }
 
 }  // namespace
+
+namespace {
+
+struct PipeGuardState {
+  int depth = 0;
+  sigset_t saved{};
+  bool pending_before = false;
+};
+thread_local PipeGuardState pipe_guard;
+
+sigset_t PipeOnly() {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGPIPE);
+  return set;
+}
+
+}  // namespace
+
+QuietBrokenPipe::QuietBrokenPipe() {
+  if (pipe_guard.depth++ != 0) return;
+  const sigset_t pipe_only = PipeOnly();
+  sigset_t pending;
+  sigpending(&pending);
+  pipe_guard.pending_before = sigismember(&pending, SIGPIPE) == 1;
+  pthread_sigmask(SIG_BLOCK, &pipe_only, &pipe_guard.saved);
+}
+
+QuietBrokenPipe::~QuietBrokenPipe() {
+  if (--pipe_guard.depth != 0) return;
+  sigset_t pending;
+  sigpending(&pending);
+  // Only a signal our own writes raised is taken; one the application had
+  // pending already stays its own.
+  if (!pipe_guard.pending_before && sigismember(&pending, SIGPIPE) == 1) {
+    const sigset_t pipe_only = PipeOnly();
+    const struct timespec no_wait = {0, 0};
+    sigtimedwait(&pipe_only, nullptr, &no_wait);
+  }
+  pthread_sigmask(SIG_SETMASK, &pipe_guard.saved, nullptr);
+}
 
 ApiCall::ApiCall() {
   ThreadError &e = Current();

@@ -23,6 +23,20 @@
 
 namespace tarn {
 
+// While one lives on a thread, a write to a connection the phone has
+// closed (it was unplugged, or dropped the session) fails with an error
+// instead of raising SIGPIPE, whose default action would end the
+// application that loaded us: the signal is blocked on this thread, and one
+// raised meanwhile is taken before the mask is restored. The application's
+// own disposition of SIGPIPE is left alone.
+class QuietBrokenPipe {
+ public:
+  QuietBrokenPipe();
+  ~QuietBrokenPipe();
+  QuietBrokenPipe(const QuietBrokenPipe &) = delete;
+  QuietBrokenPipe &operator=(const QuietBrokenPipe &) = delete;
+};
+
 // Opens every exported function (release functions excepted, see the
 // header); only the outermost on a thread clears the record.
 class ApiCall {
@@ -31,6 +45,9 @@ class ApiCall {
   ~ApiCall();
   ApiCall(const ApiCall &) = delete;
   ApiCall &operator=(const ApiCall &) = delete;
+
+ private:
+  QuietBrokenPipe quiet_pipe_;
 };
 
 // Failures inside are answers, not failures of the caller (a probe for a

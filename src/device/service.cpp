@@ -92,6 +92,7 @@ TARN_API PodDevice *CreatePodDevice(const char *device_id) {
 }
 
 TARN_API void FreePodDevice(PodDevice *device) {
+  const tarn::QuietBrokenPipe quiet_pipe;
   if (device == nullptr) return;
   tarn::ReleaseLink(device);
   std::free(device->deviceId);
@@ -108,14 +109,20 @@ TARN_API afc_client_t OpenIdeviceAndAfC(idevice_t *device, const char *device_id
   return tarn::OpenIdeviceAndAfC(device, device_id);
 }
 
-TARN_API void CloseIdeviceAndAfC(afc_client_t client, idevice_t device) { tarn::CloseIdeviceAndAfC(client, device); }
+TARN_API void CloseIdeviceAndAfC(afc_client_t client, idevice_t device) {
+  const tarn::QuietBrokenPipe quiet_pipe;
+  tarn::CloseIdeviceAndAfC(client, device);
+}
 
 TARN_API int TarnHoldConnection(PodDevice *device) {
   const tarn::ApiCall api_call;
   return tarn::HoldLink(device) ? 0 : 1;
 }
 
-TARN_API void TarnReleaseConnection(PodDevice *device) { tarn::ReleaseLink(device); }
+TARN_API void TarnReleaseConnection(PodDevice *device) {
+  const tarn::QuietBrokenPipe quiet_pipe;
+  tarn::ReleaseLink(device);
+}
 
 TARN_API afc_client_t TarnHeldClient(PodDevice *device) {
   const tarn::Link *link = tarn::HeldLink(device);

@@ -3,6 +3,10 @@
 // ends of a held connection, and none to learn a device's name.
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
 #include <cstdlib>
 #include <string>
 
@@ -118,6 +122,31 @@ TEST_F(HeldConnectionTest, SingleRequestsOverAClientSayWhyTheyFailed) {
   EXPECT_EQ(TarnRenamePath(client, "/A", "/B"), 0);
   EXPECT_EQ(TarnRemovePath(client, "/B"), 0);
   EXPECT_EQ(TarnRemovePath(client, "/B"), 1);
+}
+
+TEST_F(HeldConnectionTest, AnUnpluggedPhoneEndsNoProgramThatKeepsSigpipesDefault) {
+  // A program that never heard of SIGPIPE (its default action ends the
+  // process) holds a connection; the phone goes away; every later request
+  // and the release write to a closed socket and must only fail.
+  std::fflush(nullptr);
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    ::signal(SIGPIPE, SIG_DFL);
+    if (TarnHoldConnection(device) != 0) ::_exit(2);
+    sim->detach(kUdid);
+    for (int i = 0; i < 20; ++i) {
+      char **info = GetFileInfo(TarnHeldClient(device), "/DCIM");
+      FreeFileInfo(info);
+    }
+    TarnReleaseConnection(device);
+    FreePodDevice(device);
+    ::_exit(0);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status)) << "ended by signal " << (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
+  EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -1, 0);
 }
 
 }  // namespace

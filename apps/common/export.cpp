@@ -87,11 +87,22 @@ class Exporter {
   Exporter(Session &session, fs::path dir, ExportReport &report)
       : session_(session), dir_(dir), manifest_(dir, session.udid()), report_(report) {}
 
+ private:
+  std::set<std::string> in_cloud_;
+
+ public:
+
   // Claims a name for one catalogue item of `kind`; `wanted` also queues
   // it for copying.
   const ExportItem *Add(Kind kind, plist_t item, bool wanted = true) {
     ExportItem e;
     e.device_path = DictString(item, "path");
+    // A track or picture a current phone keeps only in iCloud has no file
+    // here; it is counted so that the person hears why it was not copied.
+    if (wanted && DictBool(item, "cloud")) {
+      in_cloud_.insert(DictUint(item, "id") ? std::to_string(DictUint(item, "id")) : DictString(item, "path"));
+      report_.in_cloud = in_cloud_.size();
+    }
     if (e.device_path.empty()) return nullptr;  // a book without a file, a track without a path
     if (auto it = by_path_.find(e.device_path); it != by_path_.end()) {
       items_[it->second].wanted |= wanted;

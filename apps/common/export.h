@@ -28,6 +28,7 @@ struct ExportRequest {
 struct ExportReport {
   bool nothing_listed = false;  // the device has no list of this kind
   size_t wanted = 0, copied = 0, skipped = 0, playlists = 0;
+  size_t in_cloud = 0;  // asked for, but kept only in iCloud: no file on the phone to copy
   uint64_t bytes = 0;
   std::set<std::string> missing;      // listed in the catalogue, absent on the device
   std::vector<Failure> failed;        // "<device path>: <reason>", per file that could not be copied

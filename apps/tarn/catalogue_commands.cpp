@@ -134,12 +134,17 @@ int CmdList(Session &session, const Args &args) {
     if (CountItems(list.get(), kind.kind) == 0) Fail(kExitFailed, "the " + std::string(kind.noun) + " could not be read: " + why);
     PrintWarning(why + " Showing only what could be read.");
   }
+  // A phone that keeps these in an app (voice memos, books on current
+  // phones) has none here for another reason than having none at all.
+  const std::string unreachable = TarnLastError()->code == TARN_E_NOT_REACHABLE ? LastReason() : "";
   if (args.has("--json") || args.has("--xml")) {
+    if (!unreachable.empty()) PrintWarning(unreachable);
     Render(out, args, list.get());
     return kExitOk;
   }
   if (CountItems(list.get(), kind.kind) == 0) {
-    std::fprintf(out, "No %s on this device.\n", kind.noun);
+    if (!unreachable.empty()) std::fprintf(out, "%s\n", unreachable.c_str());
+    else std::fprintf(out, "No %s on this device.\n", kind.noun);
     return kExitOk;
   }
   Rows rows = RowsOf(list.get(), kind.kind);
@@ -169,6 +174,7 @@ int CmdExport(Session &session, const Args &args) {
   std::fprintf(Out(), "%zu %s: %zu copied (%s), %zu already there", report.wanted, noun.c_str(), report.copied,
                HumanSize(report.bytes).c_str(), report.skipped);
   if (!report.missing.empty()) std::fprintf(Out(), ", %zu missing on the device", report.missing.size());
+  if (report.in_cloud > 0) std::fprintf(Out(), ", %zu only in iCloud (not on the phone)", report.in_cloud);
   if (report.playlists > 0)
     std::fprintf(Out(), ", %zu playlist%s written", report.playlists, report.playlists == 1 ? "" : "s");
   std::fprintf(Out(), "\n");

@@ -1,5 +1,4 @@
-// File and directory information, the existence tests and directory
-// creation.
+// File and directory information and the existence tests.
 #include <cstdio>
 #include <cstring>
 
@@ -40,6 +39,12 @@ int SlotOfKey(const char *key) {
 }  // namespace
 
 namespace tarn {
+
+bool UsableRequest(afc_client_t client, const char *path) {
+  if (client != nullptr && path != nullptr) return true;
+  SetError(TARN_E_INVALID_ARGUMENT, client ? "No device path was given." : "No file-service connection was given.");
+  return false;
+}
 
 char **GetFileInfo(afc_client_t client, const char *path) {
   // g_malloc0/g_strdup, because the vector is released with g_strfreev.
@@ -113,57 +118,14 @@ TARN_API int IsFileExist(PodDevice *device, const char *path) {
   return 1;
 }
 
-TARN_API int MakeDir(PodDevice *device, const char *path) {
-  const tarn::ApiCall api_call;
-  tarn::ConsoleLine("MakeDir");
-  const tarn::DeviceCall call(device, tarn::PolicyOf("MakeDir"));
-  if (!call.ready()) return 1;
-  // Whether the directory was made is not reported: the device also answers
-  // an existing directory with success, so callers test for it themselves.
-  tarn::SetAfcError(afc_make_directory(call.afc(), path), path);
-  return 0;
-}
 
 TARN_API void FreeFileInfo(char **info) { tarn::FileInfoDeleter{}(info); }
 
-namespace {
 
-// Whether a request over an open client has what it needs; records why not.
-bool Usable(afc_client_t client, const char *path) {
-  if (client != nullptr && path != nullptr) return true;
-  tarn::SetError(TARN_E_INVALID_ARGUMENT, client ? "No device path was given." : "No file-service connection was given.");
-  return false;
-}
-
-// A request's answer as a status, with its reason recorded.
-int Answer(afc_error_t err, const char *path) {
-  tarn::SetAfcError(err, path);
-  return err == AFC_E_SUCCESS ? 0 : 1;
-}
-
-}  // namespace
-
-TARN_API int TarnMakeDirectory(afc_client_t client, const char *path) {
-  const tarn::ApiCall api_call;
-  if (!Usable(client, path)) return 1;
-  return Answer(afc_make_directory(client, path), path);
-}
-
-TARN_API int TarnRemovePath(afc_client_t client, const char *path) {
-  const tarn::ApiCall api_call;
-  if (!Usable(client, path)) return 1;
-  return Answer(afc_remove_path(client, path), path);
-}
-
-TARN_API int TarnRenamePath(afc_client_t client, const char *old_path, const char *new_path) {
-  const tarn::ApiCall api_call;
-  if (!Usable(client, old_path) || !Usable(client, new_path)) return 1;
-  return Answer(afc_rename_path(client, old_path, new_path), old_path);
-}
 
 TARN_API char *TarnLinkTarget(afc_client_t client, const char *path) {
   const tarn::ApiCall api_call;
-  if (!Usable(client, path)) return nullptr;
+  if (!tarn::UsableRequest(client, path)) return nullptr;
   char **attrs = nullptr;
   const afc_error_t err = afc_get_file_info(client, path, &attrs);
   const tarn::StrVec owned(attrs);

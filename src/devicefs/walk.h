@@ -48,6 +48,8 @@ inline const char *Printable(const char *text) { return text ? text : "(null)"; 
 // The file-information vector of a device path, in TARN_INFO_* slots; never
 // null (all slots null when the path cannot be read, with the reason set).
 char **GetFileInfo(afc_client_t client, const char *path);
+// Whether a request over an open client has both; records why not.
+bool UsableRequest(afc_client_t client, const char *path);
 
 // The listing of a device directory, or null when it cannot be listed.
 StrVec ListDirectory(afc_client_t client, const char *path);

@@ -222,7 +222,9 @@ void CataloguePage::Load(const std::shared_ptr<DeviceLink> &link) {
         // An empty catalogue is no failure; only a recorded reason is.
         const TarnError *error = TarnLastError();
         if (!out.list && error->code != TARN_OK && error->code != TARN_E_DATABASE_ABSENT)
-          out.why = LastReason(udid, QObject::tr("The list cannot be read."));
+          // Out of reach is no read failure: the reason says where they are.
+          out.why = LastReason(udid, error->code == TARN_E_NOT_REACHABLE ? QString()
+                                                                         : QObject::tr("The list cannot be read."));
         return out;
       },
       [this, generation](const LoadResult &out) {

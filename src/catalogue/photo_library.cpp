@@ -9,6 +9,7 @@
 #include <set>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "catalogue/catalogue.h"
@@ -119,14 +120,14 @@ std::unordered_map<int64_t, std::vector<std::string>> AlbumsByAsset(sqlite3 *db,
 
 // The names in each device folder the assets live in: one listing per
 // folder instead of one request per picture.
-std::map<std::string, std::set<std::string>> ListFolders(afc_client_t client, const std::vector<Asset> &assets) {
-  std::map<std::string, std::set<std::string>> folders;
-  for (const Asset &a : assets) {
-    if (folders.count(a.directory)) continue;
-    std::set<std::string> &names = folders[a.directory];
+using Names = std::unordered_set<std::string>;
+std::unordered_map<std::string, Names> ListFolders(afc_client_t client, const std::set<std::string> &wanted) {
+  std::unordered_map<std::string, Names> folders;
+  for (const std::string &folder : wanted) {
+    Names &names = folders[folder];
     char **list = nullptr;
     const tarn::KeepReason quiet;
-    if (client == nullptr || afc_read_directory(client, a.directory.c_str(), &list) != AFC_E_SUCCESS) {
+    if (client == nullptr || afc_read_directory(client, folder.c_str(), &list) != AFC_E_SUCCESS) {
       if (list) afc_dictionary_free(list);
       continue;
     }
@@ -137,7 +138,7 @@ std::map<std::string, std::set<std::string>> ListFolders(afc_client_t client, co
 }
 
 // The still's companion movie of a Live Photo: same name, ".MOV".
-std::string LiveVideo(const Asset &a, const std::set<std::string> &names) {
+std::string LiveVideo(const Asset &a, const Names &names) {
   const size_t dot = a.file.rfind('.');
   const std::string base = a.file.substr(0, dot);
   for (const char *ext : {".MOV", ".mov"})
@@ -156,21 +157,24 @@ const char *KindName(const Asset &a) {
 
 namespace tarn {
 
-std::string PhotoAssetQuery(SqliteSchema &s, const std::string &table) {
-  const bool attributes = s.HasColumn(table, "ZADDITIONALATTRIBUTES") && s.HasColumn("ZADDITIONALASSETATTRIBUTES", "Z_PK");
-  const std::string size = attributes ? s.Column("x", "ZADDITIONALASSETATTRIBUTES", "ZORIGINALFILESIZE") : "NULL";
-  // Pictures in Recently Deleted, hidden ones and those the phone itself
-  // does not show in the roll (the rest of a burst) are left out.
+// The assets the roll shows: pictures in Recently Deleted, hidden ones and
+// those the phone itself does not show (the rest of a burst) are left out.
+std::string VisibleAssets(SqliteSchema &s, const std::string &table) {
   std::string where = " WHERE a.ZFILENAME IS NOT NULL";
   for (const char *column : {"ZTRASHEDSTATE", "ZHIDDEN", "ZVISIBILITYSTATE"})
     if (s.HasColumn(table, column)) where += std::string(" AND COALESCE(a.") + column + ", 0) = 0";
+  return where;
+}
+
+std::string PhotoAssetQuery(SqliteSchema &s, const std::string &table) {
+  const bool attributes = s.HasColumn(table, "ZADDITIONALATTRIBUTES") && s.HasColumn("ZADDITIONALASSETATTRIBUTES", "Z_PK");
+  const std::string size = attributes ? s.Column("x", "ZADDITIONALASSETATTRIBUTES", "ZORIGINALFILESIZE") : "NULL";
   const std::string taken = s.Column("a", table, "ZDATECREATED");
-  return
-      "SELECT " + s.Column("a", table, "Z_PK") + ", a.ZDIRECTORY, a.ZFILENAME, " + s.Column("a", table, "ZKIND") + ", " +
-      s.Column("a", table, "ZKINDSUBTYPE") + ", " + taken + ", " + s.Column("a", table, "ZWIDTH") + ", " +
-      s.Column("a", table, "ZHEIGHT") + ", " + s.Column("a", table, "ZDURATION") + ", " + size + " FROM " + table +
-      " a" + (attributes ? " LEFT JOIN ZADDITIONALASSETATTRIBUTES x ON x.Z_PK = a.ZADDITIONALATTRIBUTES" : "") + where +
-      " ORDER BY " + taken + ", a.rowid";
+  return "SELECT " + s.Column("a", table, "Z_PK") + ", a.ZDIRECTORY, a.ZFILENAME, " + s.Column("a", table, "ZKIND") +
+         ", " + s.Column("a", table, "ZKINDSUBTYPE") + ", " + taken + ", " + s.Column("a", table, "ZWIDTH") + ", " +
+         s.Column("a", table, "ZHEIGHT") + ", " + s.Column("a", table, "ZDURATION") + ", " + size + " FROM " + table +
+         " a" + (attributes ? " LEFT JOIN ZADDITIONALASSETATTRIBUTES x ON x.Z_PK = a.ZADDITIONALATTRIBUTES" : "") +
+         VisibleAssets(s, table) + " ORDER BY " + taken + ", a.rowid";
 }
 
 plist_t ReadPhotoLibrarySQLITE(PodDevice *device, const char *path, sqlite3 *db, SqliteSchema &s,
@@ -179,17 +183,28 @@ plist_t ReadPhotoLibrarySQLITE(PodDevice *device, const char *path, sqlite3 *db,
     SetDatabaseError(path, "its asset table has no file names");
     return nullptr;
   }
-  const std::string sql = PhotoAssetQuery(s, table);
-  SqliteStmt stmt = Prepare(db, sql);
+  // The folders first, so that each row becomes its item as it is read.
+  std::set<std::string> wanted;
+  if (SqliteStmt dirs = Prepare(db, "SELECT DISTINCT a.ZDIRECTORY FROM " + table + " a" + VisibleAssets(s, table))) {
+    while (sqlite3_step(dirs.get()) == SQLITE_ROW) wanted.insert(FolderOf(ColumnText(dirs.get(), 0)));
+  }
+  SqliteStmt stmt = Prepare(db, PhotoAssetQuery(s, table));
   if (!stmt) {
     SetDatabaseError(path, sqlite3_errmsg(db));
     return nullptr;
   }
-  std::vector<Asset> assets;
+  const auto albums = AlbumsByAsset(db, s);
+
+  PlistPtr result(NewTrackListResult());
+  plist_t items = ListItems(result.get());
+  uint64_t total = 0;
+  const DeviceCall call(device, PolicyOf("ReadCameraDbTypeSQLITE"));
+  const auto folders = ListFolders(call.afc(), wanted);
+  static const Names kNone;
+  Asset a;
   int rc;
   while ((rc = sqlite3_step(stmt.get())) == SQLITE_ROW) {
     sqlite3_stmt *row = stmt.get();
-    Asset a;
     a.pk = sqlite3_column_int64(row, 0);
     a.directory = FolderOf(ColumnText(row, 1));
     a.file = ColumnText(row, 2);
@@ -203,50 +218,41 @@ plist_t ReadPhotoLibrarySQLITE(PodDevice *device, const char *path, sqlite3 *db,
     a.height = static_cast<uint64_t>(Number(row, 7));
     a.duration = Number(row, 8);
     a.size = static_cast<uint64_t>(Number(row, 9));
-    assets.push_back(std::move(a));
+
+    const auto folder = folders.find(a.directory);
+    const Names &names = folder != folders.end() ? folder->second : kNone;
+    const bool local = names.count(a.file) != 0;
+    uint64_t bytes = local ? a.size : 0;
+    if (local && bytes == 0) {
+      // The database did not say; the device does.
+      const KeepReason quiet;
+      FileInfo info(tarn::GetFileInfo(call.afc(), a.path.c_str()));
+      if (info && info.get()[TARN_INFO_SIZE]) bytes = DeviceNumber(info.get()[TARN_INFO_SIZE]);
+    }
+    const int64_t unix_time = a.taken > 0 ? static_cast<int64_t>(a.taken + kLibraryEpoch) : 0;
+    plist_t item = plist_new_dict();
+    plist_array_append_item(items, item);
+    plist_dict_set_item(item, "size", plist_new_uint(bytes));
+    InsertPlistDictString(item, "path", a.path.c_str());
+    InsertPlistDictString(item, "time", unix_time > 0 ? PictureTime(static_cast<int32_t>(unix_time)).c_str() : "");
+    plist_dict_set_item(item, "taken", plist_new_uint(static_cast<uint64_t>(unix_time)));
+    plist_dict_set_item(item, "kind", plist_new_string(KindName(a)));
+    plist_dict_set_item(item, "width", plist_new_uint(a.width));
+    plist_dict_set_item(item, "height", plist_new_uint(a.height));
+    plist_dict_set_item(item, "duration", plist_new_uint(static_cast<uint64_t>(a.duration * 1000.0)));
+    InsertPlistDictString(item, "live_video", a.subtype == kLivePhoto && local ? LiveVideo(a, names).c_str() : "");
+    plist_t album_names = plist_new_array();
+    if (auto it = albums.find(a.pk); it != albums.end())
+      for (const std::string &title : it->second) plist_array_append_item(album_names, plist_new_string(title.c_str()));
+    plist_dict_set_item(item, "albums", album_names);
+    InsertPlistDictString(item, "thumbnail", (std::string(kThumbnails) + a.path + "/5005.JPG").c_str());
+    plist_dict_set_item(item, "cloud", plist_new_bool(!local));
+    total += bytes;
   }
+  // Rows handed over before a failure are kept, with the reason.
   if (rc != SQLITE_DONE) {
     SetDatabaseError(path, sqlite3_errmsg(db));
-    if (assets.empty()) return nullptr;
-  }
-  const auto albums = AlbumsByAsset(db, s);
-
-  PlistPtr result(NewTrackListResult());
-  plist_t items = ListItems(result.get());
-  uint64_t total = 0;
-  {
-    const DeviceCall call(device, PolicyOf("ReadCameraDbTypeSQLITE"));
-    const auto folders = ListFolders(call.afc(), assets);
-    for (const Asset &a : assets) {
-      const std::set<std::string> &names = folders.at(a.directory);
-      const bool local = names.count(a.file) != 0;
-      uint64_t bytes = local ? a.size : 0;
-      if (local && bytes == 0) {
-        // The database did not say; the device does.
-        const KeepReason quiet;
-        FileInfo info(tarn::GetFileInfo(call.afc(), a.path.c_str()));
-        if (info && info.get()[TARN_INFO_SIZE]) bytes = DeviceNumber(info.get()[TARN_INFO_SIZE]);
-      }
-      const int64_t unix_time = a.taken > 0 ? static_cast<int64_t>(a.taken + kLibraryEpoch) : 0;
-      plist_t item = plist_new_dict();
-      plist_array_append_item(items, item);
-      plist_dict_set_item(item, "size", plist_new_uint(bytes));
-      InsertPlistDictString(item, "path", a.path.c_str());
-      InsertPlistDictString(item, "time", unix_time > 0 ? PictureTime(static_cast<int32_t>(unix_time)).c_str() : "");
-      plist_dict_set_item(item, "taken", plist_new_uint(static_cast<uint64_t>(unix_time)));
-      plist_dict_set_item(item, "kind", plist_new_string(KindName(a)));
-      plist_dict_set_item(item, "width", plist_new_uint(a.width));
-      plist_dict_set_item(item, "height", plist_new_uint(a.height));
-      plist_dict_set_item(item, "duration", plist_new_uint(static_cast<uint64_t>(a.duration * 1000.0)));
-      InsertPlistDictString(item, "live_video", a.subtype == kLivePhoto && local ? LiveVideo(a, names).c_str() : "");
-      plist_t album_names = plist_new_array();
-      if (auto it = albums.find(a.pk); it != albums.end())
-        for (const std::string &title : it->second) plist_array_append_item(album_names, plist_new_string(title.c_str()));
-      plist_dict_set_item(item, "albums", album_names);
-      InsertPlistDictString(item, "thumbnail", (std::string(kThumbnails) + a.path + "/5005.JPG").c_str());
-      plist_dict_set_item(item, "cloud", plist_new_bool(!local));
-      total += bytes;
-    }
+    if (plist_array_get_size(items) == 0) return nullptr;
   }
   AddToListCounts(result.get(), plist_array_get_size(items), total);
   return result.release();

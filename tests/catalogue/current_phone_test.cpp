@@ -4,7 +4,9 @@
 // catalogue lists.
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <atomic>
+#include <fstream>
 #include <chrono>
 #include <thread>
 
@@ -118,6 +120,30 @@ TEST_F(CatalogueTest, TheLibraryCopyFollowsThePhoneAndAChangingOneIsNeverUsed) {
   ASSERT_TRUE(music);
   EXPECT_EQ(Uint(music.get(), "number"), 4u);
   ExpectIdle("the copies");
+}
+
+TEST_F(CatalogueTest, ATornLogOrAForeignCopyNeverGivesWrongRows) {
+  // A file of the library's name that the phone did not give is no copy:
+  // it is replaced, never read.
+  fs::create_directories(work());
+  std::ofstream(work() + "/MediaLibrary.sqlitedb") << "left here by someone else";
+  ASSERT_EQ(Start(Library("rows")), 0);
+  Plist music(Quiet([&] { return GetMusicList(device, 0, 0); }));
+  ASSERT_TRUE(music) << TarnLastError()->message;
+  EXPECT_EQ(Uint(music.get(), "number"), 4u);
+
+  // The phone cut off in the middle of writing its log: the last frame is
+  // torn. What the log holds up to its last whole commit is read, nothing
+  // of the torn frame, and no error.
+  const std::string wal = media("/iTunes_Control/iTunes/MediaLibrary.sqlitedb-wal");
+  fs::resize_file(wal, fs::file_size(wal) - 100);
+  ASSERT_EQ(Quiet([&] { return InitDevice(device, work().c_str()); }), 0);
+  Plist torn(Quiet([&] { return GetMusicList(device, 0, 0); }));
+  ASSERT_TRUE(torn) << TarnLastError()->message;
+  const std::vector<std::string> all = {"Alpha", "Bravo", "Delta (new)", "Echo (cloud)"};
+  for (const std::string &title : Column(torn.get(), "title"))
+    EXPECT_NE(std::find(all.begin(), all.end(), title), all.end()) << title;
+  EXPECT_GE(Uint(torn.get(), "number"), 2u) << "the rows of the main file stay";
 }
 
 TEST_F(CatalogueTest, VoiceMemosAndBooksOutOfReachSaySoInsteadOfLookingEmpty) {

@@ -49,7 +49,7 @@ plist_t ReadCameraDbTypeSQLITE(PodDevice *device, const char *path) {
   tarn::SqliteText owned_error(error);
   // Rows handed over before a failure are kept.
   if (exec_rc != SQLITE_OK) {
-    tarn::Console("zErrMsg %s\n", tarn::Printable(error));
+    tarn::Console("zErrMsg %s\n", tarn::NullSafe(error));
     tarn::SetDatabaseError(path, error ? error : "");
   }
   const uint32_t found = plist_array_get_size(ctx.items);

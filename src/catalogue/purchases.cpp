@@ -44,7 +44,7 @@ uint32_t GetPurchaseMusicListFromPlist(PodDevice *device, const char *path, plis
                                             "mediaAssetFilename");
     if (id == nullptr || plist_get_node_type(name_node) != PLIST_STRING) continue;
     const tarn::CString name = tarn::StringOf(name_node);
-    const std::string device_path = tarn::JoinDevicePath("/Purchases", name.get(), tarn::PathJoin::kAlwaysSlash);
+    const std::string device_path = tarn::ChildPath("/Purchases", name.get(), tarn::PathJoin::kAlwaysSlash);
     tarn::FileInfo info;
     {
       const tarn::KeepReason quiet;

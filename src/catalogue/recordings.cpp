@@ -143,7 +143,7 @@ TARN_API int RecordingDbCallback(void *context, int columns, char **values, char
   plist_dict_set_item(item, "time", plist_new_uint(DurationMilliseconds(values[0])));
   plist_dict_set_item(item, "size", plist_new_uint(size));
   tarn::InsertPlistDictString(item, "name", label);
-  tarn::Console("name is %s\n", tarn::Printable(label));
+  tarn::Console("name is %s\n", tarn::NullSafe(label));
   ctx->total += size;
   return 0;
 }

@@ -45,7 +45,7 @@ void Record(TarnErrorCode code, std::string message, const TarnError &detail) {
   e.record.message = e.text.c_str();
 }
 
-TarnError Detail(Progress p = {}) { return TarnError{TARN_OK, "", 0, 0, 0, p.done, p.total}; }
+TarnError Detail(Reached p = {}) { return TarnError{TARN_OK, "", 0, 0, 0, p.done, p.total}; }
 
 std::string DeviceName(const char *device_id) {
   return device_id && *device_id ? std::string("Device ") + device_id : std::string("The device");
@@ -54,7 +54,7 @@ std::string DeviceName(const char *device_id) {
 std::string Quoted(const char *path) { return path ? std::string("\"") + path + "\"" : std::string("the request"); }
 
 // " (after 1234 of 5678 bytes)"; the walks' entries have no total.
-std::string ProgressText(Progress p, const char *unit) {
+std::string ProgressText(Reached p, const char *unit) {
   if (p.done == 0 && p.total == 0) return {};
   std::string text = " (after " + std::to_string(p.done);
   if (p.total != 0) text += " of " + std::to_string(p.total);
@@ -146,7 +146,7 @@ KeepReason::~KeepReason() {
   e.record.message = e.text.c_str();
 }
 
-void SetError(TarnErrorCode code, const std::string &message, Progress progress) {
+void SetError(TarnErrorCode code, const std::string &message, Reached progress) {
   Record(code, message, Detail(progress));
 }
 
@@ -209,7 +209,7 @@ void SetLockdownError(lockdownd_error_t error, const char *device_id) {
   Record(code, std::move(message), detail);
 }
 
-void SetAfcError(afc_error_t error, const char *path, Progress progress) {
+void SetAfcError(afc_error_t error, const char *path, Reached progress) {
   if (error == AFC_E_SUCCESS) return;
   TarnError detail = Detail(progress);
   detail.afc_error = static_cast<int>(error);
@@ -268,7 +268,7 @@ void SetConnectError(const char *device_id) {
          Detail());
 }
 
-void SetHostError(int error, const char *path, Progress progress) {
+void SetHostError(int error, const char *path, Reached progress) {
   TarnError detail = Detail(progress);
   detail.host_errno = error;
   const std::string where = Quoted(path);
@@ -301,7 +301,7 @@ void SetDatabaseError(const char *path, const std::string &why) {
 
 TarnErrorCode CurrentCode() { return Current().record.code; }
 
-void SetProgress(Progress progress) {
+void SetProgress(Reached progress) {
   TarnError &r = Current().record;
   r.done = progress.done;
   r.total = progress.total;

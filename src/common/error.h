@@ -66,15 +66,16 @@ class KeepReason {
   std::string text_;
 };
 
-// Bytes or entries done before a failure, and what the call set out to do.
-struct Progress {
+// How far a call got before it failed: bytes or entries done, and what the
+// call set out to do.
+struct Reached {
   uint64_t done = 0;
   uint64_t total = 0;
 };
 
 // Records a reason. `message` is the whole sentence a person reads; empty
 // takes the code's fixed sentence.
-void SetError(TarnErrorCode code, const std::string &message = {}, Progress progress = {});
+void SetError(TarnErrorCode code, const std::string &message = {}, Reached progress = {});
 
 // A failed lockdown step with the device device_id (a handshake, a service
 // start): the one mapping of lockdown codes.
@@ -83,14 +84,14 @@ void SetLockdownError(lockdownd_error_t error, const char *device_id);
 // A failed file-conduit request about a device path (may be null): the one
 // mapping of file-conduit codes. A request that breaks off because the
 // connection went records TARN_E_CONNECTION_LOST with the progress given.
-void SetAfcError(afc_error_t error, const char *path, Progress progress = {});
+void SetAfcError(afc_error_t error, const char *path, Reached progress = {});
 
 // A device connection that could not be made: usbmuxd out of reach or the
 // device not attached.
 void SetConnectError(const char *device_id);
 
 // A host file operation on path that failed with errno value `error`.
-void SetHostError(int error, const char *path, Progress progress = {});
+void SetHostError(int error, const char *path, Reached progress = {});
 
 // A media database whose local copy at path gave nothing: absent when no
 // file is there, else unreadable, with why (may be empty).
@@ -101,7 +102,7 @@ TarnErrorCode CurrentCode();
 
 // Sets the progress of the current record (a walk's entries when its
 // connection was lost).
-void SetProgress(Progress progress);
+void SetProgress(Reached progress);
 
 void ClearError();
 

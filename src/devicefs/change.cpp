@@ -29,13 +29,13 @@ namespace tarn {
 void _TarnDeleteDir(afc_client_t client, PodDir *dir, PodDir *root) {
   if (dir == nullptr) return;
   for (PodDir *sub = dir->first_dir; sub != nullptr;) {
-    tarn::Console("next_dir %s\n", tarn::Printable(sub->path));
+    tarn::Console("next_dir %s\n", tarn::NullSafe(sub->path));
     PodDir *next = sub->next_dir;
     tarn::_TarnDeleteDir(client, sub, root);
     sub = next;
   }
   for (PodFile *file = dir->first_file; file != nullptr;) {
-    tarn::Console("next_file %s\n", tarn::Printable(file->path));
+    tarn::Console("next_file %s\n", tarn::NullSafe(file->path));
     PodFile *next = file->next_file;
     // A file that cannot be removed does not stop the walk; its directory
     // then stays behind too.

@@ -71,7 +71,7 @@ class SnapshotBuilder {
 
   void Leave(const tarn::WalkEntry &e, bool) {
     if (frames_.size() > 1 && frames_.back().depth == e.depth) frames_.pop_back();
-    tarn::Console("info[0] is %s\n", tarn::Printable(e.info[TARN_INFO_KIND]));
+    tarn::Console("info[0] is %s\n", tarn::NullSafe(e.info[TARN_INFO_KIND]));
     tarn::Console("file_path is %s\n", e.path.c_str());
     tarn::ConsoleText("finish free");
   }
@@ -137,8 +137,8 @@ void SetDirInfo(char **info, PodDir *dir) {
   if (dir == nullptr) return;
   Assign(dir->create_date, info ? info[TARN_INFO_BIRTHTIME] : nullptr);
   Assign(dir->modify_date, info ? info[TARN_INFO_MTIME] : nullptr);
-  tarn::Console("create_date is %s\n", tarn::Printable(dir->create_date));
-  tarn::Console("modify_date is %s\n", tarn::Printable(dir->modify_date));
+  tarn::Console("create_date is %s\n", tarn::NullSafe(dir->create_date));
+  tarn::Console("modify_date is %s\n", tarn::NullSafe(dir->modify_date));
 }
 
 void SetFileInfo(char **info, PodFile *file) {
@@ -158,13 +158,13 @@ void StoreSubFolderAndFilesInfo(afc_client_t client, PodDir *dir, PodDir *root, 
 void FreePodDir(PodDir *dir, int free_self, PodDir *root) {
   if (dir == nullptr) return;
   for (PodDir *sub = dir->first_dir; sub != nullptr;) {
-    tarn::Console("next_dir %s\n", tarn::Printable(sub->path));
+    tarn::Console("next_dir %s\n", tarn::NullSafe(sub->path));
     PodDir *next = sub->next_dir;
     tarn::FreePodDir(sub, 1, root);
     sub = next;
   }
   for (PodFile *file = dir->first_file; file != nullptr;) {
-    tarn::Console("next_file %s\n", tarn::Printable(file->path));
+    tarn::Console("next_file %s\n", tarn::NullSafe(file->path));
     PodFile *next = file->next_file;
     tarn::FreeFileRecord(file);
     if (root) --root->file_count;

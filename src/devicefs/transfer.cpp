@@ -116,7 +116,7 @@ class TreeCopier {
   // Copies one entry whose information is known. Returns true for a
   // directory, whose host counterpart then receives the entries below it.
   bool Copy(const std::string &source, const std::string &target, char **info) {
-    tarn::Console("file_info[0] %s\n", tarn::Printable(info[TARN_INFO_KIND]));
+    tarn::Console("file_info[0] %s\n", tarn::NullSafe(info[TARN_INFO_KIND]));
     if (info[TARN_INFO_KIND] == nullptr) return false;
     if (!tarn::IsDirInfo(info)) {
       tarn::Console("copy file from: %s\n", source.c_str());
@@ -140,7 +140,7 @@ class TreeCopier {
   bool Enter(const tarn::WalkEntry &e) {
     // Listed names are walkable (no '/', not "." or ".."), so the target
     // stays inside the host directory the copy was given.
-    const std::string target = tarn::JoinDevicePath(targets_.back(), e.name, tarn::PathJoin::kConcatFilePath);
+    const std::string target = tarn::ChildPath(targets_.back(), e.name, tarn::PathJoin::kConcatFilePath);
     tarn::Console("from is %s\n", e.path.c_str());
     tarn::Console("to is %s\n", target.c_str());
     return Copy(e.path, target, e.info);

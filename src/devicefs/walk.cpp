@@ -29,24 +29,24 @@ StrVec ListDirectory(afc_client_t client, const char *path) {
 
 void ReportWalk(const std::string &dir, const WalkBudget &budget) {
   if (CurrentCode() == TARN_E_CONNECTION_LOST) {
-    SetProgress(Progress{budget.visited(), 0});
+    SetProgress(Reached{budget.visited(), 0});
   } else if (budget.cut) {
     const std::string bound = budget.left == 0 ? std::to_string(TARN_MAX_WALK_ENTRIES) + " entries"
                                                : std::to_string(TARN_MAX_WALK_DEPTH) + " levels";
     SetError(TARN_E_WALK_CUT,
              "The walk of \"" + dir + "\" stopped at its bound of " + bound + " after " +
                  std::to_string(budget.visited()) + " entries; what lies beyond was left out.",
-             Progress{budget.visited(), 0});
+             Reached{budget.visited(), 0});
   }
 }
 
 std::string StartDirectory(const char *dir, const char *name) {
-  std::string path = JoinDevicePath(dir ? dir : "", name, PathJoin::kConcatFilePath);
+  std::string path = ChildPath(dir ? dir : "", name, PathJoin::kConcatFilePath);
   if (path.find('/') == std::string::npos) path += '/';
   return path;
 }
 
-std::string JoinDevicePath(const std::string &dir, const char *name, PathJoin join) {
+std::string ChildPath(const std::string &dir, const char *name, PathJoin join) {
   if (join == PathJoin::kConcatFilePath) {
     CString joined(tarn::ConcatFilePath(dir.c_str(), name));
     return joined ? std::string(joined.get()) : std::string();

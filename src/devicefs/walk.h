@@ -43,7 +43,7 @@ bool IsWalkableName(const char *name);
 
 // glibc prints "(null)" for a null %s; saying so explicitly keeps the console
 // lines the same without leaning on undefined behaviour.
-inline const char *Printable(const char *text) { return text ? text : "(null)"; }
+inline const char *NullSafe(const char *text) { return text ? text : "(null)"; }
 
 // The file-information vector of a device path, in TARN_INFO_* slots; never
 // null (all slots null when the path cannot be read, with the reason set).
@@ -60,7 +60,7 @@ StrVec ListDirectory(afc_client_t client, const char *path);
 // ConcatFilePath, whose start directory already ends in '/'.
 enum class PathJoin { kAlwaysSlash, kConcatFilePath };
 
-std::string JoinDevicePath(const std::string &dir, const char *name, PathJoin join);
+std::string ChildPath(const std::string &dir, const char *name, PathJoin join);
 
 // The start directory of a directory copy (device or host side): the
 // ConcatFilePath join, which glues a name straight onto a path without any
@@ -109,7 +109,7 @@ bool WalkTree(afc_client_t client, const std::string &dir, int depth, Visitor &v
   for (; *name != nullptr && budget.left > 0; ++name) {
     if (!IsWalkableName(*name)) continue;
     --budget.left;
-    const std::string path = JoinDevicePath(dir, *name, join);
+    const std::string path = ChildPath(dir, *name, join);
     FileInfo info;
     {
       // An entry gone since the listing is no failure of the walk.

@@ -162,6 +162,7 @@ MainWindow::MainWindow(QWidget *parent) : QMainWindow(parent) {
     for (const QUrl &file : files) QDesktopServices::openUrl(file);
   });
   BuildActions();
+  InstallContextMenuKeys();
 
   QSettings settings;
   restoreGeometry(settings.value("window/geometry").toByteArray());
@@ -655,7 +656,7 @@ bool MainWindow::Begin(std::unique_ptr<Transfer> transfer) {
     result_->setText(result.Summary());
     result_->setToolTip(result.failed.join('\n'));
     // Cut off by a lost connection: the same again once it is back.
-    retry_->setVisible(result.reason.status == app::kDisconnected);
+    retry_->setVisible(result.reason.status == app::kDisconnected || app::BreaksConnection(result.reason.code));
     open_folder_->setVisible(direction == Transfer::Direction::kExport && !result.cancelled &&
                              result.copied + result.skipped > 0);
     if (direction == Transfer::Direction::kUpload) files_->Refresh();

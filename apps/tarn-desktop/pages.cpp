@@ -6,6 +6,7 @@
 #include <QMenu>
 #include <QShortcut>
 #include <QContextMenuEvent>
+#include <QKeyEvent>
 #include <QTreeView>
 #include <QToolButton>
 #include <QFormLayout>
@@ -21,14 +22,6 @@ namespace tarn::desktop {
 void PrepareList(QAbstractItemView *view, QWidget *owner) {
   view->setTabKeyNavigation(false);
   view->setContextMenuPolicy(Qt::ActionsContextMenu);
-  // Shift+F10 is the other key that asks for a context menu.
-  auto *menu_key = new QShortcut(QKeySequence(Qt::SHIFT | Qt::Key_F10), view, nullptr, nullptr, Qt::WidgetShortcut);
-  QObject::connect(menu_key, &QShortcut::activated, view, [view] {
-    const QRect current = view->visualRect(view->currentIndex());
-    const QPoint at = current.isValid() ? current.center() : QPoint(8, 8);
-    QContextMenuEvent event(QContextMenuEvent::Keyboard, at, view->viewport()->mapToGlobal(at));
-    QApplication::sendEvent(view->viewport(), &event);
-  });
   // Sorting from the keyboard: the headers take no focus, the menu does.
   auto *sort = new QAction(QObject::tr("Sort &by"), owner);
   sort->setObjectName("sortBy");
@@ -37,7 +30,9 @@ void PrepareList(QAbstractItemView *view, QWidget *owner) {
   QObject::connect(columns, &QMenu::aboutToShow, view, [view, columns] {
     columns->clear();
     QAbstractItemModel *model = view->model();
-    auto *header = view->findChild<QHeaderView *>();
+    QHeaderView *header = nullptr;
+    if (auto *table = qobject_cast<QTableView *>(view)) header = table->horizontalHeader();
+    else if (auto *tree = qobject_cast<QTreeView *>(view)) header = tree->header();
     if (model == nullptr) return;
     for (int c = 0; c < model->columnCount(); ++c) {
       const QString name = model->headerData(c, Qt::Horizontal).toString();
@@ -57,6 +52,53 @@ void PrepareList(QAbstractItemView *view, QWidget *owner) {
     }
   });
   view->addAction(sort);
+}
+
+namespace {
+
+// The Menu key and Shift+F10, for every widget of the application: the
+// context menu of the focused widget or of the nearest parent that has
+// one, at the current row of a list.
+class ContextKeys : public QObject {
+ public:
+  using QObject::QObject;
+  bool eventFilter(QObject *watched, QEvent *event) override {
+    if (event->type() != QEvent::KeyPress || !watched->isWidgetType()) return false;
+    const auto *key = static_cast<QKeyEvent *>(event);
+    const bool asks = key->key() == Qt::Key_Menu || (key->key() == Qt::Key_F10 && key->modifiers() == Qt::ShiftModifier);
+    if (!asks) return false;
+    for (auto *w = static_cast<QWidget *>(watched); w != nullptr && !w->isWindow(); w = w->parentWidget()) {
+      if (auto *viewport_owner = qobject_cast<QAbstractItemView *>(w->parentWidget());
+          viewport_owner != nullptr && viewport_owner->viewport() == w)
+        continue;
+      if (w->contextMenuPolicy() != Qt::ActionsContextMenu || w->actions().isEmpty()) continue;
+      QPoint at(8, 8);
+      QWidget *anchor = w;
+      if (auto *view = qobject_cast<QAbstractItemView *>(w)) {
+        anchor = view->viewport();
+        const QRect current = view->visualRect(view->currentIndex());
+        if (current.isValid()) at = current.center();
+      }
+      auto *menu = new QMenu(w);
+      menu->setAttribute(Qt::WA_DeleteOnClose);
+      for (QAction *action : w->actions())
+        if (!action->text().isEmpty()) menu->addAction(action);
+      menu->popup(anchor->mapToGlobal(at));
+      return true;
+    }
+    return false;
+  }
+};
+
+}  // namespace
+
+void InstallContextMenuKeys() {
+  static ContextKeys *keys = [] {
+    auto *filter = new ContextKeys(QCoreApplication::instance());
+    QCoreApplication::instance()->installEventFilter(filter);
+    return filter;
+  }();
+  (void)keys;
 }
 
 void NameClearButton(QLineEdit *edit, const QString &name) {
@@ -130,6 +172,7 @@ OverviewPage::OverviewPage(QWidget *parent) : QWidget(parent) {
   message_->setObjectName("overviewMessage");
   message_->setWordWrap(true);
   message_->setTextInteractionFlags(Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard);
+  message_->hide();
   layout->addWidget(message_);
   auto *form = new QFormLayout;
   for (const QString &name : {tr("Name"), tr("Model"), tr("Version"), tr("Serial number"), tr("Identifier"),
@@ -168,20 +211,26 @@ void OverviewPage::SetValue(QLabel *label, const QString &name, const QString &v
 
 void OverviewPage::SetDevice(const std::shared_ptr<DeviceLink> &) { Show(nullptr, {}); }
 
+void OverviewPage::ShowMessage(const QString &text) {
+  message_->setText(text);
+  message_->setAccessibleName(text);
+  message_->setVisible(!text.isEmpty());
+}
+
 void OverviewPage::ShowLoading() {
-  message_->setText(tr("Reading the device…"));
+  ShowMessage(tr("Reading the device…"));
   for (auto &f : fields_) SetValue(f.second, f.first, {});
   bar_->SetShares(0, {});
 }
 
 void OverviewPage::Show(plist_t info, const Reason &why) {
   if (info == nullptr) {
-    message_->setText(Text(why));
+    ShowMessage(Text(why));
     for (auto &f : fields_) SetValue(f.second, f.first, {});
     bar_->SetShares(0, {});
     return;
   }
-  message_->clear();
+  ShowMessage({});
   const bool has_capacity = plist_dict_get_item(info, "Catacity") != nullptr;
   const uint64_t capacity = DictUint(info, "Catacity");
   const uint64_t free_bytes = std::min(DictUint(info, "Available"), capacity);

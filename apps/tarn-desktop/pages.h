@@ -19,9 +19,13 @@ namespace tarn::desktop {
 
 // What every list of the window does alike, for keyboard and screen-reader
 // use: Tab leaves it in one step (no walk from cell to cell), its actions
-// are its context menu (right click, the Menu key, Shift+F10), and that
+// are its context menu (right click, the Menu key, Shift+F10: see
+// InstallContextMenuKeys), and that
 // menu offers "Sort by" with each column, so sorting needs no mouse.
 void PrepareList(QAbstractItemView *view, QWidget *owner);
+// Makes the Menu key and Shift+F10 open the focused widget's context menu
+// (or its nearest parent's) in the whole application; the window calls it.
+void InstallContextMenuKeys();
 // The clear button a line edit shows has no name of its own; a screen
 // reader would announce it as "button".
 void NameClearButton(QLineEdit *edit, const QString &name);
@@ -64,6 +68,7 @@ class OverviewPage : public QWidget, public DevicePage {
 
  private:
   void SetValue(QLabel *label, const QString &name, const QString &value);
+  void ShowMessage(const QString &text);
   QLabel *message_;
   std::vector<std::pair<QString, QLabel *>> fields_;
   StorageBar *bar_;

@@ -7,6 +7,8 @@
 #include <malloc.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include <QApplication>
 #include <QEventLoop>
 #include <QElapsedTimer>
@@ -65,7 +67,7 @@ int main(int argc, char **argv) try {
   const std::string udid = "00008030-00B16B16B16B1601";
   tarn::testing::Simulator sim({{image, udid, {}}});
   QApplication app(argc, argv);
-  std::vector<double> list_secs, page_secs, list_heap, page_heap, gaps, idle_gaps;
+  std::vector<double> list_secs, page_secs, list_heap, page_heap, gaps, idle_gaps, sort_ms, filter_ms;
   int tracks = 0;
   {
   QuietStdout quiet;
@@ -80,6 +82,14 @@ int main(int argc, char **argv) try {
   }
   tarn::desktop::CataloguePage page(tarn::desktop::PageKinds().front());
   const auto link = std::make_shared<tarn::desktop::DeviceLink>(QString::fromStdString(udid));
+  {
+    // As the window does when a device is chosen: the link's session copies
+    // the databases once, and the page's loads read them.
+    QEventLoop ready;
+    link->Run(
+        &page, [](tarn::app::Session &s) { s.InitCatalogue(); return 0; }, [&](int) { ready.quit(); });
+    ready.exec();
+  }
   for (int i = 0; i < reps; ++i) {
     page.Clear();
     tarn::desktop::JobPool()->waitForDone();
@@ -105,6 +115,16 @@ int main(int argc, char **argv) try {
     page_heap.push_back(static_cast<double>(HeapInUse() - before));
   }
   tracks = page.model()->rowCount();
+  // Sorting blocks the window for as long as it takes: the first sort by
+  // each column (which makes its keys) and a sort turned round, and a
+  // filter typed after the first.
+  for (int column : {0, 1, 4, 5}) {
+    for (Qt::SortOrder order : {Qt::AscendingOrder, Qt::DescendingOrder})
+      sort_ms.push_back(Seconds([&] { page.view()->sortByColumn(column, order); }) * 1000);
+  }
+  for (const char *typed : {"a", "an", "and"})
+    filter_ms.push_back(Seconds([&] { page.filter()->setText(typed); }) * 1000);
+  page.filter()->clear();
   }
   const double list_s = Median(list_secs), page_s = Median(page_secs);
   Print({"desktop music page ready (" + std::to_string(tracks) + " tracks)",
@@ -114,6 +134,13 @@ int main(int argc, char **argv) try {
   const double gap = Median(gaps), idle_gap = std::max(1.0, Median(idle_gaps));
   Print({"desktop event loop while the music page loads", Format("worst gap %.0f ms", gap),
          "idle loop " + Format("%.0f ms", idle_gap), gap / idle_gap, 20, false});
+  // The event loop may not stall 100 ms: the worst sort and keystroke against that bound.
+  const double worst_sort = *std::max_element(sort_ms.begin(), sort_ms.end());
+  Print({"desktop sort of " + std::to_string(tracks) + " rows, worst column", Format("%.0f ms", worst_sort),
+         "the 100 ms a stall may last", worst_sort / 100, 1.0, false});
+  const double worst_key = *std::max_element(filter_ms.begin(), filter_ms.end());
+  Print({"desktop filter keystroke on " + std::to_string(tracks) + " rows", Format("%.0f ms", worst_key),
+         "the 100 ms a stall may last", worst_key / 100, 1.0, false});
   const double lh = Median(list_heap), ph = Median(page_heap);
   Print({"desktop music page memory", Format("%.1f MiB", ph / 1048576), "the list " + Format("%.1f MiB", lh / 1048576),
          ph / lh, 1.5, false});

@@ -110,4 +110,85 @@ int StatusOf(TarnErrorCode code, int fallback) {
   }
 }
 
+Failure Disconnected(TarnErrorCode code, size_t done, size_t total) {
+  return {kDisconnected, code == TARN_OK ? TARN_E_CONNECTION_LOST : code,
+          "device disconnected after " + std::to_string(done) + " of " + std::to_string(total) +
+              " files copied. Reconnect it (check the cable) and try again: what was copied is kept."};
+}
+
+DeviceState StateOf(TarnErrorCode code) {
+  switch (code) {
+    case TARN_OK: return DeviceState::kReady;
+    case TARN_E_NO_USBMUXD: return DeviceState::kNoUsbmuxd;
+    case TARN_E_NO_DEVICE: return DeviceState::kUnplugged;
+    case TARN_E_NOT_PAIRED: return DeviceState::kNotPaired;
+    case TARN_E_PAIRING_PENDING: return DeviceState::kTrustPending;
+    case TARN_E_TRUST_DENIED: return DeviceState::kTrustDenied;
+    case TARN_E_PAIRING_INVALID: return DeviceState::kPairingInvalid;
+    case TARN_E_LOCKED: return DeviceState::kLocked;
+    case TARN_E_SERVICE_REFUSED: return DeviceState::kRefused;
+    case TARN_E_SYNC_LOCK_BUSY: return DeviceState::kSyncing;
+    default: return DeviceState::kOther;
+  }
+}
+
+StateText DescribeState(DeviceState state, const std::string &udid) {
+  const std::string device = udid.empty() ? "The device" : DeviceLabel(udid);
+  switch (state) {
+    case DeviceState::kReady: return {device + " is ready", ""};
+    case DeviceState::kNoUsbmuxd:
+      return {"The USB device service is not running",
+              "usbmuxd, which lets programs reach iPhones and iPods over USB, cannot be reached. Start it "
+              "(sudo systemctl start usbmuxd, or plug the phone in again so that udev starts it) and make sure "
+              "your user may use its socket. This window looks again every few seconds."};
+    case DeviceState::kNoDevice:
+      return {"No phone is connected",
+              "Connect an iPhone, iPad or iPod with a USB cable and unlock it. It appears here by itself."};
+    case DeviceState::kUnplugged:
+      return {device + " was unplugged",
+              "Plug it in again to go on: this window stays on it and shows it again as soon as it is back."};
+    case DeviceState::kNotPaired:
+      return {device + " is not paired with this computer",
+              "Unlock it and press Pair, then tap \"Trust\" on it when it asks whether to trust this computer."};
+    case DeviceState::kTrustPending:
+      return {device + " is waiting for you to trust this computer",
+              "Unlock it and tap \"Trust\" in the \"Trust This Computer?\" message on its screen (you may be asked "
+              "for its passcode). This window goes on by itself once you have."};
+    case DeviceState::kTrustDenied:
+      return {device + " does not trust this computer",
+              "\"Don't Trust\" was tapped on it. Unplug it, plug it in again, unlock it and tap \"Trust\"; or "
+              "press Pair to be asked again."};
+    case DeviceState::kPairingInvalid:
+      return {"The pairing with " + device + " is no longer valid",
+              "It was reset or restored, or it forgot this computer. Press Pair Again, unlock it and tap "
+              "\"Trust\" when it asks."};
+    case DeviceState::kLocked:
+      return {device + " is locked",
+              "Unlock it with its passcode. This window tries again by itself every few seconds and shows it as "
+              "soon as it opens."};
+    case DeviceState::kRefused:
+      return {device + " refused to share its files",
+              "Unlock it and keep it unlocked; if that does not help, restart it. This window tries again by "
+              "itself."};
+    case DeviceState::kSyncing:
+      return {device + " is syncing with another computer",
+              "You can browse and copy from it, but nothing can be changed on it until the sync has finished."};
+    case DeviceState::kOther: break;
+  }
+  return {device + " cannot be reached", "Unplug it, plug it in again and unlock it."};
+}
+
+bool ClearsByItself(DeviceState state) {
+  switch (state) {
+    case DeviceState::kNoUsbmuxd:
+    case DeviceState::kNoDevice:
+    case DeviceState::kUnplugged:
+    case DeviceState::kTrustPending:
+    case DeviceState::kLocked:
+    case DeviceState::kRefused:
+    case DeviceState::kSyncing: return true;
+    default: return false;
+  }
+}
+
 }  // namespace tarn::app

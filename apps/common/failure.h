@@ -5,6 +5,7 @@
 // the one place that composes the sentence, for both programs.
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 #include <tarn/tarn_device.h>
@@ -65,6 +66,39 @@ int StatusOf(TarnErrorCode code, int fallback);
 // Whether a reason means that the device connection is gone or was never
 // made: a batch stops there, whatever reason said it.
 bool BreaksConnection(TarnErrorCode code);
+
+// The batch a lost connection ended: "device disconnected after N of M files
+// copied", and what to do.
+Failure Disconnected(TarnErrorCode code, size_t done, size_t total);
+
+// What keeps a person from a device, as a window shows it: one state per
+// reason a person can act on, each with one heading and one sentence of what
+// to do, composed here beside the reasons' own sentences.
+enum class DeviceState {
+  kReady,
+  kNoUsbmuxd,       // the usbmux daemon is not running
+  kNoDevice,        // nothing attached
+  kUnplugged,       // the chosen device went away
+  kNotPaired,       // never paired with this computer
+  kTrustPending,    // "Trust This Computer?" is open on the device
+  kTrustDenied,     // the person tapped Don't Trust
+  kPairingInvalid,  // the device was reset or forgot this computer
+  kLocked,          // locked with a passcode
+  kRefused,         // the device refused its file service
+  kSyncing,         // syncing with another computer: reading only
+  kOther,           // any other reason: its own sentence tells
+};
+DeviceState StateOf(TarnErrorCode code);
+struct StateText {
+  std::string heading;  // short, what is the matter
+  std::string advice;   // what to do about it
+};
+// The state's text about a device (named by DeviceLabel); `udid` may be empty.
+StateText DescribeState(DeviceState state, const std::string &udid);
+// Whether the state can clear without the person telling the program
+// (unlocking, tapping Trust, plugging in, a sync ending), so that a program
+// may look again by itself.
+bool ClearsByItself(DeviceState state);
 
 // From now on, sentences about this device call it by `name`.
 void RememberDeviceName(const std::string &udid, const std::string &name);

@@ -122,11 +122,15 @@ PathInfo Session::Stat(const std::string &device_path) { return StatIn(client(),
 
 bool Session::Alive() { return StatIn(client(), "/").is_dir; }
 
-void Session::RefuseWhileSyncing() {
+bool Session::Syncing() {
   const uint64_t lock = TarnSyncLock(client());
   const bool busy = TarnLastError()->code == TARN_E_SYNC_LOCK_BUSY;
   TarnSyncUnlock(client(), lock);
-  if (busy)
+  return busy;
+}
+
+void Session::RefuseWhileSyncing() {
+  if (Syncing())
     Fail(kBusy, "the device is syncing with another computer; nothing was changed. Wait until the sync has "
                 "finished and try again.");
 }

@@ -85,6 +85,8 @@ class Session {
   afc_client_t client();
   // Whether the session's connection still answers.
   bool Alive();
+  // Whether another computer holds the device's sync lock now.
+  bool Syncing();
   // Fails with kBusy when another computer holds the device's sync lock,
   // so that nothing is written beside its sync.
   void RefuseWhileSyncing();

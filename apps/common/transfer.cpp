@@ -92,9 +92,7 @@ Outcome Transfers::Failed(const std::string &what, const TarnError &error) {
   const bool host_full = code == TARN_E_HOST_IO && error.host_errno == ENOSPC;
   const std::string reason = Describe(error);
   if (BreaksConnection(code) || !session_.Alive())
-    Fail({kDisconnected, code == TARN_OK ? TARN_E_CONNECTION_LOST : code,
-          "device disconnected after " + std::to_string(files_done_) + " of " + std::to_string(total_files_) +
-              " files. Check the cable and try again."});
+    Fail(Disconnected(code, files_done_, total_files_));
   if (code == TARN_E_DEVICE_FULL) Fail({kDeviceFull, code, "could not copy " + what + ": " + reason});
   if (host_full) Fail({kHostPath, code, "could not copy " + what + ": " + reason});
   last_failure_ = {StatusOf(code, kFailed), code, reason.empty() ? "the copy ended short of the file's size" : reason};

@@ -95,6 +95,8 @@ void CatalogueModel::setList(Kind kind, SharedPlist list, plist_t items) {
     for (plist_t item : all) rows_.push_back({item, false});
   }
   list_ = std::move(list);
+  keys_.assign(fields_.size(), {});
+  haystacks_.clear();
   endResetModel();
 }
 
@@ -102,7 +104,45 @@ void CatalogueModel::clear() {
   beginResetModel();
   rows_.clear();
   list_.reset();
+  keys_.assign(fields_.size(), {});
+  haystacks_.clear();
   endResetModel();
+}
+
+bool CatalogueModel::Less(int a, int b, int column) const {
+  if (column < 0 || static_cast<size_t>(column) >= keys_.size()) return a < b;
+  Keys &keys = keys_[static_cast<size_t>(column)];
+  const Field field = fields_[static_cast<size_t>(column)];
+  const bool numeric = field == Field::kTime || field == Field::kSize || field == Field::kTracks;
+  if (!keys.made) {
+    keys.made = true;
+    if (numeric) keys.numbers.reserve(rows_.size());
+    else keys.texts.reserve(rows_.size());
+    for (const Row &row : rows_) {
+      const QVariant key = SortKey(row, field);
+      if (numeric) keys.numbers.push_back(key.toULongLong());
+      else keys.texts.push_back(key.toString());
+    }
+  }
+  const auto i = static_cast<size_t>(a), j = static_cast<size_t>(b);
+  if (numeric) {
+    if (keys.numbers[i] != keys.numbers[j]) return keys.numbers[i] < keys.numbers[j];
+  } else if (const int c = keys.texts[i].compare(keys.texts[j]); c != 0) {
+    return c < 0;
+  }
+  return a < b;
+}
+
+const QString &CatalogueModel::Haystack(int row) const {
+  if (haystacks_.size() != rows_.size()) {
+    haystacks_.assign(rows_.size(), QString());
+    for (size_t r = 0; r < rows_.size(); ++r) {
+      QStringList cells;
+      for (Field field : fields_) cells << Display(rows_[r], field).toString();
+      haystacks_[r] = cells.join(QLatin1Char('\n')).toCaseFolded();
+    }
+  }
+  return haystacks_[static_cast<size_t>(row)];
 }
 
 int CatalogueModel::rowCount(const QModelIndex &parent) const {

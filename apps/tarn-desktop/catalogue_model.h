@@ -45,6 +45,14 @@ class CatalogueModel : public QAbstractTableModel {
   QVariant data(const QModelIndex &index, int role) const override;
   QVariant headerData(int section, Qt::Orientation orientation, int role) const override;
 
+  // Row `a` before row `b` by `column`, on keys made once per column (the
+  // first sort by it): numbers as numbers, text case-folded. Equal keys
+  // keep the rows' own order, so sorted rows never trade places on a reload.
+  bool Less(int a, int b, int column) const;
+  // Every cell of a row, case-folded, made once per row: what a filter
+  // looks in.
+  const QString &Haystack(int row) const;
+
   enum class Field { kTitle, kArtist, kAlbum, kGenre, kTime, kSize, kPlaylist, kTracks, kLabel, kRecorded, kPath,
                      kCatalogue, kAuthor, kModified };
 
@@ -60,6 +68,13 @@ class CatalogueModel : public QAbstractTableModel {
   SharedPlist list_;
   std::vector<Row> rows_;
   std::vector<Field> fields_;
+  struct Keys {
+    bool made = false;
+    std::vector<uint64_t> numbers;
+    std::vector<QString> texts;
+  };
+  mutable std::vector<Keys> keys_;  // per column
+  mutable std::vector<QString> haystacks_;
 };
 
 }  // namespace tarn::desktop

@@ -12,9 +12,11 @@
 #include <QMimeData>
 #include <QPushButton>
 #include <QSplitter>
+#include <QTreeWidgetItemIterator>
 #include <QVBoxLayout>
 
 #include "common/file_ops.h"
+#include "pages.h"
 
 namespace tarn::desktop {
 namespace {
@@ -79,32 +81,85 @@ bool UsableName(const QString &name) {
   return !name.isEmpty() && name != QLatin1String(".") && name != QLatin1String("..") && !name.contains('/');
 }
 
+// Rows in a stable order whatever order the phone lists them in (a phone
+// lists in hash order, and a row that moved under the pointer was once
+// deleted in place of its neighbour): folders first, then by the column.
+class EntryItem : public QTreeWidgetItem {
+ public:
+  using QTreeWidgetItem::QTreeWidgetItem;
+  bool operator<(const QTreeWidgetItem &other) const override {
+    const bool dir = data(0, kDirRole).toBool(), other_dir = other.data(0, kDirRole).toBool();
+    const QTreeWidget *tree = treeWidget();
+    const bool ascending = tree == nullptr || tree->header()->sortIndicatorOrder() == Qt::AscendingOrder;
+    // Folders first in either order.
+    if (dir != other_dir) return ascending ? dir : other_dir;
+    const int column = tree != nullptr ? tree->sortColumn() : 0;
+    if (column == 1 || column == 2) {
+      const qlonglong a = data(column, kSortRole).toLongLong(), b = other.data(column, kSortRole).toLongLong();
+      if (a != b) return a < b;
+    }
+    const int by_name = QString::compare(text(0), other.text(0), Qt::CaseInsensitive);
+    if (by_name != 0) return by_name < 0;
+    return text(0) < other.text(0);
+  }
+};
+
 }  // namespace
+
+bool PhoneFolder(const QString &path) {
+  static const QStringList kOwn = {"/PhotoData",     "/DCIM",           "/iTunes_Control", "/Purchases",
+                                   "/Books",         "/Recordings",     "/Photos",         "/PublicStaging",
+                                   "/MediaAnalysis", "/Downloads",      "/Airlock",        "/Podcasts",
+                                   "/Radio",         "/iTunes_Control/iTunes",             "/iTunes_Control/Music"};
+  const QString clean = SafeDevicePath(path);
+  for (const QString &own : kOwn)
+    if (clean.compare(own, Qt::CaseInsensitive) == 0 || own.startsWith(clean + '/', Qt::CaseInsensitive)) return true;
+  return false;
+}
 
 FilesPage::FilesPage(QWidget *parent) : QWidget(parent) {
   setObjectName("filesPage");
   setAcceptDrops(true);
   auto *layout = new QVBoxLayout(this);
   auto *buttons = new QHBoxLayout;
-  auto button = [&](const QString &text, const char *name, const QString &accessible, void (FilesPage::*slot)()) {
+  std::vector<QAction *> menu;
+  // Mnemonics that no menu of the window takes (Device, Edit, Go).
+  auto button = [&](const QString &text, const char *name, const QString &accessible, void (FilesPage::*slot)(),
+                    bool writes) {
     auto *b = new QPushButton(text, this);
     b->setObjectName(name);
     b->setAccessibleName(accessible);
     connect(b, &QPushButton::clicked, this, slot);
     buttons->addWidget(b);
+    auto *action = new QAction(text, this);
+    action->setObjectName(QString::fromLatin1(name) + "Action");
+    connect(action, &QAction::triggered, this, slot);
+    menu.push_back(action);
+    if (writes) {
+      writers_.push_back(b);
+      writing_.push_back(action);
+    }
   };
-  button(tr("&Download…"), "download", tr("Download the selected files"), &FilesPage::AskDownload);
-  button(tr("&Upload…"), "upload", tr("Upload files to the selected folder"), &FilesPage::AskUpload);
-  button(tr("&New Folder…"), "newFolder", tr("New folder"), &FilesPage::AskNewFolder);
-  button(tr("Re&name…"), "rename", tr("Rename the selected item"), &FilesPage::AskRename);
-  button(tr("De&lete…"), "delete", tr("Delete the selected items"), &FilesPage::AskDelete);
+  button(tr("Do&wnload…"), "download", tr("Download the selected files"), &FilesPage::AskDownload, false);
+  button(tr("&Upload…"), "upload", tr("Upload files to the selected folder"), &FilesPage::AskUpload, true);
+  button(tr("New &Folder…"), "newFolder", tr("New folder"), &FilesPage::AskNewFolder, true);
+  button(tr("Re&name…"), "rename", tr("Rename the selected item"), &FilesPage::AskRename, true);
+  button(tr("De&lete…"), "delete", tr("Delete the selected items"), &FilesPage::AskDelete, true);
   search_ = new QLineEdit(this);
   search_->setObjectName("search");
   search_->setPlaceholderText(tr("Search file names"));
   search_->setAccessibleName(tr("Search file names"));
   search_->setClearButtonEnabled(true);
+  NameClearButton(search_, tr("Clear the search"));
   buttons->addWidget(search_, 1);
   layout->addLayout(buttons);
+  // Why the buttons that change the device are off, while they are.
+  notice_ = new QLabel(this);
+  notice_->setObjectName("filesNotice");
+  notice_->setWordWrap(true);
+  notice_->setFocusPolicy(Qt::TabFocus);
+  notice_->hide();
+  layout->addWidget(notice_);
 
   auto *split = new QSplitter(Qt::Vertical, this);
   tree_ = new QTreeWidget(split);
@@ -112,44 +167,129 @@ FilesPage::FilesPage(QWidget *parent) : QWidget(parent) {
   tree_->setAccessibleName(tr("Files on the device"));
   tree_->setHeaderLabels({tr("Name"), tr("Size"), tr("Modified")});
   tree_->setSelectionMode(QAbstractItemView::ExtendedSelection);
+  // Sizes and dates are never cut: their columns fit their text.
   tree_->header()->setSectionResizeMode(0, QHeaderView::Stretch);
+  tree_->header()->setSectionResizeMode(1, QHeaderView::ResizeToContents);
+  tree_->header()->setSectionResizeMode(2, QHeaderView::ResizeToContents);
   tree_->header()->setStretchLastSection(false);
-  tree_->setSortingEnabled(false);
+  tree_->setSortingEnabled(true);
+  tree_->sortByColumn(0, Qt::AscendingOrder);
   tree_->installEventFilter(this);
   tree_->viewport()->setAcceptDrops(true);
   results_ = new QTreeWidget(split);
   results_->setObjectName("searchResults");
   results_->setAccessibleName(tr("Search results"));
   results_->setHeaderLabels({tr("Found"), tr("Kind")});
+  results_->setSelectionMode(QAbstractItemView::ExtendedSelection);
   results_->header()->setSectionResizeMode(0, QHeaderView::Stretch);
+  results_->setSortingEnabled(true);
+  results_->sortByColumn(0, Qt::AscendingOrder);
   results_->hide();
   layout->addWidget(split, 1);
+  for (QTreeWidget *view : {tree_, results_}) {
+    PrepareList(view, this);
+    auto *open = new QAction(tr("&Open"), this);
+    open->setObjectName("openAction");
+    connect(open, &QAction::triggered, this, [this, view] { OpenCurrent(view); });
+    QList<QAction *> own = {open};
+    for (QAction *action : menu) own << action;
+    view->insertActions(view->actions().front(), own);
+  }
 
   connect(tree_, &QTreeWidget::itemExpanded, this, [this](QTreeWidgetItem *item) { Load(item); });
   connect(search_, &QLineEdit::returnPressed, this, [this] { StartSearch(search_->text()); });
-  connect(results_, &QTreeWidget::itemActivated, this, [this](QTreeWidgetItem *item) {
-    Expand(ParentOf(item->data(0, kPathRole).toString()));
-  });
+  connect(tree_, &QTreeWidget::itemActivated, this, [this] { OpenCurrent(tree_); });
+  connect(results_, &QTreeWidget::itemActivated, this, [this] { OpenCurrent(results_); });
 }
 
-void FilesPage::SetDevice(std::shared_ptr<DeviceLink> link) {
-  link_ = std::move(link);
-  Refresh();
-}
+QPushButton *FilesPage::button(const char *name) const { return findChild<QPushButton *>(name); }
 
-void FilesPage::Refresh() {
+void FilesPage::SetDevice(const std::shared_ptr<DeviceLink> &link) {
+  link_ = link;
+  // What was open and searched belonged to the other device.
+  reopen_.clear();
+  current_.clear();
+  search_->clear();
   ++generation_;
   tree_->clear();
   results_->clear();
   results_->hide();
+  root_loaded_ = false;
+  if (link_) Load(tree_->invisibleRootItem());
+}
+
+void FilesPage::SetWritable(bool writable, const QString &why) {
+  writable_ = writable;
+  for (QWidget *w : writers_) {
+    w->setEnabled(writable);
+    w->setToolTip(writable ? QString() : why);
+  }
+  for (QAction *a : writing_) a->setEnabled(writable);
+  notice_->setText(why);
+  notice_->setAccessibleName(why);
+  notice_->setVisible(!writable && !why.isEmpty());
+}
+
+void FilesPage::Refresh() {
+  // The open folders and the current row come back as their folders are read.
+  reopen_.clear();
+  QTreeWidgetItemIterator it(tree_);
+  for (; *it != nullptr; ++it)
+    if ((*it)->isExpanded()) reopen_.insert((*it)->data(0, kPathRole).toString());
+  if (tree_->currentItem() != nullptr) current_ = tree_->currentItem()->data(0, kPathRole).toString();
+  ++generation_;
+  tree_->clear();
   if (!link_) return;
   root_loaded_ = false;
   Load(tree_->invisibleRootItem());
 }
 
+void FilesPage::OpenCurrent(QTreeWidget *from) {
+  QTreeWidgetItem *item = from->currentItem();
+  if (item == nullptr) return;
+  const QString path = item->data(0, kPathRole).toString();
+  if (path.isEmpty()) return;
+  if (from == results_) {
+    Reveal(path);
+    tree_->setFocus();
+    return;
+  }
+  if (item->data(0, kDirRole).toBool()) item->setExpanded(!item->isExpanded());
+  else emit OpenRequested(path);
+}
+
+void FilesPage::Reveal(const QString &path) {
+  const QString clean = SafeDevicePath(path);
+  if (clean.isEmpty()) return;
+  // Every folder on the way opens as it is read; the last becomes current.
+  QString prefix;
+  const QStringList parts = clean.split('/', Qt::SkipEmptyParts);
+  for (int i = 0; i + 1 < parts.size(); ++i) {
+    prefix += '/' + parts[i];
+    reopen_.insert(prefix);
+  }
+  current_ = clean;
+  QTreeWidgetItem *deepest = tree_->invisibleRootItem();
+  for (const QString &part : parts) {
+    QTreeWidgetItem *next = Find(deepest == tree_->invisibleRootItem() ? '/' + part
+                                                                     : deepest->data(0, kPathRole).toString() + '/' + part);
+    if (next == nullptr) break;
+    deepest = next;
+  }
+  if (deepest == tree_->invisibleRootItem()) return Load(deepest);
+  if (deepest->data(0, kPathRole).toString() == clean) {
+    tree_->setCurrentItem(deepest);
+    tree_->scrollToItem(deepest);
+    current_.clear();
+    return;
+  }
+  if (deepest->isExpanded()) Load(deepest);
+  else deepest->setExpanded(true);
+}
+
 QTreeWidgetItem *FilesPage::NewItem(QTreeWidgetItem *parent, const QString &name, const QString &path, bool is_dir,
                                     uint64_t size, int64_t mtime) {
-  auto *item = new QTreeWidgetItem(parent);
+  auto *item = new EntryItem(parent);
   item->setText(0, name);
   item->setText(1, is_dir ? QString() : HumanSize(size));
   item->setText(2, mtime > 0 ? LocalTime(mtime) : QString());
@@ -157,7 +297,8 @@ QTreeWidgetItem *FilesPage::NewItem(QTreeWidgetItem *parent, const QString &name
   item->setData(0, kPathRole, path);
   item->setData(0, kDirRole, is_dir);
   item->setData(0, kLoadedRole, false);
-  item->setData(0, kSortRole, QVariant::fromValue<qulonglong>(size));
+  item->setData(1, kSortRole, QVariant::fromValue<qlonglong>(static_cast<qlonglong>(size)));
+  item->setData(2, kSortRole, QVariant::fromValue<qlonglong>(mtime));
   item->setIcon(0, style()->standardIcon(is_dir ? QStyle::SP_DirIcon : QStyle::SP_FileIcon));
   // Folders show their expander before they are read.
   if (is_dir) item->setChildIndicatorPolicy(QTreeWidgetItem::ShowIndicator);
@@ -192,9 +333,21 @@ void FilesPage::Load(QTreeWidgetItem *item) {
           note->setFlags(Qt::ItemIsEnabled);
           SetLoaded(item, false);
         }
-        for (const Entry &e : listing.entries) NewItem(item, e.name, e.path, e.is_dir, e.size, e.mtime);
+        for (const Entry &e : listing.entries) {
+          QTreeWidgetItem *child = NewItem(item, e.name, e.path, e.is_dir, e.size, e.mtime);
+          if (e.path == current_) {
+            tree_->setCurrentItem(child);
+            tree_->scrollToItem(child);
+            current_.clear();
+          }
+        }
         if (item != tree_->invisibleRootItem() && listing.entries.empty() && !listing.why.failed())
           item->setChildIndicatorPolicy(QTreeWidgetItem::DontShowIndicatorWhenChildless);
+        // Folders that were open before the read open again (and are read).
+        for (int i = 0; i < item->childCount(); ++i) {
+          QTreeWidgetItem *child = item->child(i);
+          if (reopen_.remove(child->data(0, kPathRole).toString())) child->setExpanded(true);
+        }
         emit FolderLoaded(path);
       });
 }
@@ -227,7 +380,9 @@ void FilesPage::Expand(const QString &path) {
 
 QStringList FilesPage::SelectedPaths() const {
   QStringList paths;
-  for (QTreeWidgetItem *item : tree_->selectedItems()) {
+  const bool from_results = results_->isVisible() && !results_->selectedItems().isEmpty() &&
+                            (results_->hasFocus() || tree_->selectedItems().isEmpty());
+  for (QTreeWidgetItem *item : (from_results ? results_ : tree_)->selectedItems()) {
     const QString path = item->data(0, kPathRole).toString();
     if (!path.isEmpty()) paths << path;
   }
@@ -247,9 +402,13 @@ void FilesPage::AskDownload() {
   const QString folder = QFileDialog::getExistingDirectory(this, tr("Download to"));
   if (folder.isEmpty()) return;
   std::vector<TransferItem> items;
+  QHash<QString, bool> found_dirs;
+  for (QTreeWidgetItem *item : results_->selectedItems())
+    found_dirs.insert(item->data(0, kPathRole).toString(), item->data(0, kDirRole).toBool());
   for (const QString &path : paths) {
     QTreeWidgetItem *item = Find(path);
-    items.push_back({path, folder + '/' + QFileInfo(path).fileName(), item != nullptr && item->data(0, kDirRole).toBool()});
+    const bool is_dir = item != nullptr ? item->data(0, kDirRole).toBool() : found_dirs.value(path);
+    items.push_back({path, folder + '/' + QFileInfo(path).fileName(), is_dir});
   }
   emit TransferRequested(Transfer::Direction::kDownload, std::move(items));
 }
@@ -291,12 +450,33 @@ void FilesPage::AskDelete() {
   if (paths.isEmpty()) return;
   QStringList shown = paths.mid(0, 10);
   if (paths.size() > 10) shown << tr("… and %n more", nullptr, static_cast<int>(paths.size() - 10));
-  const auto answer = QMessageBox::question(
-      this, tr("Delete"),
-      tr("Delete these from the device, with everything inside the folders? This cannot be undone.\n\n%1")
-          .arg(shown.join('\n')),
-      QMessageBox::Yes | QMessageBox::Cancel, QMessageBox::Cancel);
-  if (answer == QMessageBox::Yes) Remove(paths);
+  QStringList own;
+  for (const QString &path : paths)
+    if (PhoneFolder(path)) own << path;
+  QMessageBox box(this);
+  box.setObjectName("confirmDelete");
+  box.setWindowTitle(tr("Delete"));
+  QPushButton *yes = nullptr;
+  if (own.isEmpty()) {
+    box.setIcon(QMessageBox::Question);
+    box.setText(tr("Delete these from the device, with everything inside the folders? This cannot be undone.\n\n%1")
+                    .arg(shown.join('\n')));
+    yes = box.addButton(tr("&Delete"), QMessageBox::DestructiveRole);
+  } else {
+    // The phone's own folders: its photo library, music library, purchases.
+    box.setIcon(QMessageBox::Warning);
+    box.setText(tr("%1 belongs to the phone itself. Deleting it removes what the phone keeps there (its photos, "
+                   "its music library or its purchases) for good, and the phone may have to be restored.")
+                    .arg(own.join(", ")));
+    box.setInformativeText(tr("Delete these anyway? This cannot be undone.\n\n%1").arg(shown.join('\n')));
+    yes = box.addButton(tr("&Delete the Phone's Data"), QMessageBox::DestructiveRole);
+  }
+  yes->setObjectName("confirm");
+  QPushButton *no = box.addButton(QMessageBox::Cancel);
+  box.setDefaultButton(no);
+  box.setEscapeButton(no);
+  box.exec();
+  if (box.clickedButton() == yes) Remove(paths);
 }
 
 void FilesPage::MakeFolder(const QString &parent, const QString &name) {
@@ -391,9 +571,12 @@ void FilesPage::StartSearch(const QString &text) {
       },
       [this](const Found &found) {
         results_->clear();
-        for (const auto &[path, is_dir] : found.hits) {
+        for (const auto &[raw, is_dir] : found.hits) {
+          // The library joins the root and a name as "//name".
+          const QString path = QDir::cleanPath(raw);
           auto *item = new QTreeWidgetItem(results_, {path, is_dir ? tr("folder") : tr("file")});
           item->setData(0, kPathRole, path);
+          item->setData(0, kDirRole, is_dir);
         }
         if (found.hits.empty()) {
           auto *note = new QTreeWidgetItem(results_);
@@ -406,12 +589,20 @@ void FilesPage::StartSearch(const QString &text) {
 void FilesPage::ReloadFolder(const QString &path) {
   QTreeWidgetItem *item = Find(path);
   if (item == nullptr) return;
+  // The folders open below it open again once it is read.
+  QTreeWidgetItemIterator it(tree_);
+  for (; *it != nullptr; ++it) {
+    const QString below = (*it)->data(0, kPathRole).toString();
+    if ((*it)->isExpanded() && (path == QLatin1String("/") || below.startsWith(path + '/'))) reopen_.insert(below);
+  }
+  if (current_.isEmpty() && tree_->currentItem() != nullptr)
+    current_ = tree_->currentItem()->data(0, kPathRole).toString();
   SetLoaded(item, false);
   Load(item);
 }
 
 void FilesPage::dragEnterEvent(QDragEnterEvent *event) {
-  if (event->mimeData()->hasUrls() && link_) event->acceptProposedAction();
+  if (event->mimeData()->hasUrls() && link_ && writable_) event->acceptProposedAction();
 }
 
 void FilesPage::dropEvent(QDropEvent *event) {
@@ -431,7 +622,7 @@ void FilesPage::dropEvent(QDropEvent *event) {
 bool FilesPage::eventFilter(QObject *watched, QEvent *event) {
   if (watched == tree_ && event->type() == QEvent::KeyPress &&
       static_cast<QKeyEvent *>(event)->matches(QKeySequence::Delete)) {
-    AskDelete();
+    if (writable_) AskDelete();
     return true;
   }
   return QWidget::eventFilter(watched, event);

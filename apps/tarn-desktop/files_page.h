@@ -3,27 +3,47 @@
 // files on the tree), new folders, renames, deletes and searches.
 #pragma once
 
+#include <QLabel>
 #include <QLineEdit>
+#include <QPushButton>
+#include <QSet>
 #include <QTreeWidget>
 #include <QWidget>
 
+#include "device_page.h"
 #include "jobs.h"
 
 namespace tarn::desktop {
 
-class FilesPage : public QWidget {
+// The folders a phone keeps its own data in: removing one loses what the
+// phone's apps hold there (the photo library, the music library, ...), so
+// the browser asks louder before it does.
+bool PhoneFolder(const QString &path);
+
+class FilesPage : public QWidget, public DevicePage {
   Q_OBJECT
  public:
   explicit FilesPage(QWidget *parent = nullptr);
-  void SetDevice(std::shared_ptr<DeviceLink> link);  // null: none
+  void SetDevice(const std::shared_ptr<DeviceLink> &link) override;  // null: none
+  void SetWritable(bool writable, const QString &why) override;
+  // Reads the folders again; those open stay open, the current row stays.
   void Refresh();
 
   QTreeWidget *tree() { return tree_; }
   QLineEdit *search() { return search_; }
+  QTreeWidget *results() { return results_; }
+  QPushButton *button(const char *name) const;
+  QLabel *notice() { return notice_; }
+  bool writable() const { return writable_; }
   // The item of a device path among those loaded, or null.
   QTreeWidgetItem *Find(const QString &path) const;
   // Opens a folder (loading it when needed).
   void Expand(const QString &path);
+  // Opens the folders down to `path`, reading each in turn, and makes it
+  // the current row: where a search result leads.
+  void Reveal(const QString &path);
+  // The selected paths: the search results' when they have the focus or
+  // the tree has none selected, else the tree's.
   QStringList SelectedPaths() const;
   // The folder new files go to: the selected folder, the selected file's
   // folder, or the root.
@@ -38,6 +58,8 @@ class FilesPage : public QWidget {
  signals:
   void TransferRequested(tarn::desktop::Transfer::Direction direction, std::vector<tarn::desktop::TransferItem> items);
   void FolderLoaded(const QString &path);
+  // Enter or a double click on a file: open it with the desktop's programs.
+  void OpenRequested(const QString &device_path);
   void OperationDone(const QString &message);
   void SearchDone(int results);
 
@@ -55,6 +77,7 @@ class FilesPage : public QWidget {
   void AskNewFolder();
   void AskRename();
   void AskDelete();
+  void OpenCurrent(QTreeWidget *from);
   void UploadFiles(const QStringList &host_paths, const QString &folder);
   void ReloadFolder(const QString &path);
   QTreeWidgetItem *NewItem(QTreeWidgetItem *parent, const QString &name, const QString &path, bool is_dir,
@@ -64,6 +87,12 @@ class FilesPage : public QWidget {
   QTreeWidget *tree_;
   QLineEdit *search_;
   QTreeWidget *results_;
+  QLabel *notice_;
+  std::vector<QWidget *> writers_;   // buttons that change the device
+  std::vector<QAction *> writing_;   // and their menu entries
+  bool writable_ = true;
+  QSet<QString> reopen_;             // folders to open again as they are read
+  QString current_;                  // the row to make current again once read
   bool root_loaded_ = false;
   int generation_ = 0;
 };

@@ -14,30 +14,59 @@ namespace {
 
 using tarn::desktop::CataloguePage;
 using tarn::desktop::MainWindow;
+using tarn::desktop::StatePage;
+namespace app = tarn::app;
+
+// The state pages a person may meet, each saved as DIR/state-KEY.png.
+void SaveStatePages(MainWindow &window, const QString &dir) {
+  const std::pair<app::DeviceState, const char *> states[] = {
+      {app::DeviceState::kNoUsbmuxd, "no-usbmuxd"},       {app::DeviceState::kNoDevice, "no-device"},
+      {app::DeviceState::kTrustPending, "trust-pending"}, {app::DeviceState::kTrustDenied, "trust-denied"},
+      {app::DeviceState::kPairingInvalid, "pairing-invalid"}, {app::DeviceState::kLocked, "locked"},
+      {app::DeviceState::kUnplugged, "unplugged"}};
+  StatePage page;
+  page.resize(window.stack()->size().expandedTo(QSize(800, 500)));
+  for (const auto &[state, key] : states) {
+    const bool about_device = state != app::DeviceState::kNoUsbmuxd && state != app::DeviceState::kNoDevice;
+    page.Show(state, about_device ? window.udid() : QString());
+    page.grab().save(QString("%1/state-%2.png").arg(dir, key));
+    std::fprintf(stderr, "saved state-%s\n", key);
+  }
+}
 
 // --screenshots: once the first device is open, shows every page in turn,
-// saves it as DIR/NN-page.png when it has loaded, and quits.
-void SaveScreenshots(MainWindow &window, const QString &dir) {
+// saves it as DIR/NN-page.png when it has loaded, then the state pages, and
+// quits. A phone that does not open in time (locked, untrusted, absent)
+// gives the window as it stands and the state pages: it is never waited for.
+void SaveScreenshots(MainWindow &window, const QString &dir, int patience_ms) {
   QDir().mkpath(dir);
   auto *timer = new QTimer(&window);
   auto index = std::make_shared<int>(-1);
-  QObject::connect(timer, &QTimer::timeout, &window, [&window, dir, timer, index] {
-    if (window.udid().isEmpty() || window.overview()->Field(QObject::tr("Name")).isEmpty()) return;
-    QTabWidget *pages = window.pages();
+  auto waited = std::make_shared<int>(0);
+  QObject::connect(timer, &QTimer::timeout, &window, [&window, dir, timer, index, waited, patience_ms] {
+    const QList<QWidget *> pages = window.allPages();
+    auto finish = [&] {
+      timer->stop();
+      SaveStatePages(window, dir);
+      QApplication::quit();
+    };
+    if (!window.opened()) {
+      *waited += timer->interval();
+      if (*waited < patience_ms) return;
+      window.grab().save(QString("%1/00-%2.png").arg(dir, window.stack()->currentWidget()->objectName()));
+      std::fprintf(stderr, "no device opened within %d ms: saved the window as it stands\n", patience_ms);
+      return finish();
+    }
     if (*index >= 0) {
-      QWidget *page = pages->widget(*index);
+      QWidget *page = pages[*index];
       auto *catalogue = qobject_cast<CataloguePage *>(page);
       if (catalogue != nullptr && !catalogue->loaded()) return;
       if (catalogue != nullptr) catalogue->view()->selectRow(0);
       window.grab().save(QString("%1/%2-%3.png").arg(dir).arg(*index, 2, 10, QChar('0')).arg(page->objectName()));
       std::fprintf(stderr, "saved %s\n", qPrintable(page->objectName()));
     }
-    if (++*index >= pages->count()) {
-      timer->stop();
-      QApplication::quit();
-      return;
-    }
-    pages->setCurrentIndex(*index);
+    if (++*index >= pages.size()) return finish();
+    window.ShowPage(pages[*index]);
   });
   timer->start(300);
 }
@@ -55,10 +84,15 @@ int main(int argc, char **argv) {
   parser.addHelpOption();
   parser.addVersionOption();
   QCommandLineOption verbose("verbose", "Show the library's console lines.");
-  QCommandLineOption screenshots("screenshots", "Save every page of the first device as PNG files in DIR, then quit.",
+  QCommandLineOption screenshots("screenshots",
+                                 "Save every page of the first device and the state pages as PNG files in DIR, then "
+                                 "quit; a device that does not open within --patience seconds is not waited for.",
                                  "DIR");
+  QCommandLineOption patience("patience", "Seconds --screenshots waits for a device to open (default 30).", "SECONDS",
+                              "30");
   parser.addOption(verbose);
   parser.addOption(screenshots);
+  parser.addOption(patience);
   parser.process(app);
   // The library's console lines are for terminals; a window has no use for
   // them, and the full lists it prints would cost time.
@@ -66,6 +100,6 @@ int main(int argc, char **argv) {
   MainWindow window;
   window.resize(1100, 700);
   window.show();
-  if (parser.isSet(screenshots)) SaveScreenshots(window, parser.value(screenshots));
+  if (parser.isSet(screenshots)) SaveScreenshots(window, parser.value(screenshots), parser.value(patience).toInt() * 1000);
   return QApplication::exec();
 }

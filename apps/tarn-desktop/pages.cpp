@@ -1,7 +1,14 @@
 #include "pages.h"
 
+#include <QAction>
 #include <QApplication>
 #include <QClipboard>
+#include <QMenu>
+#include <QShortcut>
+#include <QContextMenuEvent>
+#include <QKeyEvent>
+#include <QTreeView>
+#include <QToolButton>
 #include <QFormLayout>
 #include <QHBoxLayout>
 #include <QHeaderView>
@@ -12,19 +19,113 @@
 
 namespace tarn::desktop {
 
+void PrepareList(QAbstractItemView *view, QWidget *owner) {
+  view->setTabKeyNavigation(false);
+  view->setContextMenuPolicy(Qt::ActionsContextMenu);
+  // Sorting from the keyboard: the headers take no focus, the menu does.
+  auto *sort = new QAction(QObject::tr("Sort &by"), owner);
+  sort->setObjectName("sortBy");
+  auto *columns = new QMenu(owner);
+  sort->setMenu(columns);
+  QObject::connect(columns, &QMenu::aboutToShow, view, [view, columns] {
+    columns->clear();
+    QAbstractItemModel *model = view->model();
+    QHeaderView *header = nullptr;
+    if (auto *table = qobject_cast<QTableView *>(view)) header = table->horizontalHeader();
+    else if (auto *tree = qobject_cast<QTreeView *>(view)) header = tree->header();
+    if (model == nullptr) return;
+    for (int c = 0; c < model->columnCount(); ++c) {
+      const QString name = model->headerData(c, Qt::Horizontal).toString();
+      QAction *by = columns->addAction(name);
+      by->setObjectName("sortBy" + QString::number(c));
+      const bool current = header != nullptr && header->sortIndicatorSection() == c;
+      by->setCheckable(true);
+      by->setChecked(current);
+      QObject::connect(by, &QAction::triggered, view, [view, header, c, current] {
+        // The column already sorted by turns round.
+        const Qt::SortOrder order = current && header->sortIndicatorOrder() == Qt::AscendingOrder
+                                        ? Qt::DescendingOrder
+                                        : Qt::AscendingOrder;
+        if (auto *table = qobject_cast<QTableView *>(view)) table->sortByColumn(c, order);
+        else if (auto *tree = qobject_cast<QTreeView *>(view)) tree->sortByColumn(c, order);
+      });
+    }
+  });
+  view->addAction(sort);
+}
+
+namespace {
+
+// The Menu key and Shift+F10, for every widget of the application: the
+// context menu of the focused widget or of the nearest parent that has
+// one, at the current row of a list.
+class ContextKeys : public QObject {
+ public:
+  using QObject::QObject;
+  bool eventFilter(QObject *watched, QEvent *event) override {
+    if (event->type() != QEvent::KeyPress || !watched->isWidgetType()) return false;
+    const auto *key = static_cast<QKeyEvent *>(event);
+    const bool asks = key->key() == Qt::Key_Menu || (key->key() == Qt::Key_F10 && key->modifiers() == Qt::ShiftModifier);
+    if (!asks) return false;
+    for (auto *w = static_cast<QWidget *>(watched); w != nullptr && !w->isWindow(); w = w->parentWidget()) {
+      if (auto *viewport_owner = qobject_cast<QAbstractItemView *>(w->parentWidget());
+          viewport_owner != nullptr && viewport_owner->viewport() == w)
+        continue;
+      if (w->contextMenuPolicy() != Qt::ActionsContextMenu || w->actions().isEmpty()) continue;
+      QPoint at(8, 8);
+      QWidget *anchor = w;
+      if (auto *view = qobject_cast<QAbstractItemView *>(w)) {
+        anchor = view->viewport();
+        const QRect current = view->visualRect(view->currentIndex());
+        if (current.isValid()) at = current.center();
+      }
+      auto *menu = new QMenu(w);
+      menu->setAttribute(Qt::WA_DeleteOnClose);
+      for (QAction *action : w->actions())
+        if (!action->text().isEmpty()) menu->addAction(action);
+      menu->popup(anchor->mapToGlobal(at));
+      return true;
+    }
+    return false;
+  }
+};
+
+}  // namespace
+
+void InstallContextMenuKeys() {
+  static ContextKeys *keys = [] {
+    auto *filter = new ContextKeys(QCoreApplication::instance());
+    QCoreApplication::instance()->installEventFilter(filter);
+    return filter;
+  }();
+  (void)keys;
+}
+
+void NameClearButton(QLineEdit *edit, const QString &name) {
+  for (QToolButton *button : edit->findChildren<QToolButton *>()) button->setAccessibleName(name);
+}
+
 StorageBar::StorageBar(QWidget *parent) : QWidget(parent) {
   setObjectName("storageBar");
   setAccessibleName(tr("Storage use"));
+  // A reader reaches it with Tab like the values above it.
+  setFocusPolicy(Qt::TabFocus);
   setMinimumHeight(90);
 }
 
 void StorageBar::SetShares(uint64_t capacity, std::vector<Share> shares) {
   capacity_ = capacity;
   shares_ = std::move(shares);
+  setAccessibleDescription(Describe());
+  setToolTip(Describe());
+  update();
+}
+
+QString StorageBar::Describe() const {
+  if (shares_.empty()) return tr("not known yet");
   QStringList parts;
   for (const auto &s : shares_) parts << s.name + ' ' + HumanSize(s.bytes);
-  setAccessibleDescription(parts.join(", "));
-  update();
+  return tr("%1 in all: %2").arg(capacity_ > 0 ? HumanSize(capacity_) : tr("capacity not reported"), parts.join(", "));
 }
 
 void StorageBar::paintEvent(QPaintEvent *) {
@@ -56,6 +157,11 @@ void StorageBar::paintEvent(QPaintEvent *) {
     p.setPen(palette().color(QPalette::WindowText));
     p.drawText(QRect(x + 22, y, w, 16), Qt::AlignVCenter | Qt::AlignLeft, text);
     x += w;
+  }  // Keyboard focus shows, since the bar takes it.
+  if (hasFocus()) {
+    p.setPen(QPen(palette().color(QPalette::Highlight), 2));
+    p.setBrush(Qt::NoBrush);
+    p.drawRoundedRect(bar.adjusted(1, 1, -1, -1), 4, 4);
   }
 }
 
@@ -66,6 +172,7 @@ OverviewPage::OverviewPage(QWidget *parent) : QWidget(parent) {
   message_->setObjectName("overviewMessage");
   message_->setWordWrap(true);
   message_->setTextInteractionFlags(Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard);
+  message_->hide();
   layout->addWidget(message_);
   auto *form = new QFormLayout;
   for (const QString &name : {tr("Name"), tr("Model"), tr("Version"), tr("Serial number"), tr("Identifier"),
@@ -73,30 +180,57 @@ OverviewPage::OverviewPage(QWidget *parent) : QWidget(parent) {
     auto *value = new QLabel(this);
     value->setTextInteractionFlags(Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard);
     value->setFocusPolicy(Qt::TabFocus);
-    value->setAccessibleName(name);
-    form->addRow(name + ':', value);
+    auto *label = new QLabel(name + ':', this);
+    label->setBuddy(value);
+    form->addRow(label, value);
     fields_.emplace_back(name, value);
+    SetValue(value, name, {});
   }
   layout->addLayout(form);
   bar_ = new StorageBar(this);
   layout->addWidget(bar_);
   layout->addStretch();
+  // Its actions, also on the Menu key: copy what it shows.
+  setContextMenuPolicy(Qt::ActionsContextMenu);
+  auto *copy = new QAction(tr("&Copy the details"), this);
+  copy->setObjectName("copyDetails");
+  connect(copy, &QAction::triggered, this, [this] {
+    QStringList lines;
+    for (const auto &f : fields_) lines << f.first + ": " + f.second->text();
+    lines << tr("Storage") + ": " + bar_->Describe();
+    QApplication::clipboard()->setText(lines.join('\n'));
+  });
+  addAction(copy);
+}
+
+// A reader speaks a label by its name: the name carries the value too.
+void OverviewPage::SetValue(QLabel *label, const QString &name, const QString &value) {
+  label->setText(value);
+  label->setAccessibleName(name + ": " + (value.isEmpty() ? tr("not known") : value));
+}
+
+void OverviewPage::SetDevice(const std::shared_ptr<DeviceLink> &) { Show(nullptr, {}); }
+
+void OverviewPage::ShowMessage(const QString &text) {
+  message_->setText(text);
+  message_->setAccessibleName(text);
+  message_->setVisible(!text.isEmpty());
 }
 
 void OverviewPage::ShowLoading() {
-  message_->setText(tr("Reading the device…"));
-  for (auto &f : fields_) f.second->clear();
+  ShowMessage(tr("Reading the device…"));
+  for (auto &f : fields_) SetValue(f.second, f.first, {});
   bar_->SetShares(0, {});
 }
 
 void OverviewPage::Show(plist_t info, const Reason &why) {
   if (info == nullptr) {
-    message_->setText(Text(why));
-    for (auto &f : fields_) f.second->clear();
+    ShowMessage(Text(why));
+    for (auto &f : fields_) SetValue(f.second, f.first, {});
     bar_->SetShares(0, {});
     return;
   }
-  message_->clear();
+  ShowMessage({});
   const bool has_capacity = plist_dict_get_item(info, "Catacity") != nullptr;
   const uint64_t capacity = DictUint(info, "Catacity");
   const uint64_t free_bytes = std::min(DictUint(info, "Available"), capacity);
@@ -108,7 +242,8 @@ void OverviewPage::Show(plist_t info, const Reason &why) {
                               DictString(info, "SerialNumber"), DictString(info, "UniqueDeviceID"),
                               has_capacity ? HumanSize(capacity) : tr("not reported"),
                               has_capacity ? HumanSize(free_bytes) : tr("not reported")};
-  for (size_t i = 0; i < fields_.size(); ++i) fields_[i].second->setText(values[static_cast<int>(i)]);
+  for (size_t i = 0; i < fields_.size(); ++i)
+    SetValue(fields_[i].second, fields_[i].first, values[static_cast<int>(i)]);
   std::vector<StorageBar::Share> shares = {{tr("Audio"), DictUint(info, "Audio"), QColor(0x3b, 0x82, 0xf6)},
                                            {tr("Video"), DictUint(info, "Video"), QColor(0xa8, 0x55, 0xf7)},
                                            {tr("Photos"), DictUint(info, "Photos"), QColor(0xf5, 0x9e, 0x0b)},
@@ -118,9 +253,117 @@ void OverviewPage::Show(plist_t info, const Reason &why) {
 }
 
 QString OverviewPage::Field(const QString &name) const {
+  const QLabel *label = FieldLabel(name);
+  return label != nullptr ? label->text() : QString();
+}
+
+QLabel *OverviewPage::FieldLabel(const QString &name) const {
   for (const auto &f : fields_)
-    if (f.first == name) return f.second->text();
-  return {};
+    if (f.first == name) return f.second;
+  return nullptr;
+}
+
+StatePage::StatePage(QWidget *parent) : QWidget(parent) {
+  setObjectName("statePage");
+  auto *layout = new QVBoxLayout(this);
+  layout->addStretch(1);
+  heading_ = new QLabel(this);
+  heading_->setObjectName("stateHeading");
+  QFont big = heading_->font();
+  big.setPointSizeF(big.pointSizeF() * 1.5);
+  big.setBold(true);
+  heading_->setFont(big);
+  heading_->setWordWrap(true);
+  heading_->setAlignment(Qt::AlignCenter);
+  advice_ = new QLabel(this);
+  advice_->setObjectName("stateAdvice");
+  advice_->setWordWrap(true);
+  advice_->setAlignment(Qt::AlignCenter);
+  advice_->setTextInteractionFlags(Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard);
+  detail_ = new QLabel(this);
+  detail_->setObjectName("stateDetail");
+  detail_->setWordWrap(true);
+  detail_->setAlignment(Qt::AlignCenter);
+  detail_->setTextInteractionFlags(Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard);
+  for (QLabel *label : {heading_, advice_, detail_}) {
+    label->setFocusPolicy(Qt::TabFocus);
+    layout->addWidget(label);
+  }
+  auto *buttons = new QHBoxLayout;
+  buttons->addStretch(1);
+  pair_ = new QPushButton(tr("&Pair Again"), this);
+  pair_->setObjectName("pairAgain");
+  pair_->setAccessibleName(tr("Pair again: ask the phone to trust this computer"));
+  retry_ = new QPushButton(tr("&Try Again"), this);
+  retry_->setObjectName("tryAgain");
+  retry_->setAccessibleName(tr("Try to open the device again"));
+  buttons->addWidget(pair_);
+  buttons->addWidget(retry_);
+  buttons->addStretch(1);
+  layout->addLayout(buttons);
+  layout->addStretch(2);
+  connect(pair_, &QPushButton::clicked, this, &StatePage::PairRequested);
+  connect(retry_, &QPushButton::clicked, this, &StatePage::RetryRequested);
+  setContextMenuPolicy(Qt::ActionsContextMenu);
+  Show(app::DeviceState::kNoDevice, {});
+}
+
+void StatePage::Show(app::DeviceState state, const QString &udid, const QString &detail) {
+  state_ = state;
+  const app::StateText text = app::DescribeState(state, udid.toStdString());
+  heading_->setText(Q(text.heading));
+  advice_->setText(Q(text.advice));
+  // The reason's own sentence only where it tells more than the advice.
+  const bool shown = state == app::DeviceState::kOther || state == app::DeviceState::kRefused;
+  detail_->setText(shown ? detail : QString());
+  detail_->setVisible(shown && !detail.isEmpty());
+  for (QLabel *label : {heading_, advice_, detail_}) label->setAccessibleName(label->text());
+  const bool pairs = state == app::DeviceState::kPairingInvalid || state == app::DeviceState::kNotPaired ||
+                     state == app::DeviceState::kTrustDenied;
+  pair_->setVisible(pairs);
+  // Nothing to try again without a device; a state that clears by itself
+  // is tried again anyway, the button only saves the wait.
+  retry_->setVisible(!udid.isEmpty() && state != app::DeviceState::kUnplugged);
+  for (QAction *action : actions()) removeAction(action);
+  if (pair_->isVisible()) {
+    auto *pair = new QAction(tr("&Pair Again"), this);
+    connect(pair, &QAction::triggered, this, &StatePage::PairRequested);
+    addAction(pair);
+  }
+  if (retry_->isVisible()) {
+    auto *retry = new QAction(tr("&Try Again"), this);
+    connect(retry, &QAction::triggered, this, &StatePage::RetryRequested);
+    addAction(retry);
+  }
+}
+
+void StatePage::ShowReading(const QString &udid) {
+  state_ = app::DeviceState::kReady;
+  heading_->setText(tr("Opening %1…").arg(Q(app::DeviceLabel(udid.toStdString()))));
+  advice_->setText(tr("Reading what is on it."));
+  detail_->clear();
+  detail_->hide();
+  for (QLabel *label : {heading_, advice_, detail_}) label->setAccessibleName(label->text());
+  pair_->hide();
+  retry_->hide();
+}
+
+QString StatePage::heading() const { return heading_->text(); }
+QString StatePage::advice() const { return advice_->text(); }
+
+void CatalogueProxy::SetNeedle(const QString &text) {
+  needle_ = text.toCaseFolded();
+  invalidateFilter();
+}
+
+bool CatalogueProxy::lessThan(const QModelIndex &left, const QModelIndex &right) const {
+  const auto *model = static_cast<const CatalogueModel *>(sourceModel());
+  return model->Less(left.row(), right.row(), left.column());
+}
+
+bool CatalogueProxy::filterAcceptsRow(int row, const QModelIndex &) const {
+  if (needle_.isEmpty()) return true;
+  return static_cast<const CatalogueModel *>(sourceModel())->Haystack(row).contains(needle_);
 }
 
 RowTable::RowTable(QWidget *parent) : QTableView(parent) {
@@ -139,17 +382,17 @@ CataloguePage::CataloguePage(const PageKind &kind, QWidget *parent) : QWidget(pa
   filter_->setPlaceholderText(tr("Filter %1").arg(tr(kind.title)));
   filter_->setAccessibleName(tr("Filter %1").arg(tr(kind.title)));
   filter_->setClearButtonEnabled(true);
+  NameClearButton(filter_, tr("Clear the filter"));
   top->addWidget(filter_, 1);
-  export_ = new QPushButton(tr("&Export…"), this);
+  // Alt+E opens the Edit menu; the button takes x.
+  export_ = new QPushButton(tr("E&xport…"), this);
   export_->setObjectName("export");
-  export_->setAccessibleName(tr("Export the selected %1").arg(tr(kind.title)));
+  export_->setAccessibleName(tr("Export %1").arg(tr(kind.title)));
+  export_->setAccessibleDescription(tr("Copies the selected rows to a folder; asks first when none is selected"));
   top->addWidget(export_);
   layout->addLayout(top);
 
   proxy_.setSourceModel(&model_);
-  proxy_.setSortRole(CatalogueModel::kSortRole);
-  proxy_.setFilterKeyColumn(-1);
-  proxy_.setFilterCaseSensitivity(Qt::CaseInsensitive);
   view_ = new RowTable(this);
   view_->setObjectName("table");
   view_->setAccessibleName(tr(kind.title));
@@ -167,6 +410,23 @@ CataloguePage::CataloguePage(const PageKind &kind, QWidget *parent) : QWidget(pa
   view_->horizontalHeader()->setStretchLastSection(true);
   view_->horizontalHeader()->setSortIndicator(-1, Qt::AscendingOrder);
   view_->setSortingEnabled(true);
+  PrepareList(view_, this);
+  auto add = [this](QWidget *on, const QString &text, const char *name, auto slot) {
+    auto *action = new QAction(text, this);
+    action->setObjectName(name);
+    connect(action, &QAction::triggered, this, slot);
+    on->insertAction(on->actions().isEmpty() ? nullptr : on->actions().front(), action);
+    return action;
+  };
+  // Inserted before "Sort by", in reverse: Open, Export, Copy, Sort by.
+  add(view_, tr("&Copy"), "copyRows", [this] { CopySelection(); });
+  add(view_, tr("E&xport…"), "exportRows", [this] { emit ExportRequested(kind_.kind); });
+  add(view_, tr("&Open"), "openRows", [this] { emit OpenRequested(kind_.kind); });
+  connect(view_, &QAbstractItemView::activated, this, [this] {
+    // Enter on a playlist shows its tracks below; on anything else opens it.
+    if (kind_.kind == Kind::kPlaylists) members_view_->setFocus();
+    else emit OpenRequested(kind_.kind);
+  });
 
   if (kind.kind == Kind::kPlaylists) {
     auto *split = new QSplitter(Qt::Vertical, this);
@@ -178,6 +438,7 @@ CataloguePage::CataloguePage(const PageKind &kind, QWidget *parent) : QWidget(pa
     members_view_->setSelectionBehavior(QAbstractItemView::SelectRows);
     members_view_->verticalHeader()->hide();
     members_view_->horizontalHeader()->setStretchLastSection(true);
+    PrepareList(members_view_, this);
     split->addWidget(members_view_);
     layout->addWidget(split, 1);
     connect(view_->selectionModel(), &QItemSelectionModel::currentRowChanged, this, &CataloguePage::ShowMembers);
@@ -189,7 +450,7 @@ CataloguePage::CataloguePage(const PageKind &kind, QWidget *parent) : QWidget(pa
   status_->setWordWrap(true);
   layout->addWidget(status_);
 
-  connect(filter_, &QLineEdit::textChanged, &proxy_, &QSortFilterProxyModel::setFilterFixedString);
+  connect(filter_, &QLineEdit::textChanged, &proxy_, &CatalogueProxy::SetNeedle);
   connect(export_, &QPushButton::clicked, this, [this] { emit ExportRequested(kind_.kind); });
   connect(view_, &RowTable::DragStarted, this, [this] { emit DragRequested(kind_.kind); });
 }
@@ -201,6 +462,17 @@ void CataloguePage::Clear() {
   members_.clear();
   list_.reset();
   status_->clear();
+  // A filter typed for one device means nothing on the next.
+  filter_->clear();
+}
+
+void CataloguePage::SetDevice(const std::shared_ptr<DeviceLink> &link) {
+  link_ = link;
+  Clear();
+}
+
+void CataloguePage::Activate() {
+  if (link_ && !loaded_) Load(link_);
 }
 
 void CataloguePage::Load(const std::shared_ptr<DeviceLink> &link) {
@@ -249,6 +521,8 @@ void CataloguePage::ShowMembers() {
   }
   members_.setList(Kind::kMusic, list_, DictArray(model_.item(current.row()), "item"));
 }
+
+bool CataloguePage::HasSelection() const { return view_->selectionModel()->hasSelection(); }
 
 std::vector<plist_t> CataloguePage::SelectedItems() const {
   std::vector<plist_t> items;

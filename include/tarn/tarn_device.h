@@ -362,6 +362,25 @@ TARN_API afc_client_t TarnHeldClient(PodDevice *device);
  */
 TARN_API char *TarnGetDeviceName(PodDevice *device);
 
+/**
+ * Asks the device to trust this computer again, through libimobiledevice's
+ * pairing: for a device that forgot this computer (reset or restored:
+ * TARN_E_PAIRING_INVALID) or has never paired with it (TARN_E_NOT_PAIRED).
+ * A new pair record is made and sent; the device shows "Trust This
+ * Computer?" and answers only once the person has tapped Trust, so a
+ * caller asks again while the answer is TARN_E_PAIRING_PENDING (every few
+ * seconds; each call is one plain lockdown request, no secure session).
+ * On success the record is saved where libimobiledevice keeps it (usbmuxd)
+ * and the next connection uses it. A connection held on the handle is
+ * released first, since it was made with the old record. Needs no
+ * InitDevice(). Prints nothing.
+ * @return 0 when the device accepted the pairing; 1 otherwise, with
+ *         TarnLastError() saying why: TARN_E_PAIRING_PENDING (the dialog is
+ *         still open), TARN_E_TRUST_DENIED, TARN_E_LOCKED (unlock it first),
+ *         TARN_E_NO_DEVICE, TARN_E_NO_USBMUXD, or another lockdown refusal.
+ */
+TARN_API int TarnPairDevice(PodDevice *device);
+
 /* ------------------------------------------------------------------------ */
 /* Device information and storage use                                        */
 /* ------------------------------------------------------------------------ */
@@ -902,7 +921,7 @@ TARN_API int Mkdir(const char *path);
  * Which functions record which reasons:
  *  - TARN_E_NO_USBMUXD, TARN_E_NO_DEVICE: GetDevicesId() and every function
  *    that opens a connection: OpenIdeviceAndAfC(), TarnHoldConnection(),
- *    TarnGetDeviceName(), InitDevice(),
+ *    TarnGetDeviceName(), TarnPairDevice(), InitDevice(),
  *    GetDeviceInfo(), CopyFileFromDeviceToNative(),
  *    CopyFileFromNativeToDevice(), CopyDeviceDirectory(), MakeDir(),
  *    IsDirExist(), IsFileExist(), RenamePath(), DeleteFile(), DeleteDir(),
@@ -915,7 +934,8 @@ TARN_API int Mkdir(const char *path);
  *  - TARN_E_NOT_PAIRED, TARN_E_PAIRING_PENDING, TARN_E_TRUST_DENIED,
  *    TARN_E_LOCKED, TARN_E_PAIRING_INVALID, TARN_E_SERVICE_REFUSED
  *    (lockdown_error set): the same functions except GetDevicesId();
- *    TarnGetDeviceName() records only lockdown refusals of its own question.
+ *    TarnGetDeviceName() and TarnPairDevice() record only lockdown refusals of
+ *    their own request.
  *    InitDevice() and GetDeviceInfo() record TARN_E_SERVICE_REFUSED and
  *    still succeed.
  *  - TARN_E_CONNECTION_LOST: the functions that open a connection, and

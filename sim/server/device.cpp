@@ -251,6 +251,7 @@ std::string Device::set_option(const std::string& key, const std::string& value,
     bool b = false;
     if (!parse_bool(value, b)) return key + " takes 0 or 1";
     (*f).*(sw->second) = b;
+    if (key == "stale_pairing") repaired_.clear();
   } else if (key == "pair_answer") {
     if (value != "pending" && value != "denied" && value != "passcode" && value != "accept")
       return "pair_answer takes pending, denied, passcode or accept";
@@ -405,6 +406,12 @@ bool Device::trusts(const std::string& host_id) const {
 void Device::trust(const std::string& host_id) {
   std::lock_guard lk(mu_);
   trusted_.insert(host_id);
+  repaired_.insert(host_id);
+}
+
+bool Device::repaired(const std::string& host_id) const {
+  std::lock_guard lk(mu_);
+  return repaired_.count(host_id) > 0;
 }
 
 void Device::distrust(const std::string& host_id) {

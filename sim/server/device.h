@@ -103,6 +103,9 @@ class Device {
   bool trusts(const std::string& host_id) const;
   void trust(const std::string& host_id);
   void distrust(const std::string& host_id);
+  // Whether the host paired anew (Pair accepted) since stale_pairing was
+  // last switched: a reset phone trusts such a host again.
+  bool repaired(const std::string& host_id) const;
 
   // File-conduit device information.
   std::string model() const;
@@ -146,6 +149,7 @@ class Device {
   Plist saved_record_;           // from SavePairRecord; else the default record
   bool trusts_default_ = true;   // the device trusts the default record's HostID
   std::set<std::string> trusted_;
+  std::set<std::string> repaired_;  // hosts trusted by a Pair since stale_pairing last changed
   std::set<uint16_t> pending_ports_;
   uint16_t next_port_ = 49152;
 

@@ -73,7 +73,9 @@ void serve_lockdown(int fd, Device& dev) {
     plist_dict_set_item(r, "Request", plist_new_string(request.c_str()));
     auto fail = [&](const char* error) { plist_dict_set_item(r, "Error", plist_new_string(error)); };
     plist_t pair_record = plist_dict_get_item(req.get(), "PairRecord");
-    bool refused = faults->refuse_handshake || faults->stale_pairing;
+    // A reset phone refuses the records it knew, not one paired anew since.
+    const std::string record_host = dict_string(pair_record, "HostID").value_or(dict_string(req.get(), "HostID").value_or(""));
+    bool refused = faults->refuse_handshake || (faults->stale_pairing && !dev.repaired(record_host));
 
     if (request == "QueryType") {
       plist_dict_set_item(r, "Type", plist_new_string("com.apple.mobile.lockdown"));

@@ -158,4 +158,30 @@ TARN_API char *TarnGetDeviceName(PodDevice *device) {
   return name;
 }
 
+TARN_API int TarnPairDevice(PodDevice *device) {
+  const tarn::ApiCall api_call;
+  if (device == nullptr || device->deviceId == nullptr) {
+    tarn::SetError(TARN_E_INVALID_ARGUMENT, "No device handle was given.");
+    return 1;
+  }
+  // The held connection was made with the record this call replaces.
+  tarn::ReleaseLink(device);
+  idevice_t raw = nullptr;
+  if (!tarn::ConnectDevice(device->deviceId, &raw)) return 1;
+  const tarn::IdevicePtr connection(raw);
+  // Pairing is asked outside a session: the device has no record to start
+  // one with.
+  lockdownd_client_t client = nullptr;
+  lockdownd_error_t err = lockdownd_client_new(connection.get(), &client, "ideviceclient");
+  const tarn::LockdownPtr lockdown(client);
+  // A null record: libimobiledevice makes a new one (new host identity and
+  // certificates) and saves it through usbmuxd once the device accepts it.
+  if (err == LOCKDOWN_E_SUCCESS) err = lockdownd_pair(lockdown.get(), nullptr);
+  if (err != LOCKDOWN_E_SUCCESS) {
+    tarn::SetLockdownError(err, device->deviceId);
+    return 1;
+  }
+  return 0;
+}
+
 }  // extern "C"

@@ -40,6 +40,9 @@ MainWindow::MainWindow(QWidget *parent) : QMainWindow(parent) {
     connect(page, &CataloguePage::DragRequested, this, &MainWindow::DragOut);
     pages_->addTab(page, tr(kind.title));
   }
+  photos_ = new PhotosPage(pages_);
+  pages_->insertTab(1, photos_, tr("Photos"));
+  connect(photos_, &PhotosPage::ImportRequested, this, &MainWindow::StartImport);
   files_ = new FilesPage(pages_);
   pages_->addTab(files_, tr("Files"));
   split_->addWidget(devices_);
@@ -183,6 +186,7 @@ void MainWindow::ChooseDevice(const QString &udid) {
   link_ = udid.isEmpty() ? nullptr : std::make_shared<DeviceLink>(udid);
   for (CataloguePage *p : catalogue_) p->Clear();
   files_->SetDevice(link_);
+  photos_->SetDevice(link_);
   if (udid.isEmpty()) {
     overview_->Show(nullptr, {app::kNoDevice, TARN_OK, tr("No device is chosen. Plug in a device and choose it on the left.").toStdString()});
     return;
@@ -223,6 +227,7 @@ void MainWindow::ChooseDevice(const QString &udid) {
 void MainWindow::LoadCurrentPage() {
   auto *page = qobject_cast<CataloguePage *>(pages_->currentWidget());
   if (page != nullptr && opened_ && !page->loaded()) page->Load(link_);
+  if (pages_->currentWidget() == photos_ && opened_) photos_->Load();
 }
 
 void MainWindow::Refresh() { ChooseDevice(udid_); }
@@ -233,6 +238,10 @@ bool MainWindow::StartTransfer(Transfer::Direction direction, std::vector<Transf
 
 bool MainWindow::StartExport(app::ExportRequest request) {
   return Begin(std::make_unique<Transfer>(udid_, std::move(request)));
+}
+
+bool MainWindow::StartImport(const QString &folder, bool jpeg) {
+  return Begin(std::make_unique<Transfer>(udid_, app::ImportRequest{folder.toStdString(), jpeg}));
 }
 
 bool MainWindow::Begin(std::unique_ptr<Transfer> transfer) {

@@ -17,6 +17,7 @@
 #include "files_page.h"
 #include "jobs.h"
 #include "pages.h"
+#include "photos_page.h"
 
 namespace tarn::desktop {
 
@@ -31,6 +32,7 @@ class MainWindow : public QMainWindow {
   OverviewPage *overview() { return overview_; }
   CataloguePage *page(Kind kind);
   FilesPage *files() { return files_; }
+  PhotosPage *photos() { return photos_; }
   QString udid() const { return udid_; }
   Transfer *transfer() { return transfer_.get(); }
   QLabel *transferResult() { return result_; }
@@ -42,6 +44,8 @@ class MainWindow : public QMainWindow {
   // Starts a transfer unless one runs already.
   bool StartTransfer(Transfer::Direction direction, std::vector<TransferItem> items);
   bool StartExport(app::ExportRequest request);
+  // Imports the camera roll's new pictures into `folder`, as `tarn import photos`.
+  bool StartImport(const QString &folder, bool jpeg);
   // Exports a page's selected rows (all shown rows when none is selected)
   // into `folder`, as `tarn export` would.
   bool ExportPage(Kind kind, const QString &folder);
@@ -75,6 +79,7 @@ class MainWindow : public QMainWindow {
   OverviewPage *overview_;
   std::vector<CataloguePage *> catalogue_;
   FilesPage *files_;
+  PhotosPage *photos_;
   QWidget *transfer_bar_;
   QProgressBar *progress_;
   QLabel *current_;

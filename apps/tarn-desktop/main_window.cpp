@@ -43,6 +43,8 @@ MainWindow::MainWindow(QWidget *parent) : QMainWindow(parent) {
   photos_ = new PhotosPage(pages_);
   pages_->insertTab(1, photos_, tr("Photos"));
   connect(photos_, &PhotosPage::ImportRequested, this, &MainWindow::StartImport);
+  music_ = new MusicBrowser(pages_);
+  pages_->insertTab(2, music_, tr("Artists"));
   files_ = new FilesPage(pages_);
   pages_->addTab(files_, tr("Files"));
   split_->addWidget(devices_);
@@ -187,6 +189,7 @@ void MainWindow::ChooseDevice(const QString &udid) {
   for (CataloguePage *p : catalogue_) p->Clear();
   files_->SetDevice(link_);
   photos_->SetDevice(link_);
+  music_->SetDevice(link_);
   if (udid.isEmpty()) {
     overview_->Show(nullptr, {app::kNoDevice, TARN_OK, tr("No device is chosen. Plug in a device and choose it on the left.").toStdString()});
     return;
@@ -228,6 +231,7 @@ void MainWindow::LoadCurrentPage() {
   auto *page = qobject_cast<CataloguePage *>(pages_->currentWidget());
   if (page != nullptr && opened_ && !page->loaded()) page->Load(link_);
   if (pages_->currentWidget() == photos_ && opened_) photos_->Load();
+  if (pages_->currentWidget() == music_ && opened_) music_->Load();
 }
 
 void MainWindow::Refresh() { ChooseDevice(udid_); }

@@ -16,6 +16,7 @@
 
 #include "files_page.h"
 #include "jobs.h"
+#include "music_browser.h"
 #include "pages.h"
 #include "photos_page.h"
 
@@ -33,6 +34,7 @@ class MainWindow : public QMainWindow {
   CataloguePage *page(Kind kind);
   FilesPage *files() { return files_; }
   PhotosPage *photos() { return photos_; }
+  MusicBrowser *music() { return music_; }
   QString udid() const { return udid_; }
   Transfer *transfer() { return transfer_.get(); }
   QLabel *transferResult() { return result_; }
@@ -80,6 +82,7 @@ class MainWindow : public QMainWindow {
   std::vector<CataloguePage *> catalogue_;
   FilesPage *files_;
   PhotosPage *photos_;
+  MusicBrowser *music_;
   QWidget *transfer_bar_;
   QProgressBar *progress_;
   QLabel *current_;

@@ -245,6 +245,51 @@ class MediaTest : public QObject {
     QCOMPARE(tarn::testing::ReadAll(folder / "2023/08/IMG_0004.HEIC"), tarn::testing::ReadAll(media_ / "DCIM/100APPLE/IMG_0004.HEIC"));
     QCOMPARE(tarn::testing::ReadAll(folder / "2023/07/IMG_0001.JPG"), tarn::testing::ReadAll(media_ / "DCIM/100APPLE/IMG_0001.JPG"));
   }
+
+  // The sample phone's music by artist and album, and its playlists apart.
+  void musicBrowser() {
+    Choose(kSample);
+    MusicBrowser *music = window_->music();
+    window_->pages()->setCurrentWidget(music);
+    QTRY_VERIFY_WITH_TIMEOUT(music->loaded(), 60000);
+    QVERIFY(music->artists()->count() > 5);
+    // Artists in order, ignoring case; an artist's albums hold only its tracks.
+    for (int i = 1; i < music->artists()->count(); ++i)
+      QVERIFY(music->artists()->item(i - 1)->text().toCaseFolded() < music->artists()->item(i)->text().toCaseFolded());
+    music->artists()->setCurrentRow(1);
+    QVERIFY(music->albums()->count() > 0);
+    int tracks = 0;
+    for (int a = 0; a < music->albums()->count(); ++a) {
+      music->albums()->setCurrentRow(a);
+      QAbstractItemModel *model = music->tracks()->model();
+      QVERIFY(model->rowCount() > 0);
+      tracks += model->rowCount();
+      const QString album = music->albums()->item(a)->text();
+      for (int r = 0; r < model->rowCount(); ++r) QVERIFY(album.startsWith(model->index(r, 3).data().toString()));
+    }
+    // Every track of the flat table is under exactly one artist's album.
+    int all = 0;
+    for (int i = 0; i < music->artists()->count(); ++i) {
+      music->artists()->setCurrentRow(i);
+      for (int a = 0; a < music->albums()->count(); ++a) {
+        music->albums()->setCurrentRow(a);
+        all += music->tracks()->model()->rowCount();
+      }
+    }
+    QVERIFY(tracks > 0 && tracks < all);
+    CataloguePage *flat = window_->page(Kind::kMusic);
+    window_->pages()->setCurrentWidget(flat);
+    QTRY_VERIFY_WITH_TIMEOUT(flat->loaded(), 60000);
+    QCOMPARE(all, flat->model()->rowCount());
+    // Playlists are their own section, without the library's own list.
+    CataloguePage *lists = window_->page(Kind::kPlaylists);
+    window_->pages()->setCurrentWidget(lists);
+    QTRY_VERIFY_WITH_TIMEOUT(lists->loaded(), 60000);
+    QCOMPARE(music->playlists()->count(), lists->model()->rowCount());
+    QVERIFY(music->playlists()->count() > 0);
+    music->playlists()->setCurrentRow(0);
+    QVERIFY(music->playlistTracks()->model()->rowCount() > 0);
+  }
 };
 
 int main(int argc, char **argv) {

@@ -87,6 +87,9 @@ class MediaTest : public QObject {
  private slots:
   void initTestCase() {
     qRegisterMetaType<TransferResult>();
+    // QTest::qExec puts its crash handler on SIGPIPE over the main's SIG_IGN:
+    // a write to an unplugged device must fail, not end the test.
+    tarn::app::IgnoreBrokenPipes();
     dir_ = std::make_unique<TempDir>();
     const std::string root = dir_->path();
     using json = nlohmann::ordered_json;
@@ -163,14 +166,16 @@ class MediaTest : public QObject {
     QCOMPARE(QDir(cache->Folder()).entryList({"*.jpg"}, QDir::Files).size(), 4);
     QCOMPARE(sim_->stats(kPictures).tls_sessions, uint64_t{0});
 
-    // Chosen again, the phone's thumbnails come from the disk cache: no file
-    // of the phone is read for them.
+    // Chosen again, the thumbnails come from the disk cache: no file of the
+    // phone is read for them.
     window_->Refresh();
     page = ShowPhotos();
     sim_->enable_log(kPictures, true);
     for (int r = 0; r < page->model()->rowCount(); ++r) page->model()->index(r).data(Qt::DecorationRole);
     QTRY_VERIFY_WITH_TIMEOUT(page->thumbnails()->Pending() == 0, 30000);
-    for (const auto &request : sim_->request_log(kPictures)) QVERIFY2(request.path.find("DCIM") == std::string::npos, request.path.c_str());
+    for (const auto &request : sim_->request_log(kPictures))
+      for (const char *cached : {"IMG_0001", "IMG_0002", "IMG_0003", "IMG_0004"})
+        QVERIFY2(request.path.find(cached) == std::string::npos, request.path.c_str());
     sim_->enable_log(kPictures, false);
   }
 

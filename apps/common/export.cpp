@@ -1,5 +1,6 @@
 #include "common/export.h"
 
+#include "common/export_record.h"
 #include "common/host_file.h"
 
 #include <glib.h>
@@ -31,49 +32,6 @@ struct ExportItem {
   std::string artist;
   std::string title;
   bool wanted = false;  // copied by this export, not only named
-};
-
-// The record of what was exported into a directory, kept in it: for each
-// file the device it came from, its device path, size and device time.
-// Only a file found here is ever skipped as "already there" or replaced; a
-// person's own file of the same name is left alone.
-class Manifest {
- public:
-  static constexpr const char *kName = ".tarn-export.json";
-
-  Manifest(fs::path dir, std::string udid) : path_(std::move(dir) / kName), udid_(std::move(udid)) {
-    std::ifstream in(path_, std::ios::binary);
-    if (!in) return;
-    json_ = nlohmann::json::parse(in, nullptr, false);
-    if (!json_.is_object() || !json_["files"].is_object()) json_ = {{"files", nlohmann::json::object()}};
-  }
-
-  // The record of `rel` when it holds `device_path` of this device.
-  const nlohmann::json *Find(const std::string &rel, const std::string &device_path) const {
-    const auto &files = json_["files"];
-    const auto it = files.find(rel);
-    if (it == files.end() || !it->is_object() || it->value("device", "") != udid_ ||
-        it->value("path", "") != device_path)
-      return nullptr;
-    return &*it;
-  }
-  // Where an earlier export put `device_path` of this device, if anywhere.
-  std::string RelOf(const std::string &device_path) const {
-    for (const auto &[rel, entry] : json_["files"].items())
-      if (entry.is_object() && entry.value("device", "") == udid_ && entry.value("path", "") == device_path)
-        return rel;
-    return "";
-  }
-  void Record(const std::string &rel, const std::string &device_path, uint64_t size, int64_t mtime) {
-    json_["files"][rel] = {{"device", udid_}, {"path", device_path}, {"size", size}, {"mtime", mtime}};
-  }
-  // Written beside and renamed over, like every other file.
-  void Save() const { WriteWhole(path_, json_.dump(1) + "\n"); }
-
- private:
-  fs::path path_;
-  std::string udid_;
-  nlohmann::json json_ = {{"files", nlohmann::json::object()}};
 };
 
 std::string StemOf(const std::string &device_path) {

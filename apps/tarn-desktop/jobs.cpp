@@ -138,6 +138,29 @@ TransferResult RunExport(const QString &udid, const app::ExportRequest &request,
   return result;
 }
 
+TransferResult RunImport(const QString &udid, const app::ImportRequest &request, Transfer::State &state) {
+  TransferResult result;
+  try {
+    app::Session session(SessionFor(udid), udid.toStdString());
+    session.InitCatalogue();
+    const app::ImportReport report = app::ImportPhotos(session, request, HooksFor(state));
+    result.copied = static_cast<int>(report.copied);
+    result.skipped = static_cast<int>(report.already);
+    result.bytes = report.bytes;
+    result.cancelled = report.cancelled;
+    for (const app::Failure &failure : report.failed) result.failed << Q(failure.message);
+    if (report.converted > 0) result.notes << QObject::tr("%n converted to JPEG", nullptr, static_cast<int>(report.converted));
+    if (report.in_cloud > 0) result.notes << QObject::tr("%n only in iCloud", nullptr, static_cast<int>(report.in_cloud));
+    for (const std::string &note : report.notes) result.notes << Q(note);
+    for (const std::string &rel : report.files) result.files << Q(request.host_dir + "/" + rel);
+    if (report.nothing_listed) result.notes << QObject::tr("no camera roll on the device");
+    if (!report.failed.empty()) result.reason = report.failed.front();
+  } catch (const app::Failure &failure) {
+    result.reason = failure;
+  }
+  return result;
+}
+
 }  // namespace
 
 Transfer::Transfer(QString udid, Direction direction, std::vector<TransferItem> items, QObject *parent)
@@ -152,6 +175,11 @@ Transfer::Transfer(QString udid, app::ExportRequest request, QObject *parent)
   request_ = std::move(request);
 }
 
+Transfer::Transfer(QString udid, app::ImportRequest request, QObject *parent)
+    : Transfer(std::move(udid), Direction::kImport, {}, parent) {
+  import_ = std::move(request);
+}
+
 Transfer::~Transfer() { state_->cancel = true; }
 
 void Transfer::Start() {
@@ -161,8 +189,9 @@ void Transfer::Start() {
   const Direction direction = direction_;
   RunInBackground(
       this,
-      [udid = udid_, direction, items = items_, request = request_, state] {
+      [udid = udid_, direction, items = items_, request = request_, import = import_, state] {
         if (direction == Direction::kExport) return RunExport(udid, request, *state);
+        if (direction == Direction::kImport) return RunImport(udid, import, *state);
         return RunCopies(udid, direction == Direction::kUpload, items, *state);
       },
       [this](const TransferResult &result) {

@@ -21,6 +21,7 @@
 #include <QtConcurrent/QtConcurrentRun>
 
 #include "common/export.h"
+#include "common/import.h"
 #include "device.h"
 
 namespace tarn::desktop {
@@ -107,10 +108,12 @@ struct TransferResult {
 class Transfer : public QObject {
   Q_OBJECT
  public:
-  enum class Direction { kDownload, kUpload, kExport };
+  enum class Direction { kDownload, kUpload, kExport, kImport };
   Transfer(QString udid, Direction direction, std::vector<TransferItem> items, QObject *parent = nullptr);
   // An export through the same code as `tarn export`.
   Transfer(QString udid, app::ExportRequest request, QObject *parent = nullptr);
+  // An import of new photos through the same code as `tarn import photos`.
+  Transfer(QString udid, app::ImportRequest request, QObject *parent = nullptr);
   ~Transfer() override;
 
   void Start();
@@ -138,6 +141,7 @@ class Transfer : public QObject {
   Direction direction_;
   std::vector<TransferItem> items_;
   app::ExportRequest request_;
+  app::ImportRequest import_;
   std::shared_ptr<State> state_;
   QTimer tick_;
   bool running_ = false;

@@ -61,6 +61,10 @@ void SaveScreenshots(MainWindow &window, const QString &dir, int patience_ms) {
       QWidget *page = pages[*index];
       auto *catalogue = qobject_cast<CataloguePage *>(page);
       if (catalogue != nullptr && !catalogue->loaded()) return;
+      auto *photos = qobject_cast<tarn::desktop::PhotosPage *>(page);
+      if (photos != nullptr && (!photos->loaded() || photos->thumbnails()->Pending() > 0)) return;
+      auto *music = qobject_cast<tarn::desktop::MusicBrowser *>(page);
+      if (music != nullptr && !music->loaded()) return;
       if (catalogue != nullptr) catalogue->view()->selectRow(0);
       window.grab().save(QString("%1/%2-%3.png").arg(dir).arg(*index, 2, 10, QChar('0')).arg(page->objectName()));
       std::fprintf(stderr, "saved %s\n", qPrintable(page->objectName()));

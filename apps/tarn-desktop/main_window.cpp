@@ -95,6 +95,13 @@ MainWindow::MainWindow(QWidget *parent) : QMainWindow(parent) {
       }
     }
   }
+  // The camera roll as pictures and the music by artist and album, first
+  // in their sections; the tables stay beside them.
+  photos_ = new PhotosPage(stack_);
+  connect(photos_, &PhotosPage::ImportRequested, this, &MainWindow::StartImport);
+  AddView("photos", photos_, tr("Pictures"), /*first=*/true);
+  music_ = new MusicBrowser(stack_);
+  AddView("music", music_, tr("Artists"), /*first=*/true);
   files_ = new FilesPage(stack_);
   AddSection({"files", tr("&Files"), QKeySequence(Qt::CTRL | Qt::Key_7)}, files_);
   split_->addWidget(sidebar_);
@@ -641,6 +648,10 @@ bool MainWindow::StartExport(app::ExportRequest request) {
 bool MainWindow::RetryTransfer() {
   if (!again_) return false;
   return Begin(again_());
+}
+
+bool MainWindow::StartImport(const QString &folder, bool jpeg) {
+  return Begin(std::make_unique<Transfer>(udid_, app::ImportRequest{folder.toStdString(), jpeg}));
 }
 
 bool MainWindow::Begin(std::unique_ptr<Transfer> transfer) {

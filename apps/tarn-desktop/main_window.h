@@ -36,7 +36,9 @@
 
 #include "files_page.h"
 #include "jobs.h"
+#include "music_browser.h"
 #include "pages.h"
+#include "photos_page.h"
 
 namespace tarn::desktop {
 
@@ -73,6 +75,8 @@ class MainWindow : public QMainWindow {
   OverviewPage *overview() { return overview_; }
   CataloguePage *page(Kind kind);
   FilesPage *files() { return files_; }
+  PhotosPage *photos() { return photos_; }
+  MusicBrowser *music() { return music_; }
   QString udid() const { return udid_; }
   bool opened() const { return opened_; }
   bool syncing() const { return syncing_; }
@@ -94,6 +98,8 @@ class MainWindow : public QMainWindow {
   bool StartExport(app::ExportRequest request);
   // Starts the last transfer again (after it was cut off).
   bool RetryTransfer();
+  // Imports the camera roll's new pictures into `folder`, as `tarn import photos`.
+  bool StartImport(const QString &folder, bool jpeg);
   // Exports a page's selected rows (all shown rows when none is selected)
   // into `folder`, as `tarn export` would.
   bool ExportPage(Kind kind, const QString &folder);
@@ -158,6 +164,8 @@ class MainWindow : public QMainWindow {
   std::vector<Section> sections_;
   QMenu *go_menu_ = nullptr;
   QString section_ = "overview";
+  PhotosPage *photos_;
+  MusicBrowser *music_;
   QWidget *transfer_bar_;
   QProgressBar *progress_;
   QLabel *current_;

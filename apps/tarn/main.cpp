@@ -67,6 +67,15 @@ const std::vector<CommandEntry> &Commands() {
        "  --match TEXT   only items whose title, artist, album or file name (for playlists: the\n"
        "                 playlist's name) contains TEXT, ignoring case\n",
        {}, {"--match"}, 2, 2, {}, Needs::kCatalogue, CmdExport},
+      {"import", "import photos HOST_DIR [--jpeg]", "copy the camera roll's new pictures into folders by date",
+       "Copies the pictures and videos of the camera roll that no earlier import copied into\n"
+       "HOST_DIR/YEAR/MONTH/ by the date each was taken (a Live Photo's video beside its picture).\n"
+       "HOST_DIR/.tarn-export.json records what was imported, as for export: a second import\n"
+       "copies only what is new, also when imported files were moved away since, and a file that\n"
+       "tarn did not write is never replaced. Pictures kept only in iCloud are not on the device.\n"
+       "  --jpeg   write HEIC pictures as JPEG, for programs that do not read HEIC (one that\n"
+       "           cannot be decoded is kept as HEIC, with a warning)\n",
+       {"--jpeg"}, {}, 2, 2, {}, Needs::kCatalogue, CmdImport},
       {"ls", "ls [PATH] [-l] [-R | --depth N]", "list a device directory",
        "  -l          type (d directory, - file, l link with its target), size and modification\n"
        "              time of each entry\n"
@@ -246,6 +255,8 @@ int Run(CommandLine line) {
   if (line.args.has("-R") && line.args.has("--depth")) UsageError(&c, "-R and --depth exclude each other");
   // A mistyped kind is a usage error whether or not a device is attached.
   if (c.run == CmdList || c.run == CmdExport) FindKind(line.args.positional[0]);
+  if (c.run == CmdImport && line.args.positional[0] != "photos")
+    UsageError(&c, "tarn imports photos only: tarn import photos HOST_DIR");
   if (c.needs == Needs::kNothing) return CmdDevices(line.options, line.args);
   SetProgressWanted(line.options.progress);
   Session session(line.options.session, ChooseDevice(line.options.session));

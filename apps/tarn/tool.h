@@ -53,6 +53,7 @@ int CmdDevices(const GlobalOptions &options, const Args &args);
 int CmdInfo(Session &session, const Args &args);
 int CmdList(Session &session, const Args &args);
 int CmdExport(Session &session, const Args &args);
+int CmdImport(Session &session, const Args &args);
 int CmdLs(Session &session, const Args &args);
 int CmdStat(Session &session, const Args &args);
 int CmdFind(Session &session, const Args &args);

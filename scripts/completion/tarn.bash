@@ -3,7 +3,7 @@
 # Installed as /usr/share/bash-completion/completions/tarn; it needs none of
 # bash-completion's helpers, so `source` alone also works.
 
-_tarn_commands="devices info list export ls stat find mkdir mv rm pull push"
+_tarn_commands="devices info list export import ls stat find mkdir mv rm pull push"
 _tarn_kinds="music movies podcasts tvshows audiobooks ringtones playlists recordings books camera pictures"
 _tarn_global_options="-u --udid -v --verbose --workdir --refresh --progress --no-progress -h --help --version"
 
@@ -11,6 +11,7 @@ _tarn_command_options() {
   case $1 in
     info | list) echo "--json --xml" ;;
     export) echo "--match" ;;
+    import) echo "--jpeg" ;;
     ls) echo "-l -R --depth" ;;
     find) echo "--case-sensitive" ;;
     mkdir) echo "-p" ;;
@@ -84,7 +85,8 @@ _tarn() {
   fi
   case $cmd:$position in
     list:0 | export:0) _tarn_add_words "$cur" "$_tarn_kinds" ;;
-    export:1) _tarn_host_paths -d ;;
+    export:1 | import:1) _tarn_host_paths -d ;;
+    import:0) _tarn_add_words "$cur" "photos" ;;
     ls:0 | stat:0 | find:0 | mkdir:0 | rm:0 | mv:[01] | pull:0 | push:1) _tarn_device_paths ;;
     pull:1 | push:0) _tarn_host_paths ;;
   esac

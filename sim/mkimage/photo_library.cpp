@@ -6,6 +6,7 @@
 // and JPEG thumbnails. The table and join-table names change with the iOS
 // version the description names, as they do on phones.
 #include <gdk-pixbuf/gdk-pixbuf.h>
+#include <libheif/heif.h>
 #include <plist/plist.h>
 
 #include <algorithm>
@@ -103,10 +104,11 @@ std::string Uuid(std::mt19937_64 &rng) {
 
 // A small real JPEG (gdk-pixbuf's encoder), a gradient whose colours
 // follow `seed` so that no two thumbnails are alike.
-std::string ThumbnailJpeg(int width, int height, uint32_t seed) {
+// A gradient of the given size as gdk-pixbuf pixels; the seed varies it.
+std::unique_ptr<GdkPixbuf, decltype(&g_object_unref)> Gradient(int width, int height, uint32_t seed) {
   std::unique_ptr<GdkPixbuf, decltype(&g_object_unref)> pixbuf(
       gdk_pixbuf_new(GDK_COLORSPACE_RGB, FALSE, 8, width, height), &g_object_unref);
-  if (!pixbuf) throw std::runtime_error("cannot make a thumbnail");
+  if (!pixbuf) throw std::runtime_error("cannot make a picture");
   guchar *pixels = gdk_pixbuf_get_pixels(pixbuf.get());
   const int stride = gdk_pixbuf_get_rowstride(pixbuf.get());
   const int r = seed * 53 % 256, g = seed * 97 % 256, b = seed * 151 % 256;
@@ -118,17 +120,68 @@ std::string ThumbnailJpeg(int width, int height, uint32_t seed) {
       p[2] = static_cast<guchar>((b + (x + y)) % 256);
     }
   }
+  return pixbuf;
+}
+
+// The pixels in a file format gdk-pixbuf writes: "jpeg" or "png".
+std::string Encoded(GdkPixbuf *pixbuf, const char *format) {
   gchar *buffer = nullptr;
   gsize size = 0;
   GError *error = nullptr;
-  if (!gdk_pixbuf_save_to_buffer(pixbuf.get(), &buffer, &size, "jpeg", &error, "quality", "75", nullptr)) {
+  const bool jpeg = std::string(format) == "jpeg";
+  if (!(jpeg ? gdk_pixbuf_save_to_buffer(pixbuf, &buffer, &size, format, &error, "quality", "75", nullptr)
+             : gdk_pixbuf_save_to_buffer(pixbuf, &buffer, &size, format, &error, nullptr))) {
     const std::string why = error ? error->message : "unknown error";
     if (error) g_error_free(error);
-    throw std::runtime_error("gdk-pixbuf could not write a JPEG: " + why);
+    throw std::runtime_error(std::string("gdk-pixbuf could not write ") + format + ": " + why);
   }
   std::string out(buffer, size);
   g_free(buffer);
   return out;
+}
+
+std::string ThumbnailJpeg(int width, int height, uint32_t seed) {
+  return Encoded(Gradient(width, height, seed).get(), "jpeg");
+}
+
+heif_error CollectHeif(heif_context *, const void *data, size_t size, void *out) {
+  static_cast<std::string *>(out)->append(static_cast<const char *>(data), size);
+  return {heif_error_Ok, heif_suberror_Unspecified, "ok"};
+}
+
+// The pixels as HEIC through libheif's own HEVC encoder (x265 in Debian's build).
+std::string EncodedHeic(GdkPixbuf *pixbuf) {
+  const int width = gdk_pixbuf_get_width(pixbuf), height = gdk_pixbuf_get_height(pixbuf);
+  std::unique_ptr<heif_context, decltype(&heif_context_free)> ctx(heif_context_alloc(), &heif_context_free);
+  heif_encoder *encoder = nullptr;
+  heif_error error = heif_context_get_encoder_for_format(ctx.get(), heif_compression_HEVC, &encoder);
+  if (error.code != heif_error_Ok) throw std::runtime_error(std::string("libheif has no HEVC encoder: ") + error.message);
+  std::unique_ptr<heif_encoder, decltype(&heif_encoder_release)> owned_encoder(encoder, &heif_encoder_release);
+  heif_encoder_set_lossy_quality(encoder, 60);
+  heif_image *raw = nullptr;
+  heif_image_create(width, height, heif_colorspace_RGB, heif_chroma_interleaved_RGB, &raw);
+  std::unique_ptr<heif_image, decltype(&heif_image_release)> image(raw, &heif_image_release);
+  heif_image_add_plane(raw, heif_channel_interleaved, width, height, 8);
+  int stride = 0;
+  uint8_t *plane = heif_image_get_plane(raw, heif_channel_interleaved, &stride);
+  const guchar *pixels = gdk_pixbuf_get_pixels(pixbuf);
+  const int from_stride = gdk_pixbuf_get_rowstride(pixbuf);
+  for (int y = 0; y < height; ++y) std::copy_n(pixels + y * from_stride, width * 3, plane + y * stride);
+  error = heif_context_encode_image(ctx.get(), raw, encoder, nullptr, nullptr);
+  if (error.code != heif_error_Ok) throw std::runtime_error(std::string("libheif could not encode: ") + error.message);
+  std::string out;
+  heif_writer writer{1, &CollectHeif};
+  error = heif_context_write(ctx.get(), &writer, &out);
+  if (error.code != heif_error_Ok) throw std::runtime_error(std::string("libheif could not write: ") + error.message);
+  return out;
+}
+
+// A real, decodable original of 320 x 240 pixels: "jpeg", "png" or "heic".
+std::string PictureBytes(const std::string &format, uint32_t seed) {
+  const auto pixbuf = Gradient(320, 240, seed + 7);
+  if (format == "heic") return EncodedHeic(pixbuf.get());
+  if (format == "jpeg" || format == "png") return Encoded(pixbuf.get(), format.c_str());
+  throw std::runtime_error("photo_library: no picture format " + format);
 }
 
 // An edit sidecar as Photos writes it beside an edited original: an XML
@@ -359,7 +412,9 @@ void WritePhotoLibrary(const json &lib, const fs::path &media) {
       const int height = d.value("height", video ? 1080 : screenshot ? 2556 : 3024);
       const int64_t taken = d.value("taken", int64_t{1688169600});
       const double when = static_cast<double>(taken - kAppleEpochOffset);
-      const uint64_t size = d.value("size", video ? uint64_t{20000000} : uint64_t{2500000});
+      // A real picture, when asked for, sets the size; the rest are sparse.
+      const std::string picture = d.contains("picture") ? PictureBytes(d["picture"].get<std::string>(), static_cast<uint32_t>(i)) : "";
+      const uint64_t size = picture.empty() ? d.value("size", video ? uint64_t{20000000} : uint64_t{2500000}) : picture.size();
       const bool cloud = d.value("cloud", false), trashed = d.value("trashed", false);
       const int pk = static_cast<int>(i) + 1;
       const std::string uuid = Uuid(rng);
@@ -380,7 +435,7 @@ void WritePhotoLibrary(const json &lib, const fs::path &media) {
       const fs::path at = media / dir;
       const std::string stem = name.substr(0, name.rfind('.'));
       if (!cloud && d.value("file", true)) {
-        WriteFile(at / name, size, "", taken);
+        WriteFile(at / name, size, picture, taken);
         if (kind.subtype == 2) WriteFile(at / (stem + ".MOV"), size / 2, "", taken);
       }
       if (d.value("aae", false)) WriteFile(at / (stem + ".AAE"), 0, Sidecar(), taken + 60);

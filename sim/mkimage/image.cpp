@@ -276,7 +276,8 @@ void WriteApps(const json &apps, const fs::path &out) {
     attributes["CFBundleIdentifier"] = id;
     attributes["CFBundleDisplayName"] = a.value("name", id);
     attributes["CFBundleName"] = a.value("name", id);
-    attributes["CFBundleShortVersionString"] = a.value("version", std::string("1.0"));
+    // An app may leave its short version out; lists fall back to the build.
+    if (a.contains("version")) attributes["CFBundleShortVersionString"] = a["version"];
     attributes["CFBundleVersion"] = a.value("build", a.value("version", std::string("1")));
     attributes["ApplicationType"] = a.value("type", std::string("User"));
     attributes["UIFileSharingEnabled"] = a.value("file_sharing", false);

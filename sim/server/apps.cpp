@@ -26,17 +26,18 @@ class PlistChannel {
   // The next request, or null when the peer left or a fault ends the
   // connection (a drop closes it, a stall holds it unanswered).
   Plist receive() {
-    uint32_t be_len = 0;
-    if (!read_full(fd_, &be_len, 4)) return nullptr;
-    const uint32_t len = ntohl(be_len);
-    if (len == 0 || len > kMaxMessage) return nullptr;
-    std::vector<char> buf(len);
-    if (!read_full(fd_, buf.data(), len)) return nullptr;
     if (uint64_t g = dev_.fault_generation(); g != gen_) {
       faults_ = dev_.faults();
       gen_ = g;
       requests_ = 0;
+      bytes_ = 0;
     }
+    uint32_t be_len = 0;
+    if (!passes(4) || !read_full(fd_, &be_len, 4)) return nullptr;
+    const uint32_t len = ntohl(be_len);
+    if (len == 0 || len > kMaxMessage) return nullptr;
+    std::vector<char> buf(len);
+    if (!passes(len) || !read_full(fd_, buf.data(), len)) return nullptr;
     ++requests_;
     if (faults_->drop_after_requests && requests_ > faults_->drop_after_requests) return nullptr;
     if (faults_->stall_after_requests && requests_ > faults_->stall_after_requests) {
@@ -49,19 +50,33 @@ class PlistChannel {
 
   bool send(plist_t msg) {
     std::string xml = plist_xml(msg);
-    uint32_t len = htonl(static_cast<uint32_t>(xml.size()));
-    iovec iov[2] = {{&len, 4}, {xml.data(), xml.size()}};
-    return writev_full(fd_, iov, 2);
+    const uint32_t len = htonl(static_cast<uint32_t>(xml.size()));
+    xml.insert(0, reinterpret_cast<const char*>(&len), 4);
+    if (!passes(xml.size())) {
+      // The cable goes at exactly the limit, inside the answer.
+      write_full(fd_, xml.data(), static_cast<size_t>(faults_->drop_after_bytes - bytes_));
+      return false;
+    }
+    return write_full(fd_, xml.data(), xml.size());
   }
 
   const Faults& faults() const { return *faults_; }
 
  private:
+  // Whether n more bytes stay within drop_after_bytes (both directions
+  // count); the caller closes the connection when not.
+  bool passes(size_t n) {
+    if (faults_->drop_after_bytes && bytes_ + n > faults_->drop_after_bytes) return false;
+    bytes_ += n;
+    return true;
+  }
+
   int fd_;
   Device& dev_;
   std::shared_ptr<const Faults> faults_;
   uint64_t gen_;
   uint64_t requests_ = 0;
+  uint64_t bytes_ = 0;
 };
 
 Plist error_answer(const char* error) {

@@ -94,6 +94,7 @@ TARN_API PodDevice *CreatePodDevice(const char *device_id) {
 TARN_API void FreePodDevice(PodDevice *device) {
   if (device == nullptr) return;
   tarn::ReleaseLink(device);
+  tarn::ForgetApp(device);
   std::free(device->deviceId);
   device->deviceId = nullptr;
   std::free(device->hostDir);

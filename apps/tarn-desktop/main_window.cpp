@@ -42,6 +42,16 @@ MainWindow::MainWindow(QWidget *parent) : QMainWindow(parent) {
   }
   files_ = new FilesPage(pages_);
   pages_->addTab(files_, tr("Files"));
+  // The Apps page (apps_page.h says how it plugs in): its copies are the
+  // window's transfers, to and from the chosen app's Documents.
+  apps_ = new AppsPage(pages_);
+  pages_->addTab(apps_, tr("Apps"));
+  apps_->SetTransferStarter([this](const QString &app, Transfer::Direction direction, std::vector<TransferItem> items) {
+    auto transfer = std::make_unique<Transfer>(udid_, direction, std::move(items));
+    transfer->SetApp(app);
+    return Begin(std::move(transfer));
+  });
+  connect(this, &MainWindow::TransferFinished, apps_, &AppsPage::TransferDone);
   split_->addWidget(devices_);
   split_->addWidget(pages_);
   split_->setStretchFactor(1, 1);
@@ -183,6 +193,8 @@ void MainWindow::ChooseDevice(const QString &udid) {
   link_ = udid.isEmpty() ? nullptr : std::make_shared<DeviceLink>(udid);
   for (CataloguePage *p : catalogue_) p->Clear();
   files_->SetDevice(link_);
+  apps_->SetDevice(udid);
+  if (pages_->currentWidget() == apps_) apps_->Load();
   if (udid.isEmpty()) {
     overview_->Show(nullptr, {app::kNoDevice, TARN_OK, tr("No device is chosen. Plug in a device and choose it on the left.").toStdString()});
     return;
@@ -221,6 +233,7 @@ void MainWindow::ChooseDevice(const QString &udid) {
 }
 
 void MainWindow::LoadCurrentPage() {
+  if (pages_->currentWidget() == apps_) apps_->Load();
   auto *page = qobject_cast<CataloguePage *>(pages_->currentWidget());
   if (page != nullptr && opened_ && !page->loaded()) page->Load(link_);
 }

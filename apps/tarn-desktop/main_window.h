@@ -14,6 +14,7 @@
 #include <QTimer>
 #include <QUrl>
 
+#include "apps_page.h"
 #include "files_page.h"
 #include "jobs.h"
 #include "pages.h"
@@ -31,6 +32,7 @@ class MainWindow : public QMainWindow {
   OverviewPage *overview() { return overview_; }
   CataloguePage *page(Kind kind);
   FilesPage *files() { return files_; }
+  AppsPage *apps() { return apps_; }
   QString udid() const { return udid_; }
   Transfer *transfer() { return transfer_.get(); }
   QLabel *transferResult() { return result_; }
@@ -75,6 +77,7 @@ class MainWindow : public QMainWindow {
   OverviewPage *overview_;
   std::vector<CataloguePage *> catalogue_;
   FilesPage *files_;
+  AppsPage *apps_;
   QWidget *transfer_bar_;
   QProgressBar *progress_;
   QLabel *current_;

@@ -6,8 +6,13 @@
 
 namespace tarn::app {
 
-DevicePath NormaliseDevicePath(std::string_view text) {
+DevicePath NormaliseDevicePath(std::string_view text, std::string_view base) {
   if (text.empty()) Fail(kUsage, "an empty device path");
+  std::string joined;
+  if (text.front() != '/') {
+    joined.append(base).append("/").append(text);
+    return NormaliseDevicePath(joined);
+  }
   std::vector<std::string_view> parts;
   std::string_view last;
   for (size_t start = 0; start <= text.size();) {

@@ -13,10 +13,10 @@ struct DevicePath {
   bool dir_only = false;  // the text ended in '/', "/." or "/..": it must name a directory
 };
 
-// Relative paths count from the root, as the device has no working
-// directory. Fails with kUsage for an empty path or one that climbs above
-// the root.
-DevicePath NormaliseDevicePath(std::string_view text);
+// Relative paths count from `base` (the root, as the device has no working
+// directory; an app's Documents for a session on an app). Fails with kUsage
+// for an empty path or one that climbs above the root.
+DevicePath NormaliseDevicePath(std::string_view text, std::string_view base = "/");
 
 inline bool IsDeviceRoot(const std::string &normalised) { return normalised == "/"; }
 std::string JoinDevicePath(const std::string &dir, const std::string &name);

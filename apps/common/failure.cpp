@@ -106,6 +106,9 @@ int StatusOf(TarnErrorCode code, int fallback) {
     case TARN_E_CONNECTION_LOST: return kDisconnected;
     case TARN_E_DEVICE_FULL: return kDeviceFull;
     case TARN_E_SYNC_LOCK_BUSY: return kBusy;
+    case TARN_E_APP_NOT_INSTALLED:
+    case TARN_E_APP_NOT_SHARING:
+    case TARN_E_APP_REFUSED: return kNoApp;
     default: return fallback;
   }
 }

@@ -29,6 +29,7 @@ enum Status : int {
   kDeviceFull = 11,     // the device has no space left
   kBusy = 12,           // the device is syncing with another computer; nothing was written
   kNoUsbmuxd = 13,      // the usbmux daemon cannot be reached
+  kNoApp = 14,          // the app is not installed, shares no files, or the device refused its files
   kCancelled = 130,     // interrupted by the user (128 + SIGINT, as shells report it)
   kTerminated = 143,    // stopped by SIGTERM (128 + 15; SIGHUP gives 129), after cleaning up
 };

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <system_error>
 
+#include "common/app_list.h"
 #include "common/device_path.h"
 #include "common/naming.h"
 #include "common/text.h"
@@ -11,6 +12,13 @@
 namespace tarn::app {
 namespace fs = std::filesystem;
 namespace {
+
+// An app's shared files hang below its Documents folder: like the root of
+// the media partition, it is what holds everything else, and a phone gives
+// no way to make it again.
+bool IsAppDocuments(const Session &session, const std::string &path) {
+  return !session.options().app.empty() && path == kAppDocuments;
+}
 
 uint64_t ParseUint(const char *text) { return text != nullptr ? std::strtoull(text, nullptr, 10) : 0; }
 int64_t ParseInt(const char *text) { return text != nullptr ? std::strtoll(text, nullptr, 10) : 0; }
@@ -230,6 +238,7 @@ void MakeDirectory(Session &session, const std::string &path, bool parents) {
 
 std::string Move(Session &session, const std::string &from, std::string to, bool into) {
   if (IsDeviceRoot(from)) Fail(kUsage, "cannot move the root of the device");
+  if (IsAppDocuments(session, from)) Fail(kUsage, "cannot move the app's Documents folder");
   session.Require(from);
   if (into && session.Stat(to).is_dir) to = JoinDevicePath(to, BaseName(from));
   if ((to + "/").rfind(from + "/", 0) == 0) Fail(kUsage, "cannot move " + from + " into itself");
@@ -246,6 +255,7 @@ void Remove(Session &session, const std::string &path, bool recursive) {
   // Checked on the normalised path, before anything else: no spelling of
   // the root ("/.", "/DCIM/..", "//") is ever removed.
   if (IsDeviceRoot(path)) Fail(kUsage, "refusing to remove the root of the device");
+  if (IsAppDocuments(session, path)) Fail(kUsage, "refusing to remove the app's Documents folder");
   const PathInfo info = session.Require(path);
   session.RefuseWhileSyncing();
   if (info.is_dir && recursive) DeleteDir(session.device(), path.c_str());

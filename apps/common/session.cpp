@@ -89,7 +89,10 @@ std::string WorkDirFor(const SessionOptions &options, const std::string &udid) {
 void Session::DeviceDeleter::operator()(PodDevice *d) const { FreePodDevice(d); }
 
 Session::Session(const SessionOptions &options, std::string udid)
-    : options_(options), udid_(std::move(udid)), device_(CreatePodDevice(udid_.c_str())) {
+    : options_(options),
+      udid_(std::move(udid)),
+      device_(options_.app.empty() ? CreatePodDevice(udid_.c_str())
+                                   : CreatePodDeviceForApp(udid_.c_str(), options_.app.c_str())) {
   if (!device_) Fail(kFailed, "cannot create a handle for " + udid_);
 }
 

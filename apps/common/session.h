@@ -19,6 +19,7 @@ struct SessionOptions {
   std::string udid;     // empty: the only device attached
   std::string workdir;  // empty: the per-device cache directory
   bool refresh = false;  // drop the database copies first
+  std::string app;       // empty: the media partition; else the bundle identifier whose Documents to reach
 };
 
 // What the device says about one path (the file-information vector, parsed).

@@ -20,9 +20,11 @@ QThreadPool *JobPool() {
   return pool;
 }
 
-DeviceLink::DeviceLink(const QString &udid) : udid_(udid), shared_(std::make_shared<Shared>()) {
+DeviceLink::DeviceLink(const QString &udid, const QString &app)
+    : udid_(udid), app_(app), shared_(std::make_shared<Shared>()) {
   // The databases are read afresh each time a device is chosen.
   shared_->options = SessionFor(udid, true);
+  shared_->options.app = app.toStdString();
   shared_->udid = udid.toStdString();
 }
 
@@ -73,12 +75,14 @@ class Outcome {
 
 // Downloads and uploads through the same plans and batches as `tarn pull`
 // and `tarn push`, over a connection of their own: a transfer is one action.
-TransferResult RunCopies(const QString &udid, bool upload, const std::vector<TransferItem> &items,
+TransferResult RunCopies(const QString &udid, const QString &app, bool upload, const std::vector<TransferItem> &items,
                          Transfer::State &state) {
   TransferResult result;
   Outcome outcome(result);
   try {
-    app::Session session(SessionFor(udid), udid.toStdString());
+    app::SessionOptions options = SessionFor(udid);
+    options.app = app.toStdString();
+    app::Session session(options, udid.toStdString());
     session.Connect();
     if (upload) {
       app::UploadPlan plan;
@@ -189,10 +193,10 @@ void Transfer::Start() {
   const Direction direction = direction_;
   RunInBackground(
       this,
-      [udid = udid_, direction, items = items_, request = request_, import = import_, state] {
+      [udid = udid_, app = app_, direction, items = items_, request = request_, import = import_, state] {
         if (direction == Direction::kExport) return RunExport(udid, request, *state);
         if (direction == Direction::kImport) return RunImport(udid, import, *state);
-        return RunCopies(udid, direction == Direction::kUpload, items, *state);
+        return RunCopies(udid, app, direction == Direction::kUpload, items, *state);
       },
       [this](const TransferResult &result) {
         tick_.stop();

@@ -50,8 +50,11 @@ void RunInBackground(QObject *context, Work work, Done done) {
 // handle): jobs run on the pool, each holding the session alone while it runs.
 class DeviceLink {
  public:
-  explicit DeviceLink(const QString &udid);
+  // With `app`, the session reaches that app's Documents instead of the
+  // media partition (the Apps page's browser).
+  explicit DeviceLink(const QString &udid, const QString &app = {});
   const QString &udid() const { return udid_; }
+  const QString &app() const { return app_; }
 
   // Runs `work(session)` on the pool and hands its result to `done` on the
   // thread of `context`. A connection found broken after a job is let go,
@@ -84,6 +87,7 @@ class DeviceLink {
     std::unique_ptr<app::Session> session;
   };
   QString udid_;
+  QString app_;
   std::shared_ptr<Shared> shared_;
 };
 
@@ -116,6 +120,9 @@ class Transfer : public QObject {
   Transfer(QString udid, app::ImportRequest request, QObject *parent = nullptr);
   ~Transfer() override;
 
+  // Copies to and from the Documents of `app` rather than the media
+  // partition; called before Start().
+  void SetApp(const QString &app) { app_ = app; }
   void Start();
   // Asks the copy to stop at its next block; its partial file is removed.
   void Cancel();
@@ -138,6 +145,7 @@ class Transfer : public QObject {
  private:
   void Publish();
   QString udid_;
+  QString app_;
   Direction direction_;
   std::vector<TransferItem> items_;
   app::ExportRequest request_;

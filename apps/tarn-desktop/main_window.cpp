@@ -104,6 +104,16 @@ MainWindow::MainWindow(QWidget *parent) : QMainWindow(parent) {
   AddView("music", music_, tr("Artists"), /*first=*/true);
   files_ = new FilesPage(stack_);
   AddSection({"files", tr("&Files"), QKeySequence(Qt::CTRL | Qt::Key_7)}, files_);
+  // The apps that share files with computers, and their Documents: its
+  // copies are the window's transfers (apps_page.h says how it plugs in).
+  apps_ = new AppsPage(stack_);
+  AddSection({"apps", tr("&Apps"), QKeySequence(Qt::CTRL | Qt::Key_8)}, apps_);
+  apps_->SetTransferStarter([this](const QString &app, Transfer::Direction direction, std::vector<TransferItem> items) {
+    auto transfer = std::make_unique<Transfer>(udid_, direction, std::move(items));
+    transfer->SetApp(app);
+    return Begin(std::move(transfer));
+  });
+  connect(this, &MainWindow::TransferFinished, apps_, &AppsPage::TransferDone);
   split_->addWidget(sidebar_);
   split_->addWidget(right);
   split_->setStretchFactor(1, 1);

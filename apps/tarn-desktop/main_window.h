@@ -34,6 +34,7 @@
 #include <QTreeWidget>
 #include <QUrl>
 
+#include "apps_page.h"
 #include "files_page.h"
 #include "jobs.h"
 #include "music_browser.h"
@@ -77,6 +78,7 @@ class MainWindow : public QMainWindow {
   FilesPage *files() { return files_; }
   PhotosPage *photos() { return photos_; }
   MusicBrowser *music() { return music_; }
+  AppsPage *apps() { return apps_; }
   QString udid() const { return udid_; }
   bool opened() const { return opened_; }
   bool syncing() const { return syncing_; }
@@ -166,6 +168,7 @@ class MainWindow : public QMainWindow {
   QString section_ = "overview";
   PhotosPage *photos_;
   MusicBrowser *music_;
+  AppsPage *apps_;
   QWidget *transfer_bar_;
   QProgressBar *progress_;
   QLabel *current_;

@@ -10,6 +10,7 @@
 
 #include <tarn/tarn_tool.h>
 
+#include "common/app_list.h"
 #include "common/device_path.h"
 #include "common/naming.h"
 #include "common/text.h"
@@ -75,7 +76,8 @@ int ReportBatch(const char *what, const BatchReport &report) {
 }  // namespace
 
 int CmdLs(Session &session, const Args &args) {
-  const std::string path = args.positional.empty() ? "/" : args.positional[0];
+  const std::string path =
+      !args.positional.empty() ? args.positional[0] : session.options().app.empty() ? "/" : kAppDocuments;
   const uint32_t depth = DepthOption(args);
   const bool long_format = args.has("-l");
   const PathInfo info = session.Require(path);

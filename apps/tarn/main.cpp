@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "common/app_list.h"
 #include "common/catalogue.h"
 #include "common/device_path.h"
 #include "common/session.h"
@@ -76,6 +77,12 @@ const std::vector<CommandEntry> &Commands() {
        "  --jpeg   write HEIC pictures as JPEG, for programs that do not read HEIC (one that\n"
        "           cannot be decoded is kept as HEIC, with a warning)\n",
        {"--jpeg"}, {}, 2, 2, {}, Needs::kCatalogue, CmdImport},
+      {"apps", "apps [--json | --xml]", "list the installed apps and whether they share files",
+       "Prints each app the person installed: identifier, name, version, and whether it shares\n"
+       "files with computers (only those can be reached with --app).\n"
+       "  --json   the list as JSON (keys and order as the library gives them)\n"
+       "  --xml    the list as the library returns it (property list XML)\n",
+       {"--json", "--xml"}, {}, 0, 0, {}, Needs::kDevice, CmdApps},
       {"ls", "ls [PATH] [-l] [-R | --depth N]", "list a device directory",
        "  -l          type (d directory, - file, l link with its target), size and modification\n"
        "              time of each entry\n"
@@ -124,6 +131,9 @@ const char *const kGlobalHelp =
     "  -v, --verbose     show the library's own console lines on standard error\n"
     "  --workdir DIR     where the device's databases are copied (default:\n"
     "                    $XDG_CACHE_HOME/tarn/UDID, or ~/.cache/tarn/UDID)\n"
+    "  --app BUNDLE      ls, stat, find, mkdir, mv, rm, pull and push work on the Documents\n"
+    "                    of the app BUNDLE (tarn apps lists them) instead of the media\n"
+    "                    partition; relative device paths count from /Documents\n"
     "  --refresh         drop the copies first (a copy whose device file changed size or\n"
     "                    time is read afresh anyway; only in a working directory that tarn\n"
     "                    set up itself, or an empty one)\n"
@@ -140,6 +150,7 @@ const char *const kExitHelp =
     "  7 path not found on the device                  8 host path cannot be read or written\n"
     "  9 target exists      10 device disconnected     11 device full\n"
     "  12 device busy syncing with another computer   13 usbmuxd not running\n"
+    "  14 the app is not installed or does not share files\n"
     "  130 cancelled by Ctrl-C, 143 by SIGTERM, 129 by SIGHUP (temporary files removed)\n";
 
 void PrintUsage(std::FILE *out) {
@@ -214,6 +225,7 @@ CommandLine Parse(int argc, char **argv) {
     else if (word.rfind("-u", 0) == 0 && word.size() > 2) line.options.session.udid = word.substr(2);
     else if (word == "-v" || word == "--verbose") line.options.verbose = true;
     else if (word == "--workdir") line.options.session.workdir = value(word);
+    else if (word == "--app") line.options.session.app = value(word);
     else if (word == "--refresh") line.options.session.refresh = true;
     else if (word == "--progress") line.options.progress = true;
     else if (word == "--no-progress") line.options.progress = false;
@@ -242,11 +254,15 @@ int Run(CommandLine line) {
     UsageError(&c, std::string(n < c.min_args ? "missing" : "too many") + " arguments: tarn " + c.usage);
   for (const auto &arg : line.args.positional)
     if (arg.empty()) UsageError(&c, "an argument is empty");
-  // Every device path is normalised here, once, before any command sees it.
+  const std::string &app = line.options.session.app;
+  if (!app.empty() && (c.device_args.empty() || c.run == CmdApps))
+    UsageError(&c, std::string("--app works with ls, stat, find, mkdir, mv, rm, pull and push, not ") + c.name);
+  // Every device path is normalised here, once, before any command sees it;
+  // an app's relative paths count from its Documents.
   line.args.dir_only.assign(n, false);
   for (size_t i : c.device_args) {
     if (i >= n) continue;
-    const DevicePath path = NormaliseDevicePath(line.args.positional[i]);
+    const DevicePath path = NormaliseDevicePath(line.args.positional[i], app.empty() ? "/" : kAppDocuments);
     line.args.positional[i] = path.path;
     line.args.dir_only[i] = path.dir_only;
   }

@@ -30,6 +30,7 @@ enum ExitCode : int {
   kExitDeviceFull = kDeviceFull,
   kExitBusy = kBusy,
   kExitNoUsbmuxd = kNoUsbmuxd,
+  kExitNoApp = kNoApp,
   kExitCancelled = kCancelled,
   kExitTerminated = kTerminated,
 };
@@ -52,6 +53,7 @@ struct Args {
 int CmdDevices(const GlobalOptions &options, const Args &args);
 int CmdInfo(Session &session, const Args &args);
 int CmdList(Session &session, const Args &args);
+int CmdApps(Session &session, const Args &args);
 int CmdExport(Session &session, const Args &args);
 int CmdImport(Session &session, const Args &args);
 int CmdLs(Session &session, const Args &args);

@@ -75,11 +75,11 @@
 /** Major version of the interface this header declares; it is the soname's number. */
 #define TARN_DEVICE_VERSION_MAJOR 1
 /** Minor version: grows when functions are added. */
-#define TARN_DEVICE_VERSION_MINOR 1
+#define TARN_DEVICE_VERSION_MINOR 2
 /** Patch version: grows with fixes that change no declaration. */
 #define TARN_DEVICE_VERSION_PATCH 0
 /** The three numbers as text, "MAJOR.MINOR.PATCH". */
-#define TARN_DEVICE_VERSION "1.1.0"
+#define TARN_DEVICE_VERSION "1.2.0"
 
 #ifdef __cplusplus
 extern "C" {
@@ -380,6 +380,64 @@ TARN_API char *TarnGetDeviceName(PodDevice *device);
  *         TARN_E_NO_DEVICE, TARN_E_NO_USBMUXD, or another lockdown refusal.
  */
 TARN_API int TarnPairDevice(PodDevice *device);
+
+/* ------------------------------------------------------------------------ */
+/* Apps and their Documents                                                  */
+/* ------------------------------------------------------------------------ */
+
+/**
+ * The apps the person installed (installation_proxy "Browse" of user apps,
+ * read page by page as the device sends them), sorted by name, then
+ * identifier: an array of dictionaries {"identifier" (bundle identifier),
+ * "name" (display name, else bundle name, else the identifier), "version"
+ * (short version string, else bundle version, else ""), "file_sharing"
+ * (boolean: the app shares files with computers, so that
+ * CreatePodDeviceForApp() reaches its Documents)} and, with with_icons not
+ * 0, "icon" (data: the app's icon as PNG, from springboardservices; left
+ * out when the device gives none).
+ *
+ * Over the held connection's lockdown session when there is one, else over
+ * a connection of its own: one secure handshake for the list and all its
+ * icons. Needs no InitDevice(). Prints nothing.
+ * @return A new array (empty when no app is installed), or NULL
+ *         (TarnLastError() says why: the device cannot be reached, the
+ *         connection broke, TARN_E_DEVICE when the device answered the
+ *         list with an error).
+ */
+TARN_API plist_t TarnListApps(PodDevice *device, int with_icons);
+
+/**
+ * Creates a handle for the Documents of one app: the same handle as
+ * CreatePodDevice() gives, with every slot filled, except that its
+ * connections reach the app's files instead of the media partition. Each
+ * connection asks house_arrest to vend the app's Documents
+ * ("VendDocuments") and speaks the file conduit over that connection, so
+ * every file-system function works on it unchanged: GetDirOrFileInfo(),
+ * IsDirExist(), IsFileExist(), GetPodDir(), SearchFile(), MakeDir(),
+ * RenamePath(), DeleteFile(), DeleteDir(), the copies both ways with
+ * progress and cancel, CopyDeviceDirectory(), and, over the held
+ * connection (TarnHoldConnection(), TarnHeldClient()), the workers and
+ * single requests that take a client.
+ *
+ * Paths are the app's as the device presents them: the shared files are
+ * below "/Documents" (what `ifuse --documents` shows as its root); the
+ * container root "/" holds nothing else one may write to. No media sync
+ * guards an app's files, so the sync lock is not taken on them:
+ * TarnSyncLock() on such a client returns 0 and records nothing.
+ *
+ * The app is not asked for here: the first call that connects records
+ * TARN_E_APP_NOT_INSTALLED, TARN_E_APP_NOT_SHARING or TARN_E_APP_REFUSED
+ * when its Documents cannot be vended (TarnHoldConnection() then returns
+ * 1). The catalogue calls (InitDevice(), the lists, GetDeviceInfo()) see
+ * the app's files and find no media there: use a handle from
+ * CreatePodDevice() for them. Prints "CreatePodDevice".
+ * @param device_id Device identifier (copied).
+ * @param bundle_id The app's bundle identifier (copied), as TarnListApps()
+ *        gives it.
+ * @return A new handle, released with FreePodDevice(); NULL when either
+ *         argument is NULL or empty (TARN_E_INVALID_ARGUMENT).
+ */
+TARN_API PodDevice *CreatePodDeviceForApp(const char *device_id, const char *bundle_id);
 
 /* ------------------------------------------------------------------------ */
 /* Device information and storage use                                        */
@@ -991,7 +1049,11 @@ TARN_API int Mkdir(const char *path);
  *  - TARN_E_INVALID_ARGUMENT: a function given NULL (or an unusable value)
  *    where it needs one.
  *  - TARN_E_DEVICE: a lockdown error with no reason of its own
- *    (lockdown_error set).
+ *    (lockdown_error set); an app list the device answered with an error.
+ *  - TARN_E_APP_NOT_INSTALLED, TARN_E_APP_NOT_SHARING, TARN_E_APP_REFUSED:
+ *    every function that opens a connection, on a handle made by
+ *    CreatePodDeviceForApp(). They rank with the reasons that break the
+ *    connection: no request reached the app's files.
  * The helpers (plist, path and string helpers) record nothing but
  * TARN_E_HOST_IO from Mkdir().
  */
@@ -1019,7 +1081,10 @@ typedef enum TarnErrorCode {
     TARN_E_HOST_IO = 20,              /**< A host file could not be read or written; host_errno holds the errno value (ENOSPC: no space left on the host). */
     TARN_E_INVALID_ARGUMENT = 21,     /**< A required argument was NULL, empty or not usable. */
     TARN_E_DEVICE = 22,               /**< Any other failure of the device or its protocol library. */
-    TARN_E_NOT_REACHABLE = 23         /**< The device keeps this kind of media where file access over USB cannot reach it (voice memos and books on current phones). */
+    TARN_E_NOT_REACHABLE = 23,        /**< The device keeps this kind of media where file access over USB cannot reach it (voice memos and books on current phones). */
+    TARN_E_APP_NOT_INSTALLED = 24,    /**< No app with that bundle identifier is installed on the device. */
+    TARN_E_APP_NOT_SHARING = 25,      /**< The app is installed but does not share files with computers (UIFileSharingEnabled is off), so its Documents cannot be reached. */
+    TARN_E_APP_REFUSED = 26           /**< The device refused access to the app's files for another reason; the message names the device's answer. */
 } TarnErrorCode;
 
 /** The reason for the last failure on the calling thread. */

@@ -1,15 +1,16 @@
 # bash completion for tarn(1): commands, options, catalogue kinds, device
-# identifiers (tarn devices) and device paths (tarn ls on the device chosen).
+# identifiers (tarn devices), the bundle identifiers of apps that share files
+# (tarn apps) and device paths (tarn ls on the device, or app, chosen).
 # Installed as /usr/share/bash-completion/completions/tarn; it needs none of
 # bash-completion's helpers, so `source` alone also works.
 
-_tarn_commands="devices info list export import ls stat find mkdir mv rm pull push"
+_tarn_commands="devices info list apps export import ls stat find mkdir mv rm pull push"
 _tarn_kinds="music movies podcasts tvshows audiobooks ringtones playlists recordings books camera pictures"
-_tarn_global_options="-u --udid -v --verbose --workdir --refresh --progress --no-progress -h --help --version"
+_tarn_global_options="-u --udid -v --verbose --workdir --app --refresh --progress --no-progress -h --help --version"
 
 _tarn_command_options() {
   case $1 in
-    info | list) echo "--json --xml" ;;
+    info | list | apps) echo "--json --xml" ;;
     export) echo "--match" ;;
     import) echo "--jpeg" ;;
     ls) echo "-l -R --depth" ;;
@@ -60,8 +61,9 @@ _tarn() {
     word=${COMP_WORDS[i]}
     [[ ${COMP_WORDS[i + 1]} == "=" ]] && ((i += 1))
     case $word in
-      -u | --udid) device=(-u "${COMP_WORDS[i + 1]}") ;&
+      -u | --udid) device+=(-u "${COMP_WORDS[i + 1]}") ;&
       --workdir | --depth | --match) ((i += 1)); continue ;;
+      --app) device+=(--app "${COMP_WORDS[i + 1]}"); ((i += 1)); continue ;;
       -*) continue ;;
     esac
     if [[ -z $cmd ]]; then cmd=$word; else ((position += 1)); fi
@@ -70,6 +72,11 @@ _tarn() {
   case $prev in
     -u | --udid)
       _tarn_add_words "$cur" "$(timeout 10 "$tarn" devices 2>/dev/null | cut -d' ' -f1)"
+      return 0 ;;
+    --app)
+      # Only apps that share files can be reached; their identifier is the
+      # first column of tarn apps and "yes" the last.
+      _tarn_add_words "$cur" "$(timeout 10 "$tarn" "${device[@]}" apps 2>/dev/null | awk 'NR > 1 && $NF == "yes" {print $1}')"
       return 0 ;;
     --workdir) _tarn_host_paths -d; return 0 ;;
     --depth | --match) return 0 ;;

@@ -5,6 +5,7 @@
 #include "image.h"
 
 #include <fcntl.h>
+#include <gdk-pixbuf/gdk-pixbuf.h>
 #include <glib.h>
 #include <plist/plist.h>
 #include <sqlite3.h>
@@ -207,6 +208,90 @@ void WritePattern(const fs::path &path, uint64_t size) {
   if (!out) throw std::runtime_error("cannot write " + path.string());
 }
 
+// Plain entries ("files"): files, directories, links and patterned files
+// below `root`.
+void WriteEntries(const json &entries, const fs::path &root) {
+  for (const auto &f : entries) {
+    const fs::path p = UnderMedia(root, f.at("path").get<std::string>());
+    if (f.value("dir", false)) {
+      fs::create_directories(p);
+      SetTime(p, f.value("mtime", int64_t{0}));
+    } else if (f.contains("link")) {
+      // Kept as written: links that climb out of the image or point at
+      // themselves are what some tests need.
+      fs::create_directories(p.parent_path());
+      fs::create_symlink(f["link"].get<std::string>(), p);
+    } else if (f.value("pattern", false)) {
+      WritePattern(p, f.value("size", uint64_t{0}));
+    } else {
+      WriteFile(p, f.value("size", uint64_t{0}), f.value("content", std::string()), f.value("mtime", int64_t{0}));
+    }
+  }
+}
+
+// An app icon as springboardservices hands it out: a square PNG of the
+// given colour ("#rrggbb") with a lighter band, so that icons differ at a
+// glance.
+std::string IconPng(const std::string &colour) {
+  unsigned rgb = 0x3478f6;
+  if (colour.size() == 7 && colour[0] == '#') rgb = static_cast<unsigned>(std::stoul(colour.substr(1), nullptr, 16));
+  constexpr int kSide = 60;
+  std::unique_ptr<GdkPixbuf, decltype(&g_object_unref)> pixbuf(
+      gdk_pixbuf_new(GDK_COLORSPACE_RGB, FALSE, 8, kSide, kSide), &g_object_unref);
+  if (!pixbuf) throw std::runtime_error("cannot make an icon");
+  guchar *pixels = gdk_pixbuf_get_pixels(pixbuf.get());
+  const int stride = gdk_pixbuf_get_rowstride(pixbuf.get());
+  for (int y = 0; y < kSide; ++y) {
+    const bool band = y >= kSide / 3 && y < kSide * 2 / 3;
+    for (int x = 0; x < kSide; ++x) {
+      guchar *p = pixels + y * stride + x * 3;
+      for (int c = 0; c < 3; ++c) {
+        const unsigned v = (rgb >> (16 - 8 * c)) & 0xff;
+        p[c] = static_cast<guchar>(band ? (v + 255) / 2 : v);
+      }
+    }
+  }
+  gchar *buffer = nullptr;
+  gsize size = 0;
+  GError *error = nullptr;
+  if (!gdk_pixbuf_save_to_buffer(pixbuf.get(), &buffer, &size, "png", &error, nullptr)) {
+    const std::string why = error ? error->message : "unknown error";
+    if (error) g_error_free(error);
+    throw std::runtime_error("gdk-pixbuf could not write a PNG: " + why);
+  }
+  std::string out(buffer, size);
+  g_free(buffer);
+  return out;
+}
+
+// Installed apps: apps.json (the attributes installation_proxy lists),
+// each app's container apps/ID with its Documents, and icons/ID.png.
+void WriteApps(const json &apps, const fs::path &out) {
+  json list = json::array();
+  for (const auto &a : apps) {
+    const std::string id = a.at("identifier").get<std::string>();
+    if (id.empty() || id.find('/') != std::string::npos || id == "." || id == "..")
+      throw std::runtime_error("an app identifier must be a plain name: \"" + id + "\"");
+    json attributes = json::object();
+    attributes["CFBundleIdentifier"] = id;
+    attributes["CFBundleDisplayName"] = a.value("name", id);
+    attributes["CFBundleName"] = a.value("name", id);
+    // An app may leave its short version out; lists fall back to the build.
+    if (a.contains("version")) attributes["CFBundleShortVersionString"] = a["version"];
+    attributes["CFBundleVersion"] = a.value("build", a.value("version", std::string("1")));
+    attributes["ApplicationType"] = a.value("type", std::string("User"));
+    attributes["UIFileSharingEnabled"] = a.value("file_sharing", false);
+    if (a.value("developer", false)) attributes["Entitlements"] = {{"get-task-allow", true}};
+    list.push_back(attributes);
+    const fs::path container = out / "apps" / id;
+    fs::create_directories(container / "Documents");
+    WriteEntries(a.value("documents", json::array()), container / "Documents");
+    fs::create_directories(out / "icons");
+    std::ofstream(out / "icons" / (id + ".png"), std::ios::binary) << IconPng(a.value("icon", std::string()));
+  }
+  std::ofstream(out / "apps.json") << list.dump(2) << "\n";
+}
+
 }  // namespace
 
 void WriteFile(const fs::path &path, uint64_t size, const std::string &content, int64_t mtime) {
@@ -249,23 +334,9 @@ void BuildImage(const json &d, const fs::path &out, const fs::path &base) {
   }
   if (d.contains("photos")) WritePhotos(d["photos"], media);
   if (d.contains("recordings")) WriteRecordings(d["recordings"], media);
-  for (const auto &f : d.value("files", json::array())) {
-    const fs::path p = UnderMedia(media, f.at("path").get<std::string>());
-    if (f.value("dir", false)) {
-      fs::create_directories(p);
-      SetTime(p, f.value("mtime", int64_t{0}));
-    } else if (f.contains("link")) {
-      // Kept as written: links that climb out of the image or point at
-      // themselves are what some tests need.
-      fs::create_directories(p.parent_path());
-      fs::create_symlink(f["link"].get<std::string>(), p);
-    } else if (f.value("pattern", false)) {
-      WritePattern(p, f.value("size", uint64_t{0}));
-    } else {
-      WriteFile(p, f.value("size", uint64_t{0}), f.value("content", std::string()), f.value("mtime", int64_t{0}));
-    }
-  }
+  WriteEntries(d.value("files", json::array()), media);
   if (d.contains("tree")) WriteTree(d["tree"], media);
+  if (d.contains("apps")) WriteApps(d["apps"], out);
 }
 
 }  // namespace mkimage

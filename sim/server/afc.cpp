@@ -269,8 +269,8 @@ struct Handle {
 
 class Session {
  public:
-  Session(int sock, Device& dev) : sock_(sock), dev_(dev), res_(-1) {
-    root_.reset(::open(dev.media_root().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  Session(int sock, Device& dev, const std::string& root) : sock_(sock), dev_(dev), res_(-1) {
+    root_.reset(::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     res_ = RootResolver(root_.get());
   }
   ~Session() {
@@ -875,8 +875,8 @@ uint64_t Session::remove_path(std::string_view path, bool recursive) {
 
 }  // namespace
 
-void serve_afc(int fd, Device& dev) {
-  Session s(fd, dev);
+void serve_afc(int fd, Device& dev, const std::string& root) {
+  Session s(fd, dev, root);
   s.run();
 }
 

@@ -25,7 +25,8 @@ class RootResolver {
 };
 
 // Serves one file-conduit connection until the peer leaves or a fault
-// drops it. Updates the device's counters as it goes.
-void serve_afc(int fd, Device& dev);
+// drops it, rooted at `root` (the media partition, or an app's container
+// over house_arrest). Updates the device's counters as it goes.
+void serve_afc(int fd, Device& dev, const std::string& root);
 
 }  // namespace devsim

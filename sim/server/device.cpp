@@ -146,6 +146,7 @@ Device::Device(std::string image, uint32_t mux_id) : image_(std::move(image)), m
     }
   }
   if (udid_.empty()) udid_ = hex_id(image_, 40);
+  load_apps();
   if (!plist_dict_get_item(values_.get(), "UniqueDeviceID"))
     plist_dict_set_item(values_.get(), "UniqueDeviceID", plist_new_string(udid_.c_str()));
   host_id_ = hex_id("host:" + udid_, 32);
@@ -159,6 +160,34 @@ Device::Device(std::string image, uint32_t mux_id) : image_(std::move(image)), m
                       plist_new_data(pub.data(), static_cast<uint64_t>(pub.size())));
   if (!plist_dict_get_item(values_.get(), "WiFiAddress"))
     plist_dict_set_item(values_.get(), "WiFiAddress", plist_new_string(identity_->wifi_mac.c_str()));
+}
+
+// The apps of IMAGE/apps.json: an array of attribute dictionaries as
+// installation_proxy answers them. The image builder writes it with each
+// app's container in IMAGE/apps/ID and its icon in IMAGE/icons/ID.png.
+void Device::load_apps() {
+  std::ifstream in(image_ + "/apps.json");
+  if (!in) return;
+  json list;
+  try {
+    list = json::parse(in);
+  } catch (const std::exception& e) {
+    throw std::runtime_error(image_ + "/apps.json: " + e.what());
+  }
+  if (!list.is_array()) throw std::runtime_error(image_ + "/apps.json: not an array");
+  for (const auto& entry : list) {
+    if (!entry.is_object() || !entry.contains("CFBundleIdentifier") || !entry["CFBundleIdentifier"].is_string())
+      throw std::runtime_error(image_ + "/apps.json: an app without CFBundleIdentifier");
+    App app;
+    app.id = entry["CFBundleIdentifier"].get<std::string>();
+    app.attributes.reset(json_to_plist(entry));
+    app.file_sharing = entry.value("UIFileSharingEnabled", false);
+    if (auto it = entry.find("Entitlements"); it != entry.end() && it->is_object())
+      app.developer = it->value("get-task-allow", false);
+    app.container = image_ + "/apps/" + app.id;
+    app.icon = image_ + "/icons/" + app.id + ".png";
+    apps_.push_back(std::move(app));
+  }
 }
 
 // The keys every phone answers in its default domain, so that ideviceinfo
@@ -267,13 +296,16 @@ std::string Device::set_option(const std::string& key, const std::string& value,
       f->afc_errors.emplace_back(n, value.substr(colon + 1));
     }
   } else if (key == "drop_after_requests" || key == "drop_after_bytes" || key == "latency_us" ||
-             key == "max_files" || key == "handshake_delay_us" || key == "stall_after_requests") {
+             key == "max_files" || key == "handshake_delay_us" || key == "stall_after_requests" ||
+             key == "browse_page") {
     if (!parse_u64(value, n)) return key + " takes a number";
+    if (key == "browse_page" && n == 0) return "browse_page takes a number above 0";
     if (key == "drop_after_requests") f->drop_after_requests = n;
     else if (key == "drop_after_bytes") f->drop_after_bytes = n;
     else if (key == "latency_us") f->latency_us = n;
     else if (key == "handshake_delay_us") f->handshake_delay_us = n;
     else if (key == "stall_after_requests") f->stall_after_requests = n;
+    else if (key == "browse_page") f->browse_page = n;
     else f->max_files = n;
   } else {
     return "unknown option " + key;
@@ -287,6 +319,7 @@ void Device::clear_faults() {
   std::lock_guard lk(mu_);
   auto f = std::make_shared<Faults>();
   f->max_files = faults_->max_files;  // a slot limit is a property, not a fault
+  f->browse_page = faults_->browse_page;  // so is the page size
   faults_ = std::move(f);
   fault_gen_.fetch_add(1, std::memory_order_acq_rel);
 }
@@ -420,17 +453,27 @@ void Device::distrust(const std::string& host_id) {
   trusted_.erase(host_id);
 }
 
-uint16_t Device::open_service_port() {
+uint16_t Device::open_service_port(const std::string& service) {
   std::lock_guard lk(mu_);
   uint16_t p = next_port_;
   next_port_ = next_port_ >= 65000 ? 49152 : static_cast<uint16_t>(next_port_ + 1);
-  pending_ports_.insert(p);
+  pending_ports_[p] = service;
   return p;
 }
 
-bool Device::take_service_port(uint16_t port) {
+std::string Device::take_service_port(uint16_t port) {
   std::lock_guard lk(mu_);
-  return pending_ports_.erase(port) > 0;
+  auto it = pending_ports_.find(port);
+  if (it == pending_ports_.end()) return {};
+  std::string service = std::move(it->second);
+  pending_ports_.erase(it);
+  return service;
+}
+
+const App* Device::find_app(const std::string& id) const {
+  for (const App& app : apps_)
+    if (app.id == id) return &app;
+  return nullptr;
 }
 
 void Device::log(Op op, std::string_view path) {

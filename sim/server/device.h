@@ -60,6 +60,18 @@ struct Faults {
   std::string pair_answer = "pending";
   uint64_t handshake_delay_us = 0;
   uint64_t stall_after_requests = 0;  // 0: never
+  uint64_t browse_page = 20;          // apps per installation_proxy Browse answer
+};
+
+// An installed app as installation_proxy lists it, with what the simulator
+// keeps for it beside its attributes.
+struct App {
+  std::string id;               // CFBundleIdentifier
+  Plist attributes;             // the dictionary Browse answers (every key the description gives)
+  bool file_sharing = false;    // UIFileSharingEnabled: VendDocuments is answered
+  bool developer = false;       // Entitlements get-task-allow: VendContainer is answered
+  std::string container;        // IMAGE/apps/ID, the root its file conduit serves
+  std::string icon;             // IMAGE/icons/ID.png, may be missing
 };
 
 struct LogEntry {
@@ -111,9 +123,14 @@ class Device {
   std::string model() const;
   void fs_info(uint64_t& total, uint64_t& free_bytes, uint64_t& block) const;
 
-  // Service ports handed out by StartService; each may be connected once.
-  uint16_t open_service_port();
-  bool take_service_port(uint16_t port);
+  // Service ports handed out by StartService, each for one service and
+  // usable once; taking one gives its service name, or "" when unknown.
+  uint16_t open_service_port(const std::string& service);
+  std::string take_service_port(uint16_t port);
+
+  // The installed apps, in the description's order; null when not installed.
+  const std::vector<App>& apps() const { return apps_; }
+  const App* find_app(const std::string& id) const;
 
   // Statistics.
   void count(Op op) { requests_[static_cast<int>(op)].fetch_add(1, std::memory_order_relaxed); }
@@ -131,6 +148,7 @@ class Device {
 
  private:
   void fill_common_values();
+  void load_apps();
 
   std::string image_, media_, udid_, host_id_;
   uint32_t mux_id_;
@@ -150,7 +168,8 @@ class Device {
   bool trusts_default_ = true;   // the device trusts the default record's HostID
   std::set<std::string> trusted_;
   std::set<std::string> repaired_;  // hosts trusted by a Pair since stale_pairing last changed
-  std::set<uint16_t> pending_ports_;
+  std::map<uint16_t, std::string> pending_ports_;
+  std::vector<App> apps_;
   uint16_t next_port_ = 49152;
 
   std::array<std::atomic<uint64_t>, static_cast<int>(Op::Count)> requests_{};

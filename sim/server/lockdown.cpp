@@ -168,12 +168,13 @@ void serve_lockdown(int fd, Device& dev) {
         fail("NoRunningSession");
       } else if (faults->locked) {
         fail("PasswordProtected");
-      } else if (service != "com.apple.afc") {
+      } else if (service != "com.apple.afc" && service != "com.apple.mobile.installation_proxy" &&
+                 service != "com.apple.mobile.house_arrest" && service != "com.apple.springboardservices") {
         fail("InvalidService");
-      } else if (faults->refuse_afc) {
+      } else if (faults->refuse_afc && service == "com.apple.afc") {
         fail("ServiceProhibited");
       } else {
-        plist_dict_set_item(r, "Port", plist_new_uint(dev.open_service_port()));
+        plist_dict_set_item(r, "Port", plist_new_uint(dev.open_service_port(service)));
         plist_dict_set_item(r, "EnableServiceSSL", plist_new_bool(0));
       }
     } else if (request == "Goodbye") {

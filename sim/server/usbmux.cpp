@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "afc.h"
+#include "apps.h"
 #include "lockdown.h"
 #include "server.h"
 
@@ -156,7 +157,8 @@ void Server::serve_usbmux(int fd) {
         continue;
       }
       bool lockdown = port == kLockdownPort;
-      if (!lockdown && !dev->take_service_port(port)) {
+      const std::string service = lockdown ? std::string() : dev->take_service_port(port);
+      if (!lockdown && service.empty()) {
         if (!send_result(fd, tag, kResultConnRefused)) return;
         continue;
       }
@@ -176,8 +178,8 @@ void Server::serve_usbmux(int fd) {
       // From here the socket carries the device port's byte stream.
       if (lockdown)
         serve_lockdown(fd, *dev);
-      else
-        serve_afc(fd, *dev);
+      else if (!serve_app_service(service, fd, *dev))
+        serve_afc(fd, *dev, dev->media_root());
       return;
     } else {
       if (!send_result(fd, tag, kResultBadCommand)) return;

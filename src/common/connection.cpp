@@ -86,7 +86,8 @@ void LockSyncFile(afc_client_t client, uint64_t handle) {
   }
 }
 
-Link::Link(const char *device_id, const char *label) : device_id_(device_id ? device_id : "") {
+Link::Link(const char *device_id, const char *label, const std::string &app)
+    : device_id_(device_id ? device_id : ""), app_(app) {
   if (!ConnectDevice(device_id, &device_)) {
     status_ = Status::kNoDevice;
     return;
@@ -97,11 +98,16 @@ Link::Link(const char *device_id, const char *label) : device_id_(device_id ? de
     return;
   }
   status_ = Status::kOk;
-  afc_ = StartFileService(device_, lockdown_, device_id);
+  afc_ = app_.empty() ? StartFileService(device_, lockdown_, device_id)
+                      : OpenAppDocuments(device_, lockdown_, device_id, app_, &house_arrest_);
 }
 
 Link::~Link() {
+  // The file-conduit client of an app borrows the house_arrest connection,
+  // so it goes first.
+  if (afc_ && house_arrest_) ForgetAppClient(afc_);
   if (afc_) afc_client_free(afc_);
+  if (house_arrest_) house_arrest_client_free(house_arrest_);
   if (lockdown_) lockdownd_client_free(lockdown_);
   if (device_) idevice_free(device_);
 }
@@ -123,7 +129,37 @@ HeldLinks &Held() {
   return held;
 }
 
+// The apps handles were created for; handles live on different threads.
+struct HandleApps {
+  std::mutex mutex;
+  std::map<const PodDevice *, std::string> apps;
+};
+
+HandleApps &Apps() {
+  static HandleApps apps;
+  return apps;
+}
+
 }  // namespace
+
+std::string AppOf(const PodDevice *device) {
+  HandleApps &apps = Apps();
+  const std::lock_guard<std::mutex> guard(apps.mutex);
+  const auto it = apps.apps.find(device);
+  return it == apps.apps.end() ? std::string() : it->second;
+}
+
+void SetAppOf(const PodDevice *device, const char *app) {
+  HandleApps &apps = Apps();
+  const std::lock_guard<std::mutex> guard(apps.mutex);
+  apps.apps[device] = app;
+}
+
+void ForgetApp(const PodDevice *device) {
+  HandleApps &apps = Apps();
+  const std::lock_guard<std::mutex> guard(apps.mutex);
+  apps.apps.erase(device);
+}
 
 const Link *HeldLink(const PodDevice *device) {
   if (device == nullptr) return nullptr;
@@ -139,7 +175,7 @@ bool HoldLink(const PodDevice *device) {
     return false;
   }
   if (HeldLink(device) != nullptr) return true;
-  auto link = std::make_unique<Link>(device->deviceId, "ideviceclient");
+  auto link = std::make_unique<Link>(device->deviceId, "ideviceclient", AppOf(device));
   if (link->status() != Link::Status::kOk || link->afc() == nullptr) return false;
   HeldLinks &held = Held();
   const std::lock_guard<std::mutex> guard(held.mutex);
@@ -163,11 +199,13 @@ void ReleaseLink(const PodDevice *device) {
 LockdownSession::LockdownSession(const PodDevice *device, const char *label) {
   const char *device_id = device ? device->deviceId : nullptr;
   if ((link_ = HeldLink(device)) != nullptr) return;
-  if (enclosing_link != nullptr && device_id != nullptr && enclosing_link->device_id() == device_id) {
+  const std::string app = device ? AppOf(device) : std::string();
+  if (enclosing_link != nullptr && device_id != nullptr && enclosing_link->device_id() == device_id &&
+      enclosing_link->app() == app) {
     link_ = enclosing_link;
     return;
   }
-  own_.emplace(device_id, label);
+  own_.emplace(device_id, label, app);
   link_ = &*own_;
   enclosing_ = enclosing_link;
   enclosing_link = link_;
@@ -196,13 +234,14 @@ void AfcFile::close() {
   }
 }
 
-SyncLock::SyncLock(afc_client_t client)
-    : client_(client), file_(client, kSyncLockPath, AFC_FOPEN_RW) {
-  if (file_.handle() != 0) LockSyncFile(client_, file_.handle());
+SyncLock::SyncLock(afc_client_t client) : client_(client) {
+  if (IsAppClient(client)) return;
+  file_.emplace(client, kSyncLockPath, AFC_FOPEN_RW);
+  if (file_->handle() != 0) LockSyncFile(client_, file_->handle());
 }
 
 SyncLock::~SyncLock() {
-  if (file_.handle() != 0) afc_file_lock(client_, file_.handle(), AFC_LOCK_UN);
+  if (file_ && file_->handle() != 0) afc_file_lock(client_, file_->handle(), AFC_LOCK_UN);
   // file_ closes itself.
 }
 
@@ -212,6 +251,7 @@ extern "C" {
 
 TARN_API uint64_t TarnSyncLock(afc_client_t client) {
   const tarn::ApiCall api_call;
+  if (tarn::IsAppClient(client)) return 0;
   tarn::AfcFile file(client, tarn::kSyncLockPath, AFC_FOPEN_RW);
   if (!file.is_open()) return 0;
   tarn::LockSyncFile(client, file.handle());

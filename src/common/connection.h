@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include <libimobiledevice/afc.h>
+#include <libimobiledevice/house_arrest.h>
 #include <libimobiledevice/libimobiledevice.h>
 #include <libimobiledevice/lockdown.h>
 
@@ -48,21 +49,40 @@ void CloseIdeviceAndAfC(afc_client_t client, idevice_t device);
 // it records TARN_E_SYNC_LOCK_BUSY; the caller goes on without the lock.
 void LockSyncFile(afc_client_t client, uint64_t handle);
 
+// Which file-conduit root a handle reaches: the media partition (empty), or
+// the Documents of the app it was created for (CreatePodDeviceForApp). It
+// hangs beside the handle, as the handle's layout is fixed.
+std::string AppOf(const PodDevice *device);
+void SetAppOf(const PodDevice *device, const char *app);
+void ForgetApp(const PodDevice *device);
+
+// Whether a file-conduit client reaches an app's files rather than the
+// media partition: no media sync guards those, so the sync lock is not
+// taken there (the lock file does not exist in an app's container, and
+// opening it read-write would create it).
+bool IsAppClient(afc_client_t client);
+// Called before such a client is freed, so that a later client at the same
+// address is not taken for one.
+void ForgetAppClient(afc_client_t client);
+
 // One connection to a device: the device connection, a lockdown session
 // and the file-conduit client, released together. It is the unit the
 // library shares: a call's own, or the one a caller holds on a handle
-// (TarnHoldConnection) for the calls made on it until it lets go.
+// (TarnHoldConnection) for the calls made on it until it lets go. With an
+// app, the file-conduit client is the house_arrest connection that vended
+// the app's Documents, so every file-system call works over it unchanged.
 class Link {
  public:
   enum class Status { kOk, kNoDevice, kHandshakeRefused };
 
-  Link(const char *device_id, const char *label);
+  Link(const char *device_id, const char *label, const std::string &app = {});
   ~Link();
   Link(const Link &) = delete;
   Link &operator=(const Link &) = delete;
 
   Status status() const { return status_; }
   const std::string &device_id() const { return device_id_; }
+  const std::string &app() const { return app_; }
   idevice_t device() const { return device_; }
   lockdownd_client_t lockdown() const { return lockdown_; }
   // Null when the file-conduit service could not be started.
@@ -70,11 +90,20 @@ class Link {
 
  private:
   std::string device_id_;
+  std::string app_;
   Status status_ = Status::kNoDevice;
   idevice_t device_ = nullptr;
   lockdownd_client_t lockdown_ = nullptr;
+  house_arrest_client_t house_arrest_ = nullptr;  // owns the connection afc_ speaks over
   afc_client_t afc_ = nullptr;
 };
+
+// The file-conduit client of an app's Documents over a house_arrest
+// connection started on `lockdown` (its owner stored in *house_arrest), or
+// null with the reason recorded: the app is not installed, shares no files,
+// or the device refused.
+afc_client_t OpenAppDocuments(idevice_t device, lockdownd_client_t lockdown, const char *device_id,
+                              const std::string &app, house_arrest_client_t *house_arrest);
 
 // The connection one exported call works over, in this order: the one held
 // on the handle; the one an enclosing call on this thread opened for the
@@ -140,7 +169,8 @@ class AfcFile {
 // Holds the device's sync lock for its lifetime, so that the device's own
 // media synchronisation stays away while we copy or read. The lock file is
 // opened read-write; only a successful open with a real handle is locked,
-// and only such a handle is unlocked and closed again.
+// and only such a handle is unlocked and closed again. Over an app's files
+// there is no lock to take and the bracket stands open.
 class SyncLock {
  public:
   explicit SyncLock(afc_client_t client);
@@ -150,11 +180,11 @@ class SyncLock {
 
   // False when the lock file could not be opened: writers give up then,
   // readers go on without the lock.
-  bool opened() const { return file_.error() == AFC_E_SUCCESS; }
+  bool opened() const { return !file_ || file_->error() == AFC_E_SUCCESS; }
 
  private:
   afc_client_t client_;
-  AfcFile file_;
+  std::optional<AfcFile> file_;  // none over an app's files
 };
 
 // What a call does about the device's sync lock.

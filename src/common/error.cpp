@@ -33,6 +33,9 @@ int Rank(TarnErrorCode code) {
   if (code == TARN_OK) return 0;
   if (code == TARN_E_SYNC_LOCK_BUSY) return 1;
   if (code >= TARN_E_NO_USBMUXD && code <= TARN_E_CONNECTION_LOST) return 3;
+  // An app whose files could not be vended: no request of the call reached
+  // them, so this explains every failure after it.
+  if (code >= TARN_E_APP_NOT_INSTALLED && code <= TARN_E_APP_REFUSED) return 3;
   return 2;
 }
 
@@ -343,6 +346,9 @@ const char *TarnErrorMessage(int code) {
     case TARN_E_HOST_IO: return "A file on this computer could not be read or written.";
     case TARN_E_INVALID_ARGUMENT: return "Invalid argument.";
     case TARN_E_DEVICE: return "The device did not do what was asked.";
+    case TARN_E_APP_NOT_INSTALLED: return "No app of that identifier is installed on the device.";
+    case TARN_E_APP_NOT_SHARING: return "The app does not share files with computers.";
+    case TARN_E_APP_REFUSED: return "The device refused access to the app's files.";
   }
   return "Unknown error.";
 }

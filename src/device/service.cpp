@@ -95,6 +95,7 @@ TARN_API void FreePodDevice(PodDevice *device) {
   const tarn::QuietBrokenPipe quiet_pipe;
   if (device == nullptr) return;
   tarn::ReleaseLink(device);
+  tarn::ForgetApp(device);
   std::free(device->deviceId);
   device->deviceId = nullptr;
   std::free(device->hostDir);

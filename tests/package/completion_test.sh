@@ -23,6 +23,10 @@ kinds=$(sed -n 's/^KIND: //p' <<<"$help" | tr -d ',' | words)
 udid=$("$tarn" devices | cut -d' ' -f1)
 root=$("$tarn" ls / | sed 's|^|/|' | words)
 itunes=$("$tarn" ls /iTunes_Control | sed 's|^|/iTunes_Control/|' | words)
+# Apps that share files: identifier first and "yes" last in the table.
+sharing=$("$tarn" apps | awk 'NR > 1 && $NF == "yes" {print $1}' | words)
+reader=$(cut -d' ' -f1 <<<"$sharing")
+inbox=$("$tarn" --app "$reader" ls /Documents | sed -n 's|^I|/Documents/I|p' | words)
 
 # Each case: the words typed (the last one being completed; '' for an empty
 # word) and the offers expected, sorted.
@@ -42,6 +46,8 @@ cases=(
   "tarn export music $tmp/host/|$tmp/host/albums"
   "tarn mv /iTunes_Control /iTunes_C|/iTunes_Control/"
   "tarn ls --depth ''|"
+  "tarn --app ''|$sharing"
+  "tarn -u $udid --app $reader ls /Documents/I|$inbox"
   "tarn rm -r /iTunes_Control/x ''|"
 )
 # After a dash, the options of the command's help; before a command, those

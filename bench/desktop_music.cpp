@@ -16,7 +16,7 @@
 #include <QTimer>
 
 #include "bench_util.h"
-#include "common/session.h"
+#include "apps/common/session.h"
 #include "pages.h"
 #include "simulator.h"
 

@@ -1,6 +1,6 @@
-#include "common/app_list.h"
+#include "apps/common/app_list.h"
 
-#include "common/plist_view.h"
+#include "apps/common/plist_view.h"
 
 namespace tarn::app {
 

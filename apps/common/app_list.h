@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "common/owners.h"
-#include "common/session.h"
+#include "apps/common/owners.h"
+#include "apps/common/session.h"
 
 namespace tarn::app {
 

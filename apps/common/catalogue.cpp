@@ -1,11 +1,11 @@
-#include "common/catalogue.h"
+#include "apps/common/catalogue.h"
 
 #include <tarn/tarn_device.h>
 
-#include "common/failure.h"
-#include "common/naming.h"
-#include "common/plist_view.h"
-#include "common/text.h"
+#include "apps/common/failure.h"
+#include "apps/common/naming.h"
+#include "apps/common/plist_view.h"
+#include "apps/common/text.h"
 
 namespace tarn::app {
 namespace {

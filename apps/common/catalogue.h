@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "common/owners.h"
+#include "apps/common/owners.h"
 
 struct PodDevice;
 

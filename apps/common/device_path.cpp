@@ -1,8 +1,8 @@
-#include "common/device_path.h"
+#include "apps/common/device_path.h"
 
 #include <vector>
 
-#include "common/failure.h"
+#include "apps/common/failure.h"
 
 namespace tarn::app {
 

@@ -1,7 +1,7 @@
-#include "common/export.h"
+#include "apps/common/export.h"
 
-#include "common/export_record.h"
-#include "common/host_file.h"
+#include "apps/common/export_record.h"
+#include "apps/common/host_file.h"
 
 #include <glib.h>
 #include <unistd.h>
@@ -16,9 +16,9 @@
 #include <system_error>
 #include <tuple>
 
-#include "common/naming.h"
-#include "common/plist_view.h"
-#include "common/text.h"
+#include "apps/common/naming.h"
+#include "apps/common/plist_view.h"
+#include "apps/common/text.h"
 
 namespace tarn::app {
 namespace fs = std::filesystem;

@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "common/catalogue.h"
-#include "common/session.h"
-#include "common/transfer.h"
+#include "apps/common/catalogue.h"
+#include "apps/common/session.h"
+#include "apps/common/transfer.h"
 
 namespace tarn::app {
 

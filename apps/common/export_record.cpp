@@ -1,8 +1,8 @@
-#include "common/export_record.h"
+#include "apps/common/export_record.h"
 
 #include <fstream>
 
-#include "common/host_file.h"
+#include "apps/common/host_file.h"
 
 namespace tarn::app {
 

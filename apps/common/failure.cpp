@@ -1,4 +1,4 @@
-#include "common/failure.h"
+#include "apps/common/failure.h"
 
 #include <cerrno>
 #include <map>

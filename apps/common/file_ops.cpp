@@ -1,13 +1,13 @@
-#include "common/file_ops.h"
+#include "apps/common/file_ops.h"
 
 #include <algorithm>
 #include <cstdlib>
 #include <system_error>
 
-#include "common/app_list.h"
-#include "common/device_path.h"
-#include "common/naming.h"
-#include "common/text.h"
+#include "apps/common/app_list.h"
+#include "apps/common/device_path.h"
+#include "apps/common/naming.h"
+#include "apps/common/text.h"
 
 namespace tarn::app {
 namespace fs = std::filesystem;

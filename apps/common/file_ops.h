@@ -13,9 +13,9 @@
 #include <utility>
 #include <vector>
 
-#include "common/failure.h"
-#include "common/session.h"
-#include "common/transfer.h"
+#include "apps/common/failure.h"
+#include "apps/common/session.h"
+#include "apps/common/transfer.h"
 
 namespace tarn::app {
 

@@ -1,4 +1,4 @@
-#include "common/host_file.h"
+#include "apps/common/host_file.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -10,7 +10,7 @@
 #include <random>
 #include <system_error>
 
-#include "common/failure.h"
+#include "apps/common/failure.h"
 
 namespace tarn::app {
 namespace fs = std::filesystem;

@@ -1,4 +1,4 @@
-#include "common/import.h"
+#include "apps/common/import.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -9,13 +9,13 @@
 #include <filesystem>
 #include <system_error>
 
-#include "common/catalogue.h"
-#include "common/export_record.h"
-#include "common/host_file.h"
-#include "common/naming.h"
-#include "common/picture.h"
-#include "common/plist_view.h"
-#include "common/text.h"
+#include "apps/common/catalogue.h"
+#include "apps/common/export_record.h"
+#include "apps/common/host_file.h"
+#include "apps/common/naming.h"
+#include "apps/common/picture.h"
+#include "apps/common/plist_view.h"
+#include "apps/common/text.h"
 
 namespace tarn::app {
 namespace fs = std::filesystem;

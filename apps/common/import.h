@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "common/owners.h"
-#include "common/session.h"
-#include "common/transfer.h"
+#include "apps/common/owners.h"
+#include "apps/common/session.h"
+#include "apps/common/transfer.h"
 
 namespace tarn::app {
 

@@ -1,4 +1,4 @@
-#include "common/naming.h"
+#include "apps/common/naming.h"
 
 #include <glib.h>
 

@@ -1,4 +1,4 @@
-#include "common/picture.h"
+#include "apps/common/picture.h"
 
 #include <algorithm>
 #include <csetjmp>
@@ -9,8 +9,8 @@
 #include <jpeglib.h>
 #include <libheif/heif.h>
 
-#include "common/failure.h"
-#include "common/host_file.h"
+#include "apps/common/failure.h"
+#include "apps/common/host_file.h"
 
 namespace tarn::app {
 namespace {

@@ -1,4 +1,4 @@
-#include "common/plist_view.h"
+#include "apps/common/plist_view.h"
 
 #include <glib.h>
 

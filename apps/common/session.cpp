@@ -1,4 +1,4 @@
-#include "common/session.h"
+#include "apps/common/session.h"
 
 #include <unistd.h>
 
@@ -12,9 +12,9 @@
 #include <nlohmann/json.hpp>
 #include <system_error>
 
-#include "common/host_file.h"
-#include "common/owners.h"
-#include "common/naming.h"
+#include "apps/common/host_file.h"
+#include "apps/common/owners.h"
+#include "apps/common/naming.h"
 
 namespace tarn::app {
 namespace fs = std::filesystem;

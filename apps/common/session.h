@@ -11,7 +11,7 @@
 
 #include <tarn/tarn_device.h>
 
-#include "common/failure.h"
+#include "apps/common/failure.h"
 
 namespace tarn::app {
 

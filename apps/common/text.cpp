@@ -1,4 +1,4 @@
-#include "common/text.h"
+#include "apps/common/text.h"
 
 #include <glib.h>
 

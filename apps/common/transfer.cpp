@@ -1,4 +1,4 @@
-#include "common/transfer.h"
+#include "apps/common/transfer.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -9,9 +9,9 @@
 #include <filesystem>
 #include <system_error>
 
-#include "common/device_path.h"
-#include "common/host_file.h"
-#include "common/naming.h"
+#include "apps/common/device_path.h"
+#include "apps/common/host_file.h"
+#include "apps/common/naming.h"
 
 namespace tarn::app {
 namespace fs = std::filesystem;

@@ -14,7 +14,7 @@
 #include <functional>
 #include <string>
 
-#include "common/session.h"
+#include "apps/common/session.h"
 
 namespace tarn::app {
 

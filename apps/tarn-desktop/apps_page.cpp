@@ -16,7 +16,7 @@
 #include <QUrl>
 #include <QVBoxLayout>
 
-#include "common/app_list.h"
+#include "apps/common/app_list.h"
 #include "pages.h"
 
 namespace tarn::desktop {

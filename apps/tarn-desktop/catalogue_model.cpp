@@ -1,6 +1,6 @@
 #include "catalogue_model.h"
 
-#include "common/naming.h"
+#include "apps/common/naming.h"
 
 namespace tarn::desktop {
 namespace {

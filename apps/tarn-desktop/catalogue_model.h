@@ -7,7 +7,7 @@
 
 #include <QAbstractTableModel>
 
-#include "common/catalogue.h"
+#include "apps/common/catalogue.h"
 #include "device.h"
 
 namespace tarn::desktop {

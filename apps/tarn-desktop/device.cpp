@@ -2,7 +2,7 @@
 
 #include <QDir>
 
-#include "common/failure.h"
+#include "apps/common/failure.h"
 
 namespace tarn::desktop {
 
@@ -11,7 +11,7 @@ SharedPlist Share(PlistPtr list) {
   return SharedPlist(list.release(), app::PlistFree());
 }
 
-Reason LastReason(const QString &udid, const QString &what) {
+Reason DeviceReason(const QString &udid, const QString &what) {
   return app::WhyFailed(udid.toStdString(), app::kFailed, what.toStdString());
 }
 

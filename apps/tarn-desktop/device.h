@@ -14,11 +14,11 @@
 
 #include <tarn/tarn_device.h>
 
-#include "common/failure.h"
-#include "common/owners.h"
-#include "common/plist_view.h"
-#include "common/session.h"
-#include "common/text.h"
+#include "apps/common/failure.h"
+#include "apps/common/owners.h"
+#include "apps/common/plist_view.h"
+#include "apps/common/session.h"
+#include "apps/common/text.h"
 
 namespace tarn::desktop {
 
@@ -46,7 +46,7 @@ inline QString Text(const Reason &reason) { return Q(reason.message); }
 
 // The reason the last library call on this thread recorded, about `what`;
 // when it recorded none and the device is no longer attached, that.
-Reason LastReason(const QString &udid, const QString &what);
+Reason DeviceReason(const QString &udid, const QString &what);
 
 // Identifiers of the attached devices, in the daemon's order.
 QStringList AttachedDevices();

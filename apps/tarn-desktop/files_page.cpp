@@ -15,7 +15,7 @@
 #include <QTreeWidgetItemIterator>
 #include <QVBoxLayout>
 
-#include "common/file_ops.h"
+#include "apps/common/file_ops.h"
 #include "pages.h"
 
 namespace tarn::desktop {
@@ -561,7 +561,7 @@ void FilesPage::StartSearch(const QString &text) {
       [udid = link_->udid(), keyword = text.trimmed().toLower()](app::Session &session) {
         Found out;
         PodSearchItem *first = SearchFile(session.device(), "/", keyword.toUtf8().constData());
-        if (first == nullptr) out.why = LastReason(udid, {});
+        if (first == nullptr) out.why = DeviceReason(udid, {});
         for (PodSearchItem *it = first; it != nullptr; it = it->next) {
           const char *path = it->kind == 1 ? static_cast<PodDir *>(it->record)->path : static_cast<PodFile *>(it->record)->path;
           out.hits.emplace_back(QString::fromUtf8(path), it->kind == 1);

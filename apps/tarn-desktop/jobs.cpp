@@ -5,9 +5,9 @@
 #include <QFile>
 #include <QFileInfo>
 
-#include "common/device_path.h"
-#include "common/failure.h"
-#include "common/file_ops.h"
+#include "apps/common/device_path.h"
+#include "apps/common/failure.h"
+#include "apps/common/file_ops.h"
 
 namespace tarn::desktop {
 

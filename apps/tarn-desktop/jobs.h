@@ -20,8 +20,8 @@
 #include <QTimer>
 #include <QtConcurrent/QtConcurrentRun>
 
-#include "common/export.h"
-#include "common/import.h"
+#include "apps/common/export.h"
+#include "apps/common/import.h"
 #include "device.h"
 
 namespace tarn::desktop {

@@ -7,7 +7,7 @@
 #include <QDir>
 #include <QTimer>
 
-#include "common/session.h"
+#include "apps/common/session.h"
 #include "main_window.h"
 
 namespace {

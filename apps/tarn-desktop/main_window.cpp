@@ -521,7 +521,7 @@ void MainWindow::Open() {
         try {
           session.InitCatalogue();
           out.info = Share(PlistPtr(GetDeviceInfo(session.device())));
-          if (!out.info) out.why = LastReason(udid, QObject::tr("The device %1 cannot be reached.").arg(udid));
+          if (!out.info) out.why = DeviceReason(udid, QObject::tr("The device %1 cannot be reached.").arg(udid));
           else out.syncing = session.Syncing();
         } catch (const app::Failure &failure) {
           out.why = failure;
@@ -579,7 +579,7 @@ void MainWindow::PairAgain() {
         // handle may be busy with another job.
         PodDevice *device = CreatePodDevice(udid.toUtf8().constData());
         const bool paired = TarnPairDevice(device) == 0;
-        const Reason why = paired ? Reason{} : LastReason(udid, QObject::tr("The device did not answer."));
+        const Reason why = paired ? Reason{} : DeviceReason(udid, QObject::tr("The device did not answer."));
         FreePodDevice(device);
         return why;
       },

@@ -7,7 +7,7 @@
 #include <QSplitter>
 #include <QVBoxLayout>
 
-#include "common/catalogue.h"
+#include "apps/common/catalogue.h"
 #include "pages.h"
 
 namespace tarn::desktop {
@@ -148,7 +148,7 @@ void MusicBrowser::Load() {
         SharedPlist music = Share(app::FetchList(session.device(), app::Kind::kMusic));
         const TarnError *error = TarnLastError();
         if (!music && error->code != TARN_OK && error->code != TARN_E_DATABASE_ABSENT)
-          out.why = LastReason(udid, QObject::tr("The music cannot be read."));
+          out.why = DeviceReason(udid, QObject::tr("The music cannot be read."));
         SharedPlist playlists = Share(app::FetchList(session.device(), app::Kind::kPlaylists));
         out.library = Index(music, playlists);
         return out;

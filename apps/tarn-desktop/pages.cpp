@@ -495,7 +495,7 @@ void CataloguePage::Load(const std::shared_ptr<DeviceLink> &link) {
         const TarnError *error = TarnLastError();
         if (!out.list && error->code != TARN_OK && error->code != TARN_E_DATABASE_ABSENT)
           // Out of reach is no read failure: the reason says where they are.
-          out.why = LastReason(udid, error->code == TARN_E_NOT_REACHABLE ? QString()
+          out.why = DeviceReason(udid, error->code == TARN_E_NOT_REACHABLE ? QString()
                                                                          : QObject::tr("The list cannot be read."));
         return out;
       },

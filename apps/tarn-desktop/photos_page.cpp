@@ -16,10 +16,10 @@
 #include <QVBoxLayout>
 
 #include "pages.h"
-#include "common/catalogue.h"
-#include "common/host_file.h"
-#include "common/naming.h"
-#include "common/picture.h"
+#include "apps/common/catalogue.h"
+#include "apps/common/host_file.h"
+#include "apps/common/naming.h"
+#include "apps/common/picture.h"
 
 namespace tarn::desktop {
 namespace {
@@ -366,7 +366,7 @@ void PhotosPage::Load() {
         PlistPtr list = app::FetchList(session.device(), kind);
         const TarnError *error = TarnLastError();
         if (!list && error->code != TARN_OK && error->code != TARN_E_DATABASE_ABSENT)
-          out.why = LastReason(udid, QObject::tr("The pictures cannot be read."));
+          out.why = DeviceReason(udid, QObject::tr("The pictures cannot be read."));
         out.content = PhotoModel::Build(list.get());
         return out;
       },

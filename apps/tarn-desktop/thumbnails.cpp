@@ -8,8 +8,8 @@
 #include <QImageReader>
 #include <QStandardPaths>
 
-#include "common/host_file.h"
-#include "common/picture.h"
+#include "apps/common/host_file.h"
+#include "apps/common/picture.h"
 
 namespace tarn::desktop {
 namespace {

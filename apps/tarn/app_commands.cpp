@@ -1,11 +1,11 @@
 // tarn apps: the apps installed on the device, and which of them share files.
 #include <cstdio>
 
-#include "common/app_list.h"
-#include "common/plist_view.h"
+#include "apps/common/app_list.h"
+#include "apps/common/plist_view.h"
 #include "console.h"
 #include "render.h"
-#include "tool.h"
+#include "cli.h"
 
 namespace tarn::cli {
 

@@ -3,10 +3,10 @@
 #include <cstdio>
 #include <vector>
 
-#include "common/catalogue.h"
-#include "common/export.h"
-#include "common/plist_view.h"
-#include "common/text.h"
+#include "apps/common/catalogue.h"
+#include "apps/common/export.h"
+#include "apps/common/plist_view.h"
+#include "apps/common/text.h"
 #include "console.h"
 #include "progress.h"
 #include "render.h"

@@ -3,7 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "common/text.h"
+#include "apps/common/text.h"
 
 namespace tarn::cli {
 namespace {

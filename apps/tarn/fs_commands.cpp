@@ -10,12 +10,12 @@
 
 #include <tarn/tarn_tool.h>
 
-#include "common/app_list.h"
-#include "common/device_path.h"
-#include "common/naming.h"
-#include "common/text.h"
-#include "common/file_ops.h"
-#include "common/transfer.h"
+#include "apps/common/app_list.h"
+#include "apps/common/device_path.h"
+#include "apps/common/naming.h"
+#include "apps/common/text.h"
+#include "apps/common/file_ops.h"
+#include "apps/common/transfer.h"
 #include "console.h"
 #include "progress.h"
 

@@ -1,11 +1,11 @@
 // tarn import photos: the camera roll's new pictures into a folder by date.
 #include <cstdio>
 
-#include "common/import.h"
-#include "common/text.h"
+#include "apps/common/import.h"
+#include "apps/common/text.h"
 #include "console.h"
 #include "progress.h"
-#include "tool.h"
+#include "cli.h"
 
 namespace tarn::cli {
 

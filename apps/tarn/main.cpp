@@ -7,13 +7,13 @@
 #include <string>
 #include <vector>
 
-#include "common/app_list.h"
-#include "common/catalogue.h"
-#include "common/device_path.h"
-#include "common/session.h"
+#include "apps/common/app_list.h"
+#include "apps/common/catalogue.h"
+#include "apps/common/device_path.h"
+#include "apps/common/session.h"
 #include "console.h"
 #include "progress.h"
-#include "tool.h"
+#include "cli.h"
 
 namespace tarn::cli {
 

@@ -6,8 +6,8 @@
 #include <glib.h>
 
 #include "console.h"
-#include "common/text.h"
-#include "tool.h"
+#include "apps/common/text.h"
+#include "cli.h"
 
 namespace tarn::cli {
 namespace {

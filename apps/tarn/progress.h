@@ -8,8 +8,8 @@
 #include <optional>
 #include <string>
 
-#include "common/transfer.h"
-#include "tool.h"
+#include "apps/common/transfer.h"
+#include "cli.h"
 
 namespace tarn::cli {
 

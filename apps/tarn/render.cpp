@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <memory>
 
-#include "common/text.h"
+#include "apps/common/text.h"
 
 namespace tarn::cli {
 using app::DisplayWidth;

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "common/catalogue.h"
+#include "apps/common/catalogue.h"
 
 namespace tarn::cli {
 

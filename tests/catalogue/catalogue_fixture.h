@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "common/plist_view.h"
+#include "apps/common/plist_view.h"
 #include "images.h"
 #include "device_test.h"
 #include "tarn/tarn_device.h"

@@ -24,7 +24,7 @@
 
 #include "child_process.h"
 #include "images.h"
-#include "common/session.h"
+#include "apps/common/session.h"
 #include "main_window.h"
 #include "simulator.h"
 #include "test_util.h"

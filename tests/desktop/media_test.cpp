@@ -14,9 +14,9 @@
 #include <memory>
 
 #include "child_process.h"
-#include "common/host_file.h"
-#include "common/picture.h"
-#include "common/session.h"
+#include "apps/common/host_file.h"
+#include "apps/common/picture.h"
+#include "apps/common/session.h"
 #include "images.h"
 #include "main_window.h"
 #include "simulator.h"

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "common/plist_view.h"
+#include "apps/common/plist_view.h"
 #include "images.h"
 #include "simulator.h"
 #include "tarn/tarn_device.h"

@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "common/plist_view.h"
+#include "apps/common/plist_view.h"
 #include "images.h"
 #include "test_util.h"
 

@@ -15,7 +15,7 @@
 #include <mutex>
 #include <thread>
 
-#include "common/plist_view.h"
+#include "apps/common/plist_view.h"
 #include "sim_client.h"
 #include "images.h"
 #include "simulator.h"

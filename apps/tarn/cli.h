@@ -1,4 +1,4 @@
-// Declarations shared by the parts of the tarn tool: exit codes, the
+// Declarations shared by the parts of tarn, the command-line program: exit codes, the
 // failure that ends a command, the parsed command line and the commands.
 #pragma once
 
@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "common/failure.h"
-#include "common/session.h"
+#include "apps/common/failure.h"
+#include "apps/common/session.h"
 
 namespace tarn::cli {
 

@@ -35,8 +35,13 @@ struct CommandEntry {
   int (*run)(Session &, const Args &);
 };
 
-const char *const kKinds =
-    "music, movies, podcasts, tvshows, audiobooks, ringtones, playlists, recordings, books, camera, pictures";
+// The kinds as the shared layer defines them, the one list the help, the
+// completion (which reads the help) and the window share.
+std::string KindNames() {
+  std::string names;
+  for (const KindInfo &kind : Kinds()) names += (names.empty() ? "" : ", ") + std::string(kind.name);
+  return names;
+}
 
 const std::vector<CommandEntry> &Commands() {
   static const std::vector<CommandEntry> commands = {
@@ -50,14 +55,10 @@ const std::vector<CommandEntry> &Commands() {
        "  --xml    the device information as the library returns it (property list XML)\n",
        {"--json", "--xml"}, {}, 0, 0, {}, Needs::kCatalogue, CmdInfo},
       {"list", "list KIND [--json | --xml]", "list a catalogue of the device",
-       "KIND is one of: music, movies, podcasts, tvshows, audiobooks, ringtones, playlists,\n"
-       "recordings, books, camera, pictures.\n"
        "  --json   the list as JSON (keys and order as the library gives them)\n"
        "  --xml    the list as the library returns it (property list XML)\n",
        {"--json", "--xml"}, {}, 1, 1, {}, Needs::kCatalogue, CmdList},
       {"export", "export KIND HOST_DIR [--match TEXT]", "copy a catalogue's files out under readable names",
-       "KIND is one of: music, movies, podcasts, tvshows, audiobooks, ringtones, playlists,\n"
-       "recordings, books, camera, pictures.\n"
        "Music goes to Artist/Album/Title.ext, recordings by their label or time, books by title,\n"
        "the camera roll and pictures under their own names; playlists become .m3u8 files next to\n"
        "the music they point at, which is copied with them. Files keep the device's modification\n"
@@ -157,12 +158,14 @@ void PrintUsage(std::FILE *out) {
   std::fprintf(out, "Usage: tarn [OPTIONS] COMMAND [ARGS]\n\nBrowse and move the content of iPod, iPhone and iPad "
                     "devices.\n\nCommands:\n");
   for (const auto &c : Commands()) std::fprintf(out, "  %-38s %s\n", c.usage, c.summary);
-  std::fprintf(out, "\nKIND: %s\n\n%s\n%s", kKinds, kGlobalHelp, kExitHelp);
+  std::fprintf(out, "\nKIND: %s\n\n%s\n%s", KindNames().c_str(), kGlobalHelp, kExitHelp);
 }
 
 void PrintCommandUsage(std::FILE *out, const CommandEntry &c) {
   std::fprintf(out, "Usage: tarn [OPTIONS] %s\n\n%c%s.\n", c.usage, c.summary[0] - 32, c.summary + 1);
-  if (c.details[0] != '\0') std::fprintf(out, "\n%s", c.details);
+  std::fprintf(out, "\n");
+  if (std::strstr(c.usage, "KIND") != nullptr) std::fprintf(out, "KIND is one of: %s.\n", KindNames().c_str());
+  if (c.details[0] != '\0') std::fprintf(out, "%s", c.details);
   std::fprintf(out, "\n%s", kGlobalHelp);
 }
 

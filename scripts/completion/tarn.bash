@@ -5,7 +5,14 @@
 # bash-completion's helpers, so `source` alone also works.
 
 _tarn_commands="devices info list apps export import ls stat find mkdir mv rm pull push"
-_tarn_kinds="music movies podcasts tvshows audiobooks ringtones playlists recordings books camera pictures"
+# The catalogue kinds, as the tool itself lists them in its help (the one
+# place they are named), read once per shell.
+_tarn_kinds() {
+  if [[ -z ${_tarn_kind_words+set} ]]; then
+    _tarn_kind_words=$(timeout 10 "$tarn" --help 2>/dev/null | sed -n 's/^KIND: //p' | tr -d ',')
+  fi
+  printf '%s' "$_tarn_kind_words"
+}
 _tarn_global_options="-u --udid -v --verbose --workdir --app --refresh --progress --no-progress -h --help --version"
 
 _tarn_command_options() {
@@ -91,7 +98,7 @@ _tarn() {
     return 0
   fi
   case $cmd:$position in
-    list:0 | export:0) _tarn_add_words "$cur" "$_tarn_kinds" ;;
+    list:0 | export:0) _tarn_add_words "$cur" "$(_tarn_kinds)" ;;
     export:1 | import:1) _tarn_host_paths -d ;;
     import:0) _tarn_add_words "$cur" "photos" ;;
     ls:0 | stat:0 | find:0 | mkdir:0 | rm:0 | mv:[01] | pull:0 | push:1) _tarn_device_paths ;;

@@ -72,31 +72,53 @@ const std::vector<PageKind> &PageKinds() {
   return kinds;
 }
 
-void CatalogueModel::setList(Kind kind, SharedPlist list, plist_t items) {
-  beginResetModel();
-  kind_ = kind;
-  fields_ = FieldsOf(kind);
-  rows_.clear();
-  plist_t root = static_cast<plist_t>(list.get());
+std::vector<CatalogueModel::Row> CatalogueModel::RowsOf(Kind kind, plist_t root, plist_t items) {
+  std::vector<Row> rows;
   if (items != nullptr) {
-    for (plist_t item : ArrayItems(items)) rows_.push_back({item, false});
+    for (plist_t item : ArrayItems(items)) rows.push_back({item, false});
   } else if (kind == Kind::kBooks) {
     for (plist_t catalogue : ArrayItems(root)) {
       const bool purchased = DictString(catalogue, "catalog") == QLatin1String("PurchaseBook");
-      for (plist_t item : ArrayItems(DictArray(catalogue, "item"))) rows_.push_back({item, purchased});
+      for (plist_t item : ArrayItems(DictArray(catalogue, "item"))) rows.push_back({item, purchased});
     }
   } else if (kind == Kind::kPlaylists) {
     // The first playlist is the master playlist: the library itself.
     const std::vector<plist_t> all = ArrayItems(root);
-    for (size_t i = 1; i < all.size(); ++i) rows_.push_back({all[i], false});
+    for (size_t i = 1; i < all.size(); ++i) rows.push_back({all[i], false});
   } else {
     const std::vector<plist_t> all = ArrayItems(DictArray(root, "item"));
-    rows_.reserve(all.size());
-    for (plist_t item : all) rows_.push_back({item, false});
+    rows.reserve(all.size());
+    for (plist_t item : all) rows.push_back({item, false});
   }
+  return rows;
+}
+
+std::vector<QString> CatalogueModel::Haystacks(Kind kind, plist_t list, plist_t items) {
+  const std::vector<Field> fields = FieldsOf(kind);
+  const std::vector<Row> rows = RowsOf(kind, list, items);
+  std::vector<QString> out;
+  out.reserve(rows.size());
+  QString line;
+  for (const Row &row : rows) {
+    line.clear();
+    for (size_t f = 0; f < fields.size(); ++f) {
+      if (f > 0) line += QLatin1Char('\n');
+      line += Display(kind, row, fields[f]).toString();
+    }
+    out.push_back(line.toCaseFolded());
+  }
+  return out;
+}
+
+void CatalogueModel::setList(Kind kind, SharedPlist list, plist_t items, std::vector<QString> haystacks) {
+  beginResetModel();
+  kind_ = kind;
+  fields_ = FieldsOf(kind);
+  rows_ = RowsOf(kind, static_cast<plist_t>(list.get()), items);
   list_ = std::move(list);
+  members_of_ = items;
   keys_.assign(fields_.size(), {});
-  haystacks_.clear();
+  haystacks_ = haystacks.size() == rows_.size() ? std::move(haystacks) : std::vector<QString>();
   endResetModel();
 }
 
@@ -104,6 +126,7 @@ void CatalogueModel::clear() {
   beginResetModel();
   rows_.clear();
   list_.reset();
+  members_of_ = nullptr;
   keys_.assign(fields_.size(), {});
   haystacks_.clear();
   endResetModel();
@@ -134,14 +157,8 @@ bool CatalogueModel::Less(int a, int b, int column) const {
 }
 
 const QString &CatalogueModel::Haystack(int row) const {
-  if (haystacks_.size() != rows_.size()) {
-    haystacks_.assign(rows_.size(), QString());
-    for (size_t r = 0; r < rows_.size(); ++r) {
-      QStringList cells;
-      for (Field field : fields_) cells << Display(rows_[r], field).toString();
-      haystacks_[r] = cells.join(QLatin1Char('\n')).toCaseFolded();
-    }
-  }
+  if (haystacks_.size() != rows_.size())
+    haystacks_ = Haystacks(kind_, static_cast<plist_t>(list_.get()), members_of_);
   return haystacks_[static_cast<size_t>(row)];
 }
 
@@ -153,7 +170,7 @@ int CatalogueModel::columnCount(const QModelIndex &parent) const {
   return parent.isValid() ? 0 : static_cast<int>(fields_.size());
 }
 
-QVariant CatalogueModel::Display(const Row &row, Field field) const {
+QVariant CatalogueModel::Display(Kind kind, const Row &row, Field field) {
   plist_t item = row.item;
   switch (field) {
     case Field::kTitle: return DictString(item, "title");
@@ -161,7 +178,7 @@ QVariant CatalogueModel::Display(const Row &row, Field field) const {
     case Field::kAuthor: return Known(item, "artist");
     case Field::kAlbum: return Known(item, "album");
     case Field::kGenre: return Known(item, "genre");
-    case Field::kTime: return HumanDuration(kind_ == Kind::kPlaylists ? PlaylistMillis(item) : DictUint(item, "time"));
+    case Field::kTime: return HumanDuration(kind == Kind::kPlaylists ? PlaylistMillis(item) : DictUint(item, "time"));
     case Field::kSize: return HumanSize(DictUint(item, "size"));
     case Field::kPlaylist: return DictString(item, "name");
     case Field::kTracks: return QString::number(DictUint(item, "number"));

@@ -33,8 +33,13 @@ class CatalogueModel : public QAbstractTableModel {
   explicit CatalogueModel(QObject *parent = nullptr) : QAbstractTableModel(parent) {}
 
   // Shows `list` (the library's result for `kind`). For a playlist's
-  // members, `items` is the member array inside `list`.
-  void setList(Kind kind, SharedPlist list, plist_t items = nullptr);
+  // members, `items` is the member array inside `list`. `haystacks`, when
+  // given, are Haystacks(kind, list, items), made beforehand off the window's
+  // thread; otherwise they are made at the first keystroke in a filter.
+  void setList(Kind kind, SharedPlist list, plist_t items = nullptr, std::vector<QString> haystacks = {});
+  // Every row's cells, case-folded and joined by line breaks: what a filter
+  // looks in. Reads `list` only, so a worker may make them beside the list.
+  static std::vector<QString> Haystacks(Kind kind, plist_t list, plist_t items = nullptr);
   void clear();
 
   Kind kind() const { return kind_; }
@@ -49,8 +54,7 @@ class CatalogueModel : public QAbstractTableModel {
   // first sort by it): numbers as numbers, text case-folded. Equal keys
   // keep the rows' own order, so sorted rows never trade places on a reload.
   bool Less(int a, int b, int column) const;
-  // Every cell of a row, case-folded, made once per row: what a filter
-  // looks in.
+  // Row `row`'s line of Haystacks().
   const QString &Haystack(int row) const;
 
   enum class Field { kTitle, kArtist, kAlbum, kGenre, kTime, kSize, kPlaylist, kTracks, kLabel, kRecorded, kPath,
@@ -61,11 +65,14 @@ class CatalogueModel : public QAbstractTableModel {
     plist_t item;
     bool purchased;  // books: from the purchased catalogue
   };
-  QVariant Display(const Row &row, Field field) const;
+  static std::vector<Row> RowsOf(Kind kind, plist_t root, plist_t items);
+  static QVariant Display(Kind kind, const Row &row, Field field);
+  QVariant Display(const Row &row, Field field) const { return Display(kind_, row, field); }
   QVariant SortKey(const Row &row, Field field) const;
 
   Kind kind_ = Kind::kMusic;
   SharedPlist list_;
+  plist_t members_of_ = nullptr;  // setList's `items`
   std::vector<Row> rows_;
   std::vector<Field> fields_;
   struct Keys {

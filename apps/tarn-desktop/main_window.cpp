@@ -128,6 +128,7 @@ MainWindow::MainWindow(QWidget *parent) : QMainWindow(parent) {
   progress_->setObjectName("progress");
   progress_->setAccessibleName(tr("Transfer progress"));
   progress_->setRange(0, 1000);
+  progress_->setAccessibleDescription(tr("No transfer yet"));
   cancel_ = new QPushButton(tr("&Cancel"), transfer_bar_);
   cancel_->setObjectName("cancel");
   cancel_->setAccessibleName(tr("Cancel the transfer"));
@@ -687,6 +688,7 @@ bool MainWindow::Begin(std::unique_ptr<Transfer> transfer) {
   retry_->hide();
   open_folder_->hide();
   progress_->setValue(0);
+  progress_->setAccessibleDescription(tr("Starting"));
   current_->clear();
   transfer_bar_->show();
   transfer_->Start();

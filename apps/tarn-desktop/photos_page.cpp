@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include <QAbstractItemView>
 #include <QAction>
 #include <QDir>
 #include <QFileDialog>
@@ -281,6 +282,8 @@ PhotosPage::PhotosPage(QWidget *parent) : QWidget(parent), cache_(this), model_(
   source_->setAccessibleName(tr("Pictures to show"));
   source_->addItem(tr("Camera roll"));
   source_->addItem(tr("Synced pictures"));
+  // Its drop-down list is met on its own by a reader.
+  source_->view()->setAccessibleName(tr("Pictures to show"));
   top->addWidget(source_);
   status_ = new QLabel(this);
   status_->setObjectName("status");

@@ -173,13 +173,6 @@ TEST(Strings, ReplaceCharRewritesEveryTargetAndToleratesEqualCharacters) {
   EXPECT_STREQ(same.get(), "a:b");
 }
 
-TEST(Strings, IsExistInStrIsACaseSensitiveSubstringTest) {
-  EXPECT_EQ(IsExistInStr(".jpg;.jpeg;.gif;.png;.mov;", ".jpe"), 1);
-  EXPECT_EQ(IsExistInStr(".jpg;.jpeg;.gif;.png;.mov;", ".JPG"), 0);
-  EXPECT_EQ(IsExistInStr(".jpg;.jpeg;.gif;.png;.mov;", ".tiff"), 0);
-  EXPECT_EQ(IsExistInStr(nullptr, "x"), 0);
-}
-
 TEST(HostFiles, BinaryPlistDetectionNeedsTheWholeMagicAndSizesAre64Bit) {
   tarn::testing::TempDir dir;
   const struct {

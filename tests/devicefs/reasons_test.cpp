@@ -59,6 +59,7 @@ TEST_F(ReasonsTest, AConnectionThatCannotBeMadeSaysWhy) {
       {{"locked=1"}, kUdid, {TARN_E_LOCKED, kUdid}, LOCKDOWN_E_PASSWORD_PROTECTED},
       {{"refuse_afc=1", "version=14.0"}, kUdid, {TARN_E_SERVICE_REFUSED, "file service"}, LOCKDOWN_E_SERVICE_PROHIBITED},
       {{}, "00008030-0000NOTTHERE01", {TARN_E_NO_DEVICE, "00008030-0000NOTTHERE01 is not attached"}, 0},
+      {{}, nullptr, {TARN_E_INVALID_ARGUMENT, "No device identifier"}, 0},
   };
   for (const Row &row : rows) {
     Start(row.options);
@@ -104,6 +105,9 @@ TEST_F(ReasonsTest, FileServiceAndHostFailuresNameThePath) {
       {[&](PodDevice *d) { CopyFileFromNativeToDevice(d, up.c_str(), "/full", nullptr); }, {TARN_E_DEVICE_FULL, "no space left for \"/full\""}, AFC_E_NO_SPACE_LEFT, 0},
       {[](PodDevice *d) { RenamePath(d, "/busy", "/b2"); }, {TARN_E_FILE_SERVICE, "error 17"}, AFC_E_OBJECT_BUSY, 0},
       {[](PodDevice *d) { PodDir *r = GetPodDir(d, "/missing", 0); FreePodDir(r, 1, r); }, {TARN_E_NOT_FOUND, "/missing"}, AFC_E_OBJECT_NOT_FOUND, 0},
+      // A file answers its information, then refuses to be listed.
+      {[](PodDevice *d) { PodDir *r = GetPodDir(d, "/f", 0); FreePodDir(r, 1, r); }, {TARN_E_NOT_FOUND, "\"/f\""}, AFC_E_OBJECT_NOT_FOUND, 0},
+      {[](PodDevice *d) { FreeSearchResult(SearchFile(d, "/f", "f")); }, {TARN_E_NOT_FOUND, "\"/f\""}, AFC_E_OBJECT_NOT_FOUND, 0},
       {[&](PodDevice *d) { CopyFileFromDeviceToNative(d, "/f", "/nonexistent/dir/f", nullptr); }, {TARN_E_NOT_FOUND, "on this computer"}, 0, ENOENT},
       {[](PodDevice *d) { CopyFileFromDeviceToNative(d, "/f", "/dev/full", nullptr); }, {TARN_E_HOST_IO, "after 0 of 200000 bytes"}, 0, ENOSPC},
       {[](PodDevice *d) { CopyFileFromNativeToDevice(d, "/nonexistent/up", "/g", nullptr); }, {TARN_E_NOT_FOUND, "/nonexistent/up"}, 0, ENOENT},

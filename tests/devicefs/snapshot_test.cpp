@@ -1,6 +1,7 @@
 // Directory snapshots: depth limits, counts, record fields, listing order and
 // release.
 #include <algorithm>
+#include <functional>
 #include <set>
 
 #include "fs_fixture.h"
@@ -94,6 +95,36 @@ TEST_F(SnapshotTest, RecordsCarryPathsSizesDatesAndLinks) {
   EXPECT_EQ(first->next_file->prev_file, first);
   Free(root);
   ExpectIdle("GetPodDir");
+}
+
+// Every record of a tree hangs below the directory that holds it, at its
+// level, also when a subdirectory is listed before its siblings.
+TEST_F(SnapshotTest, EachRecordHangsBelowItsOwnDirectory) {
+  for (const char *file : {"/t/a/a/a/x", "/t/a/a/b", "/t/a/b", "/t/a/c/x", "/t/b", "/t/c/x"}) image.File(file, "x");
+  // Byte order lists each directory "a" before the rest of its siblings.
+  Start({"sorted_listing=1"});
+  PodDir *root = Snap("/t", 0);
+  std::set<std::string> seen;
+  std::function<void(const PodDir *, int)> check = [&](const PodDir *dir, int level) {
+    for (const PodFile *f = dir->first_file; f; f = f->next_file) {
+      EXPECT_EQ(f->parent, dir) << f->path;
+      EXPECT_EQ(std::string(dir->path) + "/" + f->name, f->path);
+      seen.insert(f->path);
+    }
+    for (const PodDir *d = dir->first_dir; d; d = d->next_dir) {
+      EXPECT_EQ(d->parent, dir) << d->path;
+      EXPECT_EQ(std::string(dir->path) + "/" + d->name, d->path);
+      EXPECT_EQ(d->level, level) << d->path;
+      seen.insert(std::string(d->path) + "/");
+      check(d, level + 1);
+    }
+  };
+  check(root, 1);
+  EXPECT_EQ(seen, (std::set<std::string>{"/t/a/", "/t/a/a/", "/t/a/a/a/", "/t/a/a/a/x", "/t/a/a/b", "/t/a/b", "/t/a/c/",
+                                         "/t/a/c/x", "/t/b", "/t/c/", "/t/c/x"}));
+  EXPECT_EQ(root->dir_count, 5);
+  EXPECT_EQ(root->file_count, 6);
+  Free(root);
 }
 
 TEST_F(SnapshotTest, EntriesOfTheDeviceRootBeginWithTwoSlashes) {

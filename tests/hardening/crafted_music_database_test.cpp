@@ -4,7 +4,11 @@
 // and on some damage crashes in its own error path), so the parse must
 // refuse each of them, and still read every real database in full.
 #include <gpod/itdb.h>
+#include <sys/resource.h>
+#include <unistd.h>
 #include <zlib.h>
+
+#include <csignal>
 
 #include <cstring>
 #include <filesystem>
@@ -67,6 +71,13 @@ std::string Deflate(const std::string &plain) {
   out[0xa8] = 1;
   out[0xa9] = 0;
   return out;
+}
+
+// The walk's own verdict, without libgpod behind it: a refusal that is
+// dropped must show in the plain build too, not only when AddressSanitizer
+// sees libgpod read past the buffer.
+bool Sound(const std::string &plain) {
+  return tarn::PlainDatabaseIsSound(reinterpret_cast<const unsigned char *>(plain.data()), plain.size());
 }
 
 class CraftedMusicDatabaseTest : public ::testing::Test {
@@ -153,14 +164,78 @@ TEST_F(CraftedMusicDatabaseTest, DamageThatLibgpodTakesOnTrustGivesNull) {
       {"a section of length 0", [](std::string &db) { PutLe32(db, Section(db, 1) + 8, 0); }},
       {"no track list", [](std::string &db) { std::memcpy(db.data() + Find(db, "mhlt"), "xxxx", 4); }},
       {"a track header shorter than its fields", [](std::string &db) { PutLe32(db, Find(db, "mhit") + 4, 0x90); }},
+      {"smart rules without their tag", [](std::string &db) { db[Find(db, "SLst")] = 'X'; }},
+      // The track section moved to the end of the file, so that the track
+      // its list counts in excess would begin at the end of the file.
+      {"a track list counting a track past the end of the file", [](std::string &db) {
+         const size_t section = Section(db, 1), length = Le32(db, section + 8);
+         const std::string tracks = db.substr(section, length);
+         db.erase(section, length);
+         db += tracks;
+         const size_t list = Find(db, "mhlt", db.size() - length);
+         PutLe32(db, list + 8, Le32(db, list + 8) + 1);
+       }},
   };
   for (const Case &c : cases) {
     SCOPED_TRACE(c.what);
     std::string db = real;
     c.damage(db);
     ASSERT_NE(db, real);
+    EXPECT_FALSE(Sound(db));
     EXPECT_FALSE(Parse(db));
   }
+}
+
+// Oddities libgpod reads without harm pass, and the parse reads them as
+// libgpod does: a refusal there would hide a whole device's music.
+TEST_F(CraftedMusicDatabaseTest, OdditiesLibgpodReadsCleanlyPass) {
+  const std::string real = Inflate(ReadAll(tarn::testing::realdata("iphone-a.itunescdb")));
+  const uint32_t tracks = Le32(real, Find(real, "mhlt") + 8);
+  struct Case {
+    const char *what;
+    std::function<void(std::string &)> change;
+    uint32_t tracks;
+  } cases[] = {
+      // libgpod reads as many tracks as the list counts and no more.
+      {"a damaged track behind the last one the list counts", [](std::string &db) {
+         const size_t list = Find(db, "mhlt");
+         const uint32_t count = Le32(db, list + 8);
+         PutLe32(db, list + 8, count - 1);
+         PutLe32(db, Find(db, "mhit", list, static_cast<int>(count) - 1) + 4, 0x90);
+       }, tracks - 1},
+      {"an empty playlist whose header holds just its fields", [](std::string &db) {
+         size_t playlist = Find(db, "mhyp", Section(db, 3));
+         while (Le32(db, playlist + 16) != 0) playlist = Find(db, "mhyp", playlist + 4);
+         PutLe32(db, playlist + 4, 48);
+       }, tracks},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.what);
+    std::string db = real;
+    c.change(db);
+    EXPECT_TRUE(Sound(db));
+    tarn::ItdbPtr parsed = Parse(db);
+    ASSERT_TRUE(parsed);
+    EXPECT_EQ(itdb_tracks_number(parsed.get()), c.tracks);
+  }
+}
+
+// The plain copy that libgpod parses cannot be written in full (here: the
+// process may write no file larger than 4 KiB): the parse gives up at once
+// rather than retry the write that failed.
+TEST_F(CraftedMusicDatabaseTest, APlainCopyThatCannotBeWrittenGivesNull) {
+  const fs::path path = dir_ / "iTunesCDB";
+  WriteAll(path, ReadAll(tarn::testing::realdata("iphone-a.itunescdb")));
+  const auto parse = [&path] {
+    std::signal(SIGXFSZ, SIG_IGN);
+    const rlimit limit{4096, 4096};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    alarm(10);
+    GError *error = nullptr;
+    Itdb_iTunesDB *db = m_itdb_parse_file(path.c_str(), &error);
+    std::_Exit(db == nullptr && error != nullptr ? 0 : 1);
+  };
+  EXPECT_EXIT(parse(), ::testing::ExitedWithCode(0), "");
 }
 
 // What the fuzzer found, kept as it found it: each file gave a crash (or a
@@ -196,6 +271,8 @@ TEST_F(CraftedMusicDatabaseTest, ChapterDataIsKept) {
   GError *error = nullptr;
   ASSERT_TRUE(itdb_write_file(source.get(), plain.c_str(), &error)) << (error ? error->message : "");
 
+  // The walk alone (nowhere to put the chapters) reads them just as well.
+  EXPECT_TRUE(Sound(ReadAll(plain)));
   tarn::ItdbPtr db = Parse(ReadAll(plain));
   ASSERT_TRUE(db);
   ASSERT_EQ(itdb_tracks_number(db.get()), 2u);

@@ -36,7 +36,7 @@ DevicePath NormaliseDevicePath(std::string_view text, std::string_view base) {
     out.path.push_back('/');
     out.path.insert(out.path.end(), part.begin(), part.end());
   }
-  if (out.path.empty()) out.path = "/";
+  if (out.path.empty()) out.path.push_back('/');
   return out;
 }
 

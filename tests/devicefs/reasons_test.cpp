@@ -192,6 +192,9 @@ TEST_F(ReasonsTest, ABatchLearnsOfABusyLockAndOfALostConnectionAfterEachFile) {
   EXPECT_NE(lock, 0u);
   EXPECT_EQ(TarnLastError()->code, TARN_E_SYNC_LOCK_BUSY);
   TarnSyncUnlock(other, held);
+  // Released, and free for the next party while its holder stays connected.
+  ExpectReason(device, [&](PodDevice *d) { CopyFileFromDeviceToNative(d, "/b/f0", Host("f0").c_str(), nullptr); },
+               {TARN_OK, ""}, "after the release");
   CloseIdeviceAndAfC(other, other_device);
 
   testing::internal::CaptureStdout();

@@ -2,6 +2,8 @@
 // working directory: what every catalogue test starts from.
 #pragma once
 
+#include <functional>
+
 #include <gtest/gtest.h>
 #include <plist/plist.h>
 
@@ -86,6 +88,7 @@ class CatalogueTest : public tarn::testing::SimulatedDeviceTest {
     json d = description;
     d["device"]["UniqueDeviceID"] = kUdid;
     tarn::testing::build_image(d, dir.path() + "/image");
+    if (before_serving) before_serving();
     fs::create_directories(work());
     Serve(dir.path() + "/image", options);
     Console([&] { device = CreatePodDevice(kUdid); });
@@ -103,6 +106,8 @@ class CatalogueTest : public tarn::testing::SimulatedDeviceTest {
   }
 
   std::string work() const { return dir.path() + "/work"; }
+  // What a test changes in the built image before it is served.
+  std::function<void()> before_serving;
   std::string media(const std::string &p) const { return dir.path() + "/image/media" + p; }
 
   // Runs a call with its console output captured into `output`.

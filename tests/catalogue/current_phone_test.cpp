@@ -2,6 +2,7 @@
 // library as the phone keeps them (SQLite with write-ahead logs whose
 // newest rows live only in the log), copied by InitDevice and read by the
 // catalogue lists.
+#include <sqlite3.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -208,6 +209,29 @@ TEST_F(CatalogueTest, TheCameraRollOfAPhotoLibraryEitherAssetTable) {
     EXPECT_EQ(Str(first, "thumbnail"), "/PhotoData/Thumbnails/V2/DCIM/100APPLE/IMG_0001.HEIC/5005.JPG");
     ExpectIdle("the camera roll");
   }
+}
+
+// A library whose entity table names no album entity: the album table is
+// the one candidate that holds both an album and an asset column, not the
+// first that holds either.
+TEST_F(CatalogueTest, AlbumsOfALibraryWhoseEntityTableNamesNone) {
+  json d = Photos("17");
+  d["photo_library"].erase("wal_assets");
+  before_serving = [&] {
+    sqlite3 *db = nullptr;
+    ASSERT_EQ(sqlite3_open(media("/PhotoData/Photos.sqlite").c_str(), &db), SQLITE_OK);
+    EXPECT_EQ(sqlite3_exec(db, "UPDATE Z_PRIMARYKEY SET Z_NAME = 'Album' WHERE Z_NAME = 'GenericAlbum';"
+                               "CREATE TABLE Z_1ASSETS (Z_1KEYWORDS INTEGER, Z_3ASSETS INTEGER);",
+                           nullptr, nullptr, nullptr),
+              SQLITE_OK);
+    sqlite3_close(db);
+  };
+  ASSERT_EQ(Start(d), 0);
+  Plist roll(Quiet([&] { return GetCameraPVList(device, 0, 0); }));
+  ASSERT_TRUE(roll) << TarnLastError()->message;
+  plist_t first = plist_array_get_item(plist_dict_get_item(roll.get(), "item"), 1);
+  EXPECT_EQ(Str(first, "path"), "/DCIM/100APPLE/IMG_0001.HEIC");
+  EXPECT_EQ(Text(plist_dict_get_item(first, "albums")), "[\"Trip\"]");
 }
 
 TEST_F(CatalogueTest, StorageUseOfACurrentPhoneComesFromItsLibraries) {

@@ -101,6 +101,8 @@ TEST_F(HeldConnectionTest, TheNameCostsNoSessionAndALockedDeviceStillGivesItButH
   EXPECT_EQ(TarnHoldConnection(device), 1);
   EXPECT_EQ(TarnLastError()->code, TARN_E_LOCKED);
   EXPECT_EQ(TarnHeldClient(device), nullptr);
+  EXPECT_EQ(TarnHoldConnection(nullptr), 1);
+  EXPECT_EQ(TarnLastError()->code, TARN_E_INVALID_ARGUMENT);
   ExpectIdle("a refused hold");
 }
 

@@ -60,6 +60,21 @@ TEST_F(CopyDirTest, ConsoleTraceOfASmallTree) {
   EXPECT_EQ(ReadAll(image.host("h/b/y")), "y");
 }
 
+// Each missing part refuses the copy before anything is asked of the
+// device (there is no connection here to ask).
+TEST_F(CopyDirTest, ACopyWithoutEachOfItsPartsIsRefused) {
+  const std::string host = image.host().string();
+  struct Row {
+    const char *parent, *name, *host;
+  } rows[] = {{"/s", nullptr, host.c_str()}, {"/s", "..", host.c_str()}, {"/s", "a/b", host.c_str()},
+              {nullptr, "s", host.c_str()}, {"", "s", host.c_str()},     {"/", "s", nullptr},
+              {"/", "s", ""}};
+  for (const Row &row : rows) {
+    Quiet([&] { _CopyDirectory(nullptr, nullptr, row.parent, row.name, row.host); });
+    EXPECT_EQ(TarnLastError()->code, TARN_E_INVALID_ARGUMENT) << (row.name ? row.name : "(null)");
+  }
+}
+
 TEST_F(CopyDirTest, AMissingSourceCreatesNothing) {
   Start();
   const std::string out = Console([&] { CopyDeviceDirectory(device, "/none", image.host("n").c_str()); });

@@ -2,6 +2,7 @@
 // reasons, each produced against the simulator and checked by code, detail
 // and the words a person reads.
 #include <cerrno>
+#include <cstdlib>
 #include <functional>
 #include <thread>
 
@@ -172,6 +173,26 @@ TEST_F(ReasonsTest, TransfersAndWalksThatStopSayHowFarTheyGot) {
 }
 
 
+// A device that fills up in the middle of an upload: a file system of
+// 64 KiB mounted below the media tree takes the first block and refuses
+// the second.
+TEST_F(ReasonsTest, ADeviceThatFillsUpDuringAnUploadSaysSo) {
+  image.Dir("/small");
+  const std::string small = image.media("/small").string();
+  if (::geteuid() != 0 || std::system(("mount -t tmpfs -o size=64k tmpfs '" + small + "' 2>/dev/null").c_str()) != 0)
+    GTEST_SKIP() << "no small file system can be mounted here";
+  struct Unmount {
+    std::string at;
+    ~Unmount() { [[maybe_unused]] const int rc = std::system(("umount '" + at + "'").c_str()); }
+  } unmount{small};
+  const std::string up = Host("up.bin");
+  WriteAll(up, Bytes(1 << 20));
+  Start();
+  ExpectReason(device, [&](PodDevice *d) { CopyFileFromNativeToDevice(d, up.c_str(), "/small/u", nullptr); },
+               {TARN_E_DEVICE_FULL, "no space left for \"/small/u\""}, "full in mid-write");
+  EXPECT_EQ(TarnLastError()->done, 65536u);
+}
+
 // The tool's batches: one connection, the sync lock taken once, and a lost
 // connection seen after the file it broke.
 TEST_F(ReasonsTest, ABatchLearnsOfABusyLockAndOfALostConnectionAfterEachFile) {
@@ -192,6 +213,9 @@ TEST_F(ReasonsTest, ABatchLearnsOfABusyLockAndOfALostConnectionAfterEachFile) {
   EXPECT_NE(lock, 0u);
   EXPECT_EQ(TarnLastError()->code, TARN_E_SYNC_LOCK_BUSY);
   TarnSyncUnlock(other, held);
+  // Released, and free for the next party while its holder stays connected.
+  ExpectReason(device, [&](PodDevice *d) { CopyFileFromDeviceToNative(d, "/b/f0", Host("f0").c_str(), nullptr); },
+               {TARN_OK, ""}, "after the release");
   CloseIdeviceAndAfC(other, other_device);
 
   testing::internal::CaptureStdout();

@@ -84,6 +84,16 @@ TEST_F(SnapshotTest, RecordsCarryPathsSizesDatesAndLinks) {
   char **info = GetDirOrFileInfo(device, "/s/d1/g1");
   EXPECT_STREQ(g1->modify_date, info[TARN_INFO_MTIME]);
   EXPECT_STREQ(g1->create_date, info[TARN_INFO_BIRTHTIME]);
+  // An application fills its own records with the same two calls.
+  PodDir own_dir{};
+  PodFile own_file{};
+  SetDirInfo(info, &own_dir, nullptr);
+  SetFileInfo(info, &own_file, nullptr);
+  EXPECT_STREQ(own_dir.modify_date, info[TARN_INFO_MTIME]);
+  EXPECT_STREQ(own_file.create_date, info[TARN_INFO_BIRTHTIME]);
+  EXPECT_STREQ(own_file.size, "3");
+  for (char *text : {own_dir.create_date, own_dir.modify_date, own_file.create_date, own_file.modify_date, own_file.size})
+    std::free(text);
   FreeFileInfo(info);
 
   // Siblings come in the device's listing order and link both ways.

@@ -9,6 +9,8 @@
 #pragma once
 
 #include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
 #include <libimobiledevice/afc.h>
 #include <libimobiledevice/libimobiledevice.h>
 #include <libimobiledevice/lockdown.h>
@@ -23,6 +25,8 @@
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+extern char **environ;
 
 namespace tarn::bench {
 
@@ -156,5 +160,40 @@ inline std::string Format(const char *fmt, double v) {
   std::snprintf(buf, sizeof buf, fmt, v);
   return buf;
 }
+
+
+// One measurement in a process of its own, so that its peak resident memory
+// is its own: runs `self` with `args`, which prints "SECONDS PEAK_KIB".
+struct Sample {
+  double seconds = 0;
+  long peak_kib = 0;
+};
+inline Sample RunChild(const std::string &self, const std::vector<std::string> &args) {
+  std::vector<char *> argv{const_cast<char *>(self.c_str())};
+  for (auto &a : args) argv.push_back(const_cast<char *>(a.c_str()));
+  argv.push_back(nullptr);
+  int out[2];
+  if (::pipe(out) != 0) throw std::runtime_error("pipe failed");
+  posix_spawn_file_actions_t fa;
+  posix_spawn_file_actions_init(&fa);
+  posix_spawn_file_actions_adddup2(&fa, out[1], 1);
+  posix_spawn_file_actions_addclose(&fa, out[0]);
+  pid_t pid = -1;
+  const int err = posix_spawn(&pid, self.c_str(), &fa, nullptr, argv.data(), environ);
+  posix_spawn_file_actions_destroy(&fa);
+  ::close(out[1]);
+  if (err != 0) throw std::runtime_error("cannot start a measuring process");
+  std::string text;
+  char buf[256];
+  for (ssize_t n; (n = ::read(out[0], buf, sizeof buf)) > 0;) text.append(buf, static_cast<size_t>(n));
+  ::close(out[0]);
+  int status = 0;
+  ::waitpid(pid, &status, 0);
+  Sample s;
+  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0 || std::sscanf(text.c_str(), "%lf %ld", &s.seconds, &s.peak_kib) != 2)
+    throw std::runtime_error("measuring " + (args.size() > 1 ? args[1] : std::string("?")) + " failed");
+  return s;
+}
+
 
 }  // namespace tarn::bench

@@ -10,8 +10,6 @@
 //
 //   bench_catalogue --image DIR [--reps N]
 #include <gpod/itdb.h>
-#include <spawn.h>
-#include <sys/wait.h>
 
 #include <cstring>
 #include <fstream>
@@ -25,16 +23,10 @@
 #include "simulator.h"
 #include "tarn/tarn_device.h"
 
-extern char **environ;
 
 namespace {
 
 using namespace tarn::bench;
-
-struct Sample {
-  double seconds = 0;
-  long peak_kib = 0;
-};
 
 // In a child: initialise a handle on the device, then time one operation.
 int Measure(const std::string &what, const std::string &udid, const std::string &image, const std::string &work) {
@@ -66,32 +58,6 @@ int Measure(const std::string &what, const std::string &udid, const std::string 
   return 0;
 }
 
-Sample RunChild(const std::string &self, const std::vector<std::string> &args) {
-  std::vector<char *> argv{const_cast<char *>(self.c_str())};
-  for (auto &a : args) argv.push_back(const_cast<char *>(a.c_str()));
-  argv.push_back(nullptr);
-  int out[2];
-  if (::pipe(out) != 0) throw std::runtime_error("pipe failed");
-  posix_spawn_file_actions_t fa;
-  posix_spawn_file_actions_init(&fa);
-  posix_spawn_file_actions_adddup2(&fa, out[1], 1);
-  posix_spawn_file_actions_addclose(&fa, out[0]);
-  pid_t pid = -1;
-  const int err = posix_spawn(&pid, self.c_str(), &fa, nullptr, argv.data(), environ);
-  posix_spawn_file_actions_destroy(&fa);
-  ::close(out[1]);
-  if (err != 0) throw std::runtime_error("cannot start a measuring process");
-  std::string text;
-  char buf[256];
-  for (ssize_t n; (n = ::read(out[0], buf, sizeof buf)) > 0;) text.append(buf, static_cast<size_t>(n));
-  ::close(out[0]);
-  int status = 0;
-  ::waitpid(pid, &status, 0);
-  Sample s;
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0 || std::sscanf(text.c_str(), "%lf %ld", &s.seconds, &s.peak_kib) != 2)
-    throw std::runtime_error("measuring " + args[1] + " failed");
-  return s;
-}
 
 std::string Arg(int argc, char **argv, const char *name) {
   for (int i = 1; i + 1 < argc; ++i) {

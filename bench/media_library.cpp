@@ -12,9 +12,7 @@
 // the one secure session a command costs is not counted against a list.
 //
 //   bench_media_library [--tracks N] [--assets N] [--reps N]
-#include <spawn.h>
 #include <sqlite3.h>
-#include <sys/wait.h>
 
 #include <cstring>
 #include <filesystem>
@@ -31,18 +29,12 @@
 #include "simulator.h"
 #include "tarn/tarn_device.h"
 
-extern char **environ;
 
 namespace {
 
 using namespace tarn::bench;
 
 constexpr const char *kUdid = "00008110-0000BE4C4000001E";
-
-struct Sample {
-  double seconds = 0;
-  long peak_kib = 0;
-};
 
 // Every value of every row, as text or number, kept.
 size_t SelectAll(const std::string &path, bool photos) {
@@ -99,32 +91,6 @@ int Measure(const std::string &what, const std::string &work) {
   return 0;
 }
 
-Sample RunChild(const std::string &self, const std::vector<std::string> &args) {
-  std::vector<char *> argv{const_cast<char *>(self.c_str())};
-  for (auto &a : args) argv.push_back(const_cast<char *>(a.c_str()));
-  argv.push_back(nullptr);
-  int out[2];
-  if (::pipe(out) != 0) throw std::runtime_error("pipe failed");
-  posix_spawn_file_actions_t fa;
-  posix_spawn_file_actions_init(&fa);
-  posix_spawn_file_actions_adddup2(&fa, out[1], 1);
-  posix_spawn_file_actions_addclose(&fa, out[0]);
-  pid_t pid = -1;
-  const int err = posix_spawn(&pid, self.c_str(), &fa, nullptr, argv.data(), environ);
-  posix_spawn_file_actions_destroy(&fa);
-  ::close(out[1]);
-  if (err != 0) throw std::runtime_error("cannot start a measuring process");
-  std::string text;
-  char buf[256];
-  for (ssize_t n; (n = ::read(out[0], buf, sizeof buf)) > 0;) text.append(buf, static_cast<size_t>(n));
-  ::close(out[0]);
-  int status = 0;
-  ::waitpid(pid, &status, 0);
-  Sample s;
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0 || std::sscanf(text.c_str(), "%lf %ld", &s.seconds, &s.peak_kib) != 2)
-    throw std::runtime_error("measuring " + args[1] + " failed");
-  return s;
-}
 
 std::string Arg(int argc, char **argv, const char *name) {
   for (int i = 1; i + 1 < argc; ++i)

@@ -11,6 +11,7 @@
 #include <deque>
 #include <map>
 #include <memory>
+#include <iterator>
 #include <set>
 #include <sstream>
 #include <system_error>
@@ -141,32 +142,21 @@ class Exporter {
     uint64_t total = 0;
     for (const auto &job : jobs) total += job.size;
     Transfers transfers(session_, total, jobs.size(), hooks, false);
-    try {
-      for (const auto &job : jobs) {
-        const Outcome outcome = transfers.Download(job);
-        if (outcome == Outcome::kCopied) {
-          ++report_.copied;
-          const std::string rel = fs::relative(job.host_path, dir_).generic_string();
-          manifest_.Record(rel, job.device_path, job.size, job.mtime);
-          report_.files.push_back(rel);
-        }
-        if (outcome == Outcome::kFailed) {
-          Failure failure = transfers.last_failure();
-          failure.message = Printable(job.device_path) + ": " + failure.message;
-          report_.failed.push_back(std::move(failure));
-        }
-        if (outcome == Outcome::kCancelled || hooks.cancelled()) {
-          report_.cancelled = true;
-          break;
-        }
+    // What was copied stays known as ours, however the batch ends.
+    BatchEnd end = RunDownloads(transfers, jobs, hooks, [this] { manifest_.Save(); }, [&](const DownloadJob &job) {
+      const Outcome outcome = transfers.Download(job);
+      if (outcome == Outcome::kCopied) {
+        ++report_.copied;
+        const std::string rel = fs::relative(job.host_path, dir_).generic_string();
+        manifest_.Record(rel, job.device_path, job.size, job.mtime);
+        report_.files.push_back(rel);
       }
-    } catch (const Failure &) {
-      manifest_.Save();  // what was copied stays known as ours
-      throw;
-    }
-    transfers.Finish();
-    manifest_.Save();
-    report_.bytes = transfers.bytes_copied();
+      return std::pair{outcome, job.device_path};
+    });
+    report_.failed.insert(report_.failed.end(), std::make_move_iterator(end.failed.begin()),
+                          std::make_move_iterator(end.failed.end()));
+    report_.cancelled = end.cancelled;
+    report_.bytes = end.bytes;
     return !report_.cancelled;
   }
 

@@ -7,6 +7,7 @@
 #include <cctype>
 #include <ctime>
 #include <filesystem>
+#include <iterator>
 #include <system_error>
 
 #include "apps/common/catalogue.h"
@@ -90,26 +91,14 @@ class Importer {
       total += info.size;
     }
     Transfers transfers(session_, total, jobs.size(), hooks, false);
-    try {
-      for (const auto &[job, index] : jobs) {
-        const Outcome outcome = Download(transfers, job, plan_[index]);
-        if (outcome == Outcome::kFailed) {
-          Failure failure = transfers.last_failure();
-          failure.message = Printable(job.device_path) + ": " + failure.message;
-          report_.failed.push_back(std::move(failure));
-        }
-        if (outcome == Outcome::kCancelled || hooks.cancelled()) {
-          report_.cancelled = true;
-          break;
-        }
-      }
-    } catch (const Failure &) {
-      record_.Save();  // what was copied stays known as imported
-      throw;
-    }
-    transfers.Finish();
-    record_.Save();
-    report_.bytes = transfers.bytes_copied();
+    // What was copied stays known as imported, however the batch ends.
+    BatchEnd end = RunDownloads(transfers, jobs, hooks, [this] { record_.Save(); }, [&](const auto &entry) {
+      return std::pair{Download(transfers, entry.first, plan_[entry.second]), entry.first.device_path};
+    });
+    report_.failed.insert(report_.failed.end(), std::make_move_iterator(end.failed.begin()),
+                          std::make_move_iterator(end.failed.end()));
+    report_.cancelled = end.cancelled;
+    report_.bytes = end.bytes;
   }
 
  private:

@@ -15,6 +15,7 @@
 #include <string>
 
 #include "apps/common/session.h"
+#include "apps/common/text.h"
 
 namespace tarn::app {
 
@@ -82,5 +83,44 @@ class Transfers {
   std::string label_;
   Failure last_failure_;
 };
+
+// How a batch of downloads ended.
+struct BatchEnd {
+  std::vector<Failure> failed;  // "<device path>: <reason>", per file that could not be copied
+  bool cancelled = false;
+  uint64_t bytes = 0;
+};
+
+// Runs a batch of downloads in order over `transfers`: `copy(job)` copies one
+// and says how it ended. A file that fails is kept with its device path and
+// the batch goes on; a cancel ends it. `save` runs however the batch ends,
+// also when a lost connection ends it by a Failure, so that what was copied
+// stays recorded (the export's and the import's record).
+template <typename Job, typename Copy>
+BatchEnd RunDownloads(Transfers &transfers, const std::vector<Job> &jobs, const TransferHooks &hooks,
+                      const std::function<void()> &save, Copy copy) {
+  BatchEnd end;
+  try {
+    for (const Job &job : jobs) {
+      const auto [outcome, device_path] = copy(job);
+      if (outcome == Outcome::kFailed) {
+        Failure failure = transfers.last_failure();
+        failure.message = Printable(device_path) + ": " + failure.message;
+        end.failed.push_back(std::move(failure));
+      }
+      if (outcome == Outcome::kCancelled || hooks.cancelled()) {
+        end.cancelled = true;
+        break;
+      }
+    }
+  } catch (const Failure &) {
+    save();
+    throw;
+  }
+  transfers.Finish();
+  save();
+  end.bytes = transfers.bytes_copied();
+  return end;
+}
 
 }  // namespace tarn::app

@@ -75,6 +75,19 @@ inline std::vector<std::string> Column(plist_t result, const char *key) {
   return out;
 }
 
+// A playlist list of a phone's music library, one line a playlist:
+// "name:kind:parent:title,title,...".
+inline std::vector<std::string> PlaylistLines(plist_t playlists) {
+  std::vector<std::string> lines;
+  for (uint32_t i = 0; i < plist_array_get_size(playlists); ++i) {
+    plist_t p = plist_array_get_item(playlists, i);
+    std::string members;
+    for (const std::string &t : Column(p, "title")) members += t + ",";
+    lines.push_back(Str(p, "name") + ":" + Str(p, "kind") + ":" + Str(p, "parent") + ":" + members);
+  }
+  return lines;
+}
+
 // Local time nine hours east of UTC for the life of the object, without
 // depending on the host's zone database.
 inline constexpr const char *kNineEast = "XYZ-9";

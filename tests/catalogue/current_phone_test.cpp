@@ -70,13 +70,7 @@ TEST_F(CatalogueTest, AModernPhonesMusicIsItsLibraryWithTheRowsOnlyInTheLog) {
 
     Plist playlists(Quiet([&] { return GetPlayList(device, 0, 0); }));
     ASSERT_TRUE(playlists);
-    std::vector<std::string> seen;
-    for (uint32_t i = 0; i < plist_array_get_size(playlists.get()); ++i) {
-      plist_t p = plist_array_get_item(playlists.get(), i);
-      std::string members;
-      for (const std::string &t : Column(p, "title")) members += t + ",";
-      seen.push_back(Str(p, "name") + ":" + Str(p, "kind") + ":" + Str(p, "parent") + ":" + members);
-    }
+    const std::vector<std::string> seen = PlaylistLines(playlists.get());
     ASSERT_FALSE(seen.empty());
     EXPECT_EQ(seen.front().substr(seen.front().find(':')), ":library::Alpha,Bravo,Ring,Delta (new),Echo (cloud),");
     EXPECT_EQ(std::vector<std::string>(seen.begin() + 1, seen.end()),

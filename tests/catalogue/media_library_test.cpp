@@ -249,13 +249,7 @@ TEST_F(NewerLibrary, PlaylistsKeepPositionRepeatsKindsAndFolders) {
         " (4, 101, 999, 3, 0), (5, 100, 1, 0, 0), (6, 100, 2, 1, 0), (7, 100, 3, 2, 0);");
   Plist playlists(ReadPlaylistDbTypeSQLITE(path.c_str()));
   ASSERT_TRUE(playlists);
-  std::vector<std::string> seen;
-  for (uint32_t i = 0; i < plist_array_get_size(playlists.get()); ++i) {
-    plist_t p = plist_array_get_item(playlists.get(), i);
-    std::string members;
-    for (const std::string &t : Column(p, "title")) members += t + ",";
-    seen.push_back(Str(p, "name") + ":" + Str(p, "kind") + ":" + Str(p, "parent") + ":" + members);
-  }
+  const std::vector<std::string> seen = PlaylistLines(playlists.get());
   // By position, a track twice, a member the library lacks left out.
   EXPECT_EQ(seen, (std::vector<std::string>{"Phone:library::one,two,three,", "Mix:genius::", "Purchased:builtin::",
                                             "Recent:smart::", "Road:user:Trips:one,three,three,",

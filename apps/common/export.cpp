@@ -143,7 +143,7 @@ class Exporter {
     for (const auto &job : jobs) total += job.size;
     Transfers transfers(session_, total, jobs.size(), hooks, false);
     // What was copied stays known as ours, however the batch ends.
-    BatchEnd end = RunDownloads(transfers, jobs, hooks, [this] { manifest_.Save(); }, [&](const DownloadJob &job) {
+    BatchReport end = DownloadBatch(transfers, jobs, hooks, [this] { manifest_.Save(); }, [&](const DownloadJob &job) {
       const Outcome outcome = transfers.Download(job);
       if (outcome == Outcome::kCopied) {
         ++report_.copied;

@@ -54,13 +54,6 @@ void PlanTree(const PodDir *dir, const fs::path &host_dir, DownloadPlan &plan) {
 }
 
 // How one file of a batch went; a lost connection has already ended it.
-void Count(Outcome outcome, const Transfers &transfers, const std::string &what, BatchReport &report) {
-  if (outcome == Outcome::kCopied) ++report.copied;
-  else if (outcome == Outcome::kSkipped) ++report.skipped;
-  else if (outcome == Outcome::kCancelled) report.cancelled = true;
-  else report.failed.push_back({transfers.last_failure().status, transfers.last_failure().code,
-                                Printable(what) + ": " + transfers.last_failure().message});
-}
 
 }  // namespace
 
@@ -186,7 +179,7 @@ BatchReport RunDownloads(Session &session, const DownloadPlan &plan, const Trans
     // left out rather than copied as whatever it points at.
     const std::string target = outcome == Outcome::kFailed ? session.LinkTarget(job.device_path) : "";
     if (!target.empty()) report.notes.push_back("skipped the symbolic link " + job.device_path + " -> " + target);
-    else Count(outcome, transfers, job.device_path, report);
+    else CountOutcome(outcome, transfers, job.device_path, report);
     if (outcome == Outcome::kSkipped && no_clobber) report.notes.push_back(job.host_path + " exists; not replaced");
     if (report.cancelled || hooks.cancelled()) {
       report.cancelled = true;
@@ -210,7 +203,7 @@ BatchReport RunUploads(Session &session, const UploadPlan &plan, const TransferH
   std::error_code ec;
   for (const auto &[host, device] : plan.files) {
     const uintmax_t size = fs::file_size(host, ec);
-    Count(transfers.Upload(host.string(), device, ec ? 0 : size), transfers, host.string(), report);
+    CountOutcome(transfers.Upload(host.string(), device, ec ? 0 : size), transfers, host.string(), report);
     if (report.cancelled || hooks.cancelled()) {
       report.cancelled = true;
       break;

@@ -72,14 +72,6 @@ struct UploadPlan {
 // with kHostPath when the host side cannot be read.
 UploadPlan PlanUpload(const std::filesystem::path &host, const std::string &device_path);
 
-struct BatchReport {
-  size_t copied = 0, skipped = 0;
-  uint64_t bytes = 0;
-  bool cancelled = false;
-  std::vector<Failure> failed;     // one per file that could not be copied
-  std::vector<std::string> notes;  // the plan's notes, then the device links passed over
-};
-
 // The copies of a plan over the session's one connection and one hold of the
 // sync lock (uploads are refused with kBusy while another computer syncs).
 // A file that fails is reported and the batch goes on; a connection that is

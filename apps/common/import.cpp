@@ -92,7 +92,7 @@ class Importer {
     }
     Transfers transfers(session_, total, jobs.size(), hooks, false);
     // What was copied stays known as imported, however the batch ends.
-    BatchEnd end = RunDownloads(transfers, jobs, hooks, [this] { record_.Save(); }, [&](const auto &entry) {
+    BatchReport end = DownloadBatch(transfers, jobs, hooks, [this] { record_.Save(); }, [&](const auto &entry) {
       return std::pair{Download(transfers, entry.first, plan_[entry.second]), entry.first.device_path};
     });
     report_.failed.insert(report_.failed.end(), std::make_move_iterator(end.failed.begin()),

@@ -188,4 +188,12 @@ Outcome Transfers::Upload(const std::string &host_path, const std::string &devic
   return Outcome::kCopied;
 }
 
+void CountOutcome(Outcome outcome, const Transfers &transfers, const std::string &what, BatchReport &report) {
+  if (outcome == Outcome::kCopied) ++report.copied;
+  else if (outcome == Outcome::kSkipped) ++report.skipped;
+  else if (outcome == Outcome::kCancelled) report.cancelled = true;
+  else report.failed.push_back({transfers.last_failure().status, transfers.last_failure().code,
+                                Printable(what) + ": " + transfers.last_failure().message});
+}
+
 }  // namespace tarn::app

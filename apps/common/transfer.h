@@ -84,32 +84,34 @@ class Transfers {
   Failure last_failure_;
 };
 
-// How a batch of downloads ended.
-struct BatchEnd {
-  std::vector<Failure> failed;  // "<device path>: <reason>", per file that could not be copied
-  bool cancelled = false;
+// How a batch of copies ended.
+struct BatchReport {
+  size_t copied = 0, skipped = 0;
   uint64_t bytes = 0;
+  bool cancelled = false;
+  std::vector<Failure> failed;     // "<what>: <reason>", one per file that could not be copied
+  std::vector<std::string> notes;  // the plan's notes, then the device links passed over
 };
 
+// Adds one copy's outcome to a batch's report; a failure is kept with `what`
+// (the file's path) and the reason the transfers recorded.
+void CountOutcome(Outcome outcome, const Transfers &transfers, const std::string &what, BatchReport &report);
+
 // Runs a batch of downloads in order over `transfers`: `copy(job)` copies one
-// and says how it ended. A file that fails is kept with its device path and
-// the batch goes on; a cancel ends it. `save` runs however the batch ends,
-// also when a lost connection ends it by a Failure, so that what was copied
-// stays recorded (the export's and the import's record).
+// and gives its outcome and device path. A file that fails is kept and the
+// batch goes on; a cancel ends it. `save` runs however the batch ends, also
+// when a lost connection ends it by a Failure, so that what was copied stays
+// recorded (the export's and the import's record).
 template <typename Job, typename Copy>
-BatchEnd RunDownloads(Transfers &transfers, const std::vector<Job> &jobs, const TransferHooks &hooks,
-                      const std::function<void()> &save, Copy copy) {
-  BatchEnd end;
+BatchReport DownloadBatch(Transfers &transfers, const std::vector<Job> &jobs, const TransferHooks &hooks,
+                          const std::function<void()> &save, Copy copy) {
+  BatchReport report;
   try {
     for (const Job &job : jobs) {
       const auto [outcome, device_path] = copy(job);
-      if (outcome == Outcome::kFailed) {
-        Failure failure = transfers.last_failure();
-        failure.message = Printable(device_path) + ": " + failure.message;
-        end.failed.push_back(std::move(failure));
-      }
-      if (outcome == Outcome::kCancelled || hooks.cancelled()) {
-        end.cancelled = true;
+      CountOutcome(outcome, transfers, device_path, report);
+      if (report.cancelled || hooks.cancelled()) {
+        report.cancelled = true;
         break;
       }
     }
@@ -119,8 +121,8 @@ BatchEnd RunDownloads(Transfers &transfers, const std::vector<Job> &jobs, const 
   }
   transfers.Finish();
   save();
-  end.bytes = transfers.bytes_copied();
-  return end;
+  report.bytes = transfers.bytes_copied();
+  return report;
 }
 
 }  // namespace tarn::app

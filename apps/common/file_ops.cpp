@@ -181,10 +181,7 @@ BatchReport RunDownloads(Session &session, const DownloadPlan &plan, const Trans
     if (!target.empty()) report.notes.push_back("skipped the symbolic link " + job.device_path + " -> " + target);
     else CountOutcome(outcome, transfers, job.device_path, report);
     if (outcome == Outcome::kSkipped && no_clobber) report.notes.push_back(job.host_path + " exists; not replaced");
-    if (report.cancelled || hooks.cancelled()) {
-      report.cancelled = true;
-      break;
-    }
+    if (StopsBatch(report, hooks)) break;
   }
   transfers.Finish();
   report.bytes = transfers.bytes_copied();
@@ -204,10 +201,7 @@ BatchReport RunUploads(Session &session, const UploadPlan &plan, const TransferH
   for (const auto &[host, device] : plan.files) {
     const uintmax_t size = fs::file_size(host, ec);
     CountOutcome(transfers.Upload(host.string(), device, ec ? 0 : size), transfers, host.string(), report);
-    if (report.cancelled || hooks.cancelled()) {
-      report.cancelled = true;
-      break;
-    }
+    if (StopsBatch(report, hooks)) break;
   }
   transfers.Finish();
   report.bytes = transfers.bytes_copied();

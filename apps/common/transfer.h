@@ -97,6 +97,13 @@ struct BatchReport {
 // (the file's path) and the reason the transfers recorded.
 void CountOutcome(Outcome outcome, const Transfers &transfers, const std::string &what, BatchReport &report);
 
+// Whether a batch stops after a copy: the copy was cancelled, or the person
+// asked to stop in the meantime (then the report says cancelled too).
+inline bool StopsBatch(BatchReport &report, const TransferHooks &hooks) {
+  if (hooks.cancelled()) report.cancelled = true;
+  return report.cancelled;
+}
+
 // Runs a batch of downloads in order over `transfers`: `copy(job)` copies one
 // and gives its outcome and device path. A file that fails is kept and the
 // batch goes on; a cancel ends it. `save` runs however the batch ends, also
@@ -110,10 +117,7 @@ BatchReport DownloadBatch(Transfers &transfers, const std::vector<Job> &jobs, co
     for (const Job &job : jobs) {
       const auto [outcome, device_path] = copy(job);
       CountOutcome(outcome, transfers, device_path, report);
-      if (report.cancelled || hooks.cancelled()) {
-        report.cancelled = true;
-        break;
-      }
+      if (StopsBatch(report, hooks)) break;
     }
   } catch (const Failure &) {
     save();

@@ -15,14 +15,132 @@
 #include <QItemSelectionModel>
 #include <QPainter>
 #include <QSplitter>
+#include <QStyle>
+#include <QStyleOptionFocusRect>
 #include <QVBoxLayout>
 
 namespace tarn::desktop {
 
+namespace {
+
+QHeaderView *ColumnHeader(QAbstractItemView *view) {
+  if (auto *table = qobject_cast<QTableView *>(view)) return table->horizontalHeader();
+  if (auto *tree = qobject_cast<QTreeView *>(view)) return tree->header();
+  return nullptr;
+}
+
+// Sorts a list by one of its columns; the column it is already sorted by
+// turns round. The header's keys and the "Sort by" menu both come here.
+void SortBy(QAbstractItemView *view, int column) {
+  QHeaderView *header = ColumnHeader(view);
+  if (header == nullptr) return;
+  const Qt::SortOrder order = header->sortIndicatorSection() == column && header->sortIndicatorOrder() == Qt::AscendingOrder
+                                  ? Qt::DescendingOrder
+                                  : Qt::AscendingOrder;
+  if (auto *table = qobject_cast<QTableView *>(view)) table->sortByColumn(column, order);
+  else if (auto *tree = qobject_cast<QTreeView *>(view)) tree->sortByColumn(column, order);
+}
+
+// A list's column headers as a stop of their own, just before the list
+// (Shift+Tab from the list): Left and Right choose a column, Space or Enter
+// sorts by it, Down or Escape go back to the list. Qt's headers take no
+// focus and draw none, so the chosen column is framed here.
+class HeaderKeys : public QObject {
+ public:
+  HeaderKeys(QHeaderView *header, QAbstractItemView *view) : QObject(header), header_(header), view_(view) {
+    header->setFocusPolicy(Qt::TabFocus);
+    header->setAccessibleName(QObject::tr("Column headers"));
+    QWidget::setTabOrder(header, view);
+    header->installEventFilter(this);
+    header->viewport()->installEventFilter(this);
+  }
+
+  bool eventFilter(QObject *watched, QEvent *event) override {
+    if (watched == header_->viewport() && event->type() == QEvent::Paint && header_->hasFocus() && !painting_) {
+      painting_ = true;
+      QCoreApplication::sendEvent(watched, event);
+      painting_ = false;
+      const int column = Chosen();
+      if (column >= 0) {
+        QPainter painter(header_->viewport());
+        QStyleOptionFocusRect frame;
+        frame.initFrom(header_);
+        frame.rect = QRect(header_->sectionViewportPosition(column), 0, header_->sectionSize(column),
+                           header_->viewport()->height())
+                         .adjusted(2, 2, -2, -2);
+        header_->style()->drawPrimitive(QStyle::PE_FrameFocusRect, &frame, &painter, header_);
+      }
+      return true;
+    }
+    if (watched != header_) return false;
+    if (event->type() == QEvent::FocusIn) {
+      Choose(Chosen());
+      return false;
+    }
+    if (event->type() == QEvent::FocusOut) header_->viewport()->update();
+    if (event->type() != QEvent::KeyPress) return false;
+    const int key = static_cast<QKeyEvent *>(event)->key();
+    const int visual = header_->visualIndex(Chosen());
+    switch (key) {
+      case Qt::Key_Left: Choose(Step(visual, -1)); return true;
+      case Qt::Key_Right: Choose(Step(visual, +1)); return true;
+      case Qt::Key_Home: Choose(Step(-1, +1)); return true;
+      case Qt::Key_End: Choose(Step(header_->count(), -1)); return true;
+      case Qt::Key_Space:
+      case Qt::Key_Return:
+      case Qt::Key_Enter:
+        if (Chosen() >= 0) SortBy(view_, Chosen());
+        Choose(Chosen());
+        return true;
+      case Qt::Key_Down:
+      case Qt::Key_Escape: view_->setFocus(Qt::ShortcutFocusReason); return true;
+      default: return false;
+    }
+  }
+
+ private:
+  // The column chosen by key, or the one the list is sorted by, or the first.
+  int Chosen() const {
+    if (chosen_ >= 0 && chosen_ < header_->count() && !header_->isSectionHidden(chosen_)) return chosen_;
+    const int sorted = header_->sortIndicatorSection();
+    if (sorted >= 0 && sorted < header_->count() && !header_->isSectionHidden(sorted)) return sorted;
+    return Step(-1, +1);
+  }
+  // The next shown column from a visual position, in one direction; where
+  // there is none, the position's own column.
+  int Step(int visual, int direction) const {
+    for (int v = visual + direction; v >= 0 && v < header_->count(); v += direction) {
+      const int logical = header_->logicalIndex(v);
+      if (!header_->isSectionHidden(logical)) return logical;
+    }
+    return visual >= 0 && visual < header_->count() ? header_->logicalIndex(visual) : -1;
+  }
+  void Choose(int column) {
+    chosen_ = column;
+    header_->viewport()->update();
+    if (column < 0 || header_->model() == nullptr) return;
+    const QString name = header_->model()->headerData(column, Qt::Horizontal).toString();
+    QString state = QObject::tr("not sorted");
+    if (header_->sortIndicatorSection() == column)
+      state = header_->sortIndicatorOrder() == Qt::AscendingOrder ? QObject::tr("sorted ascending")
+                                                                  : QObject::tr("sorted descending");
+    header_->setAccessibleDescription(
+        QObject::tr("%1, %2; Left and Right choose a column, Enter sorts by it").arg(name, state));
+  }
+
+  QHeaderView *header_;
+  QAbstractItemView *view_;
+  int chosen_ = -1;
+  bool painting_ = false;
+};
+
+}  // namespace
+
 void PrepareList(QAbstractItemView *view, QWidget *owner) {
   view->setTabKeyNavigation(false);
   view->setContextMenuPolicy(Qt::ActionsContextMenu);
-  // Sorting from the keyboard: the headers take no focus, the menu does.
+  if (QHeaderView *header = ColumnHeader(view)) new HeaderKeys(header, view);
+  // Sorting from the menu as well: the Menu key reaches it from the list.
   auto *sort = new QAction(QObject::tr("Sort &by"), owner);
   sort->setObjectName("sortBy");
   auto *columns = new QMenu(owner);
@@ -30,25 +148,15 @@ void PrepareList(QAbstractItemView *view, QWidget *owner) {
   QObject::connect(columns, &QMenu::aboutToShow, view, [view, columns] {
     columns->clear();
     QAbstractItemModel *model = view->model();
-    QHeaderView *header = nullptr;
-    if (auto *table = qobject_cast<QTableView *>(view)) header = table->horizontalHeader();
-    else if (auto *tree = qobject_cast<QTreeView *>(view)) header = tree->header();
+    QHeaderView *header = ColumnHeader(view);
     if (model == nullptr) return;
     for (int c = 0; c < model->columnCount(); ++c) {
       const QString name = model->headerData(c, Qt::Horizontal).toString();
       QAction *by = columns->addAction(name);
       by->setObjectName("sortBy" + QString::number(c));
-      const bool current = header != nullptr && header->sortIndicatorSection() == c;
       by->setCheckable(true);
-      by->setChecked(current);
-      QObject::connect(by, &QAction::triggered, view, [view, header, c, current] {
-        // The column already sorted by turns round.
-        const Qt::SortOrder order = current && header->sortIndicatorOrder() == Qt::AscendingOrder
-                                        ? Qt::DescendingOrder
-                                        : Qt::AscendingOrder;
-        if (auto *table = qobject_cast<QTableView *>(view)) table->sortByColumn(c, order);
-        else if (auto *tree = qobject_cast<QTreeView *>(view)) tree->sortByColumn(c, order);
-      });
+      by->setChecked(header != nullptr && header->sortIndicatorSection() == c);
+      QObject::connect(by, &QAction::triggered, view, [view, c] { SortBy(view, c); });
     }
   });
   view->addAction(sort);

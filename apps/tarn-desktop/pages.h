@@ -21,7 +21,9 @@ namespace tarn::desktop {
 // use: Tab leaves it in one step (no walk from cell to cell), its actions
 // are its context menu (right click, the Menu key, Shift+F10: see
 // InstallContextMenuKeys), and that
-// menu offers "Sort by" with each column, so sorting needs no mouse.
+// menu offers "Sort by" with each column; a table's column headers are a
+// stop of their own just before it (Left, Right, Enter sorts), so sorting
+// needs no mouse.
 void PrepareList(QAbstractItemView *view, QWidget *owner);
 // Makes the Menu key and Shift+F10 open the focused widget's context menu
 // (or its nearest parent's) in the whole application; the window calls it.

@@ -57,14 +57,24 @@ mkdir -m 700 "$tmp/run"
 # bytes are not NUL-terminated; strict string checks take that for an
 # overflow. Only this program, on this platform, runs without them.
 if [[ -n ${ASAN_OPTIONS:-} ]]; then export ASAN_OPTIONS="$ASAN_OPTIONS:strict_string_checks=0"; fi
-XDG_RUNTIME_DIR=$tmp/run QT_QPA_PLATFORM=xcb QT_ACCESSIBILITY=1 QT_LINUX_ACCESSIBILITY_ALWAYS_ON=1 HOME=$tmp XDG_CONFIG_HOME=$tmp/config \
-  XDG_CACHE_HOME=$tmp/cache "$desktop" >"$tmp/desktop.log" 2>&1 &
-pids+=($!)
-
-status=0
-/usr/bin/python3 "$src/tests/desktop/a11y_walk.py" "$name" ${TARN_A11Y_DUMP:+--dump} || status=$?
-if [[ $status -ne 0 ]]; then
-  echo "--- tarn-desktop said:"; grep -m1 -A30 "ERROR: " "$tmp/desktop.log" || tail -n 20 "$tmp/desktop.log"
-  fail "the accessibility tree has the findings above"
-fi
+# One window per walk: the first opens where a new person lands (the
+# overview), the second where the person left it, the photo grid.
+run_walk() {
+  XDG_RUNTIME_DIR=$tmp/run QT_QPA_PLATFORM=xcb QT_ACCESSIBILITY=1 QT_LINUX_ACCESSIBILITY_ALWAYS_ON=1 HOME=$tmp \
+    XDG_CONFIG_HOME=$tmp/config XDG_CACHE_HOME=$tmp/cache "$desktop" >"$tmp/desktop.log" 2>&1 &
+  local window=$!
+  pids+=("$window")
+  local status=0
+  /usr/bin/python3 "$src/tests/desktop/a11y_walk.py" "$name" "$@" ${TARN_A11Y_DUMP:+--dump} || status=$?
+  kill "$window" 2>/dev/null || true
+  wait "$window" 2>/dev/null || true
+  if [[ $status -ne 0 ]]; then
+    echo "--- tarn-desktop said:"; grep -m1 -A30 "ERROR: " "$tmp/desktop.log" || tail -n 20 "$tmp/desktop.log"
+    fail "the accessibility tree has the findings above"
+  fi
+}
+run_walk
+mkdir -p "$tmp/config/Tarn"
+printf '[place]\nsection=photos\n' >"$tmp/config/Tarn/tarn-desktop.conf"
+run_walk --photos
 echo "ok"

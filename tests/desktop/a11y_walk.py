@@ -2,10 +2,12 @@
 """Walks tarn-desktop's accessibility tree as a screen reader sees it, over
 the AT-SPI bus, and names every element a reader could not use.
 
-    a11y_walk.py DEVICE_NAME [--dump]
+    a11y_walk.py DEVICE_NAME [--photos] [--dump]
 
-Waits (bounded) for the window and for the device's overview; exits 0 when
-every check holds, 1 with one line per finding otherwise."""
+Waits (bounded) for the window and for the device's overview (with
+--photos: for its photo grid); exits 0 when every check holds, 1 with one
+line per finding otherwise."""
+import re
 import sys
 import time
 
@@ -13,6 +15,7 @@ import pyatspi
 
 DEVICE_NAME = sys.argv[1]
 DUMP = "--dump" in sys.argv
+PHOTOS = "--photos" in sys.argv
 PATIENCE_S = 60
 
 # What a person acts on: each needs a name to be spoken and a role.
@@ -61,7 +64,53 @@ def overview_ready(app):
     return False
 
 
+def photo_items(app):
+    """The named items of the photo grid, once it has pictures."""
+    grid = next((n for n, _ in walk(app) if n.getRole() == pyatspi.ROLE_LIST and n.name == "Photos"), None)
+    if grid is None:
+        return []
+    items = [grid.getChildAtIndex(i) for i in range(min(grid.childCount, 200))]
+    return [i.name or "" for i in items if i is not None]
+
+
+# A picture is spoken as "FILE.EXT, DATE, KIND": a date heading has no
+# file name before it.
+PICTURE = re.compile(r"^[^,]+\.[A-Za-z0-9]{2,4}, (.+), (photo|video|Live Photo|screenshot|picture)")
+
+
+def check_photos():
+    deadline = time.monotonic() + PATIENCE_S
+    names = []
+    while time.monotonic() < deadline:
+        try:
+            app = find_app()
+            names = photo_items(app) if app is not None else []
+            if any(PICTURE.match(n) for n in names):
+                break
+        except Exception:
+            pass
+        time.sleep(0.5)
+    findings = []
+    pictures = [n for n in names if PICTURE.match(n)]
+    if DUMP:
+        print("photo grid items: %s" % names)
+    if not pictures:
+        findings.append("the photo grid offered no item named by file, date and kind within %d s: %s" %
+                        (PATIENCE_S, names[:10]))
+    for n in pictures:
+        if not re.search(r"\d", PICTURE.match(n).group(1)):
+            findings.append("the picture %r is not named with its date" % n)
+    if any(not n.strip() for n in names):
+        findings.append("the photo grid has items without a name")
+    for f in findings:
+        print("FAIL: " + f)
+    print("%d grid items, %d pictures, %d finding(s)" % (len(names), len(pictures), len(findings)))
+    return 1 if findings else 0
+
+
 def main():
+    if PHOTOS:
+        return check_photos()
     deadline = time.monotonic() + PATIENCE_S
     app = None
     while time.monotonic() < deadline:

@@ -501,7 +501,8 @@ class DesktopTest : public QObject {
 
   // Keyboard only: no two mnemonics of the window clash, Tab leaves a
   // table in one step, every page has a context menu on the Menu key,
-  // Enter opens, columns sort from that menu; each section has its key.
+  // Enter opens, columns sort from their headers and from that menu; each
+  // section has its key.
   void keyboard() {
     Choose(kIpod);
     // What is on screen together: the menus, the transfer bar's buttons and one page's.
@@ -549,6 +550,22 @@ class DesktopTest : public QObject {
     QWidget *next = window_->focusWidget();
     QVERIFY(next != nullptr && next != music->view() && !music->view()->isAncestorOf(next));
     QTest::keyClick(next, Qt::Key_Backtab);
+    QCOMPARE(window_->focusWidget(), music->view());
+    // The column headers are the stop before the table: Home, Right and
+    // Enter sort by the second column, Enter again turns it round, Escape
+    // goes back to the rows.
+    QHeaderView *header = music->view()->horizontalHeader();
+    QTest::keyClick(music->view(), Qt::Key_Backtab);
+    QCOMPARE(window_->focusWidget(), header);
+    QTest::keyClick(header, Qt::Key_Home);
+    QTest::keyClick(header, Qt::Key_Right);
+    for (Qt::SortOrder order : {Qt::AscendingOrder, Qt::DescendingOrder}) {
+      QTest::keyClick(header, Qt::Key_Return);
+      QCOMPARE(header->sortIndicatorSection(), 1);
+      QCOMPARE(header->sortIndicatorOrder(), order);
+    }
+    QVERIFY(header->accessibleDescription().contains("sorted descending"));
+    QTest::keyClick(header, Qt::Key_Escape);
     QCOMPARE(window_->focusWidget(), music->view());
     // Sort by Size from the menu, then again to turn it round.
     auto *sort_by = music->findChild<QAction *>("sortBy");

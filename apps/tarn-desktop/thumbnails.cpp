@@ -1,8 +1,11 @@
 #include "thumbnails.h"
 
+#include <algorithm>
+
 #include <QBuffer>
 #include <QCryptographicHash>
 #include <QDir>
+#include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
 #include <QImageReader>
@@ -70,8 +73,37 @@ void ThumbnailCache::SetDevice(const std::shared_ptr<DeviceLink> &link) {
   asked_.clear();
   unavailable_.clear();
   fetching_ = decoding_ = 0;
-  folder_ = link ? QStandardPaths::writableLocation(QStandardPaths::CacheLocation) + "/thumbnails/" + link->udid()
-                 : QString();
+  const QString root = QStandardPaths::writableLocation(QStandardPaths::CacheLocation) + "/thumbnails";
+  folder_ = link ? root + '/' + link->udid() : QString();
+  // Kept within its limit once per device chosen, off the window's thread.
+  if (link) decoders_.start([root] { Prune(root, kDiskLimit); });
+}
+
+int ThumbnailCache::Prune(const QString &root, qint64 limit) {
+  struct File {
+    QString path;
+    qint64 size;
+    QDateTime used;
+  };
+  std::vector<File> files;
+  qint64 total = 0;
+  QDirIterator it(root, QDir::Files | QDir::NoSymLinks, QDirIterator::Subdirectories);
+  while (it.hasNext()) {
+    const QFileInfo info(it.next());
+    files.push_back({info.filePath(), info.size(), info.lastModified()});
+    total += info.size();
+  }
+  if (total <= limit) return 0;
+  std::sort(files.begin(), files.end(), [](const File &a, const File &b) { return a.used < b.used; });
+  int removed = 0;
+  for (const File &f : files) {
+    if (total <= limit / 4 * 3) break;
+    if (QFile::remove(f.path)) {
+      total -= f.size;
+      ++removed;
+    }
+  }
+  return removed;
 }
 
 void ThumbnailCache::SetMemoryLimit(qint64 bytes) { memory_.setMaxCost(static_cast<int>(bytes / 1024)); }
@@ -173,7 +205,11 @@ void ThumbnailCache::Decode(const PhotoEntry &entry, const QString &file, bool h
   const QString target = folder_ + '/' + KeyOf(entry) + ".jpg";
   decoders_.start([this, generation, path = entry.path, file, heic, cached, target] {
     const QImage image = DecodePicture(file, heic, kSide);
-    if (!cached) {
+    if (cached) {
+      // A use renews the file's time: the disk cache is pruned by it.
+      QFile used(file);
+      if (used.open(QIODevice::ReadWrite)) used.setFileTime(QDateTime::currentDateTime(), QFileDevice::FileModificationTime);
+    } else {
       QFile::remove(file);
       if (!image.isNull()) {
         QByteArray bytes;

@@ -66,6 +66,13 @@ class ThumbnailCache : public QObject {
   // Where thumbnails of the current device are kept on disk.
   QString Folder() const { return folder_; }
   static QString KeyOf(const PhotoEntry &entry);
+  // What the thumbnails of every device may take on disk together; the
+  // least recently shown go first once it is passed.
+  static constexpr qint64 kDiskLimit = qint64{256} << 20;
+  // Removes the least recently used files below `root` (by their time,
+  // which a use renews) until they take at most three quarters of `limit`;
+  // nothing while they fit. Returns how many it removed.
+  static int Prune(const QString &root, qint64 limit);
 
  signals:
   void Ready(const QString &path);

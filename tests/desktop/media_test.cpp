@@ -173,6 +173,25 @@ class MediaTest : public QObject {
     sim_->enable_log(kPictures, false);
   }
 
+  // The disk cache keeps the thumbnails last shown once it passes its limit.
+  void diskCacheKeepsTheLastShown() {
+    QTemporaryDir root;
+    const QDateTime now = QDateTime::currentDateTime();
+    for (int i = 0; i < 8; ++i) {
+      const QString dir = root.path() + (i % 2 ? "/phone-a" : "/phone-b");
+      QDir().mkpath(dir);
+      QFile f(dir + QString("/%1.jpg").arg(i));
+      QVERIFY(f.open(QIODevice::WriteOnly));
+      f.write(QByteArray(100 * 1024, 'x'));
+      QVERIFY(f.setFileTime(now.addSecs(-3600 * (8 - i)), QFileDevice::FileModificationTime));
+    }
+    QCOMPARE(ThumbnailCache::Prune(root.path(), 800 * 1024), 0);
+    // 800 KiB over a limit of 500: the five oldest go, leaving 300.
+    QCOMPARE(ThumbnailCache::Prune(root.path(), 500 * 1024), 5);
+    for (int i = 0; i < 8; ++i)
+      QCOMPARE(QFile::exists(root.path() + (i % 2 ? "/phone-a" : "/phone-b") + QString("/%1.jpg").arg(i)), i >= 5);
+  }
+
   void previewShowsThePicture() {
     Choose(kPictures);
     PhotosPage *page = ShowPhotos();

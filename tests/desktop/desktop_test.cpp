@@ -659,6 +659,32 @@ class DesktopTest : public QObject {
     QVERIFY(Slurp(host.path() + "/big.bin") == Slurp(small_media_ / "Transfer/big.bin"));
   }
 
+  // A window started with no usbmuxd, which then starts with nothing
+  // attached, and then a phone: each has its page, and the window follows
+  // by itself, with no key pressed.
+  void noServiceThenNoPhoneThenThePhone() {
+    using tarn::app::DeviceState;
+    std::unique_ptr<MainWindow> fresh;
+    {
+      const tarn::testing::NoUsbmux none;
+      fresh = std::make_unique<MainWindow>();
+      QTRY_COMPARE_WITH_TIMEOUT(fresh->statePage()->state(), DeviceState::kNoUsbmuxd, 10000);
+      QVERIFY(fresh->statePage()->advice().contains("usbmuxd"));
+      Simulator empty({}, false);
+      const tarn::testing::ScopedEnv service("USBMUXD_SOCKET_ADDRESS", empty.env_value());
+      QTRY_COMPARE_WITH_TIMEOUT(fresh->statePage()->state(), DeviceState::kNoDevice, 10000);
+      QVERIFY(fresh->statePage()->advice().contains("USB cable"));
+      QSignalSpy opened(fresh.get(), &MainWindow::DeviceOpened);
+      empty.attach({dir_->path() + "/small", kSmall, {}});
+      QTRY_VERIFY_WITH_TIMEOUT(!opened.isEmpty() && opened.last().at(1).toBool(), 30000);
+      QCOMPARE(fresh->udid(), QString(kSmall));
+      fresh.reset();
+      JobPool()->waitForDone();
+    }
+    // The shared window lost its phone meanwhile; it comes back by itself.
+    QTRY_VERIFY_WITH_TIMEOUT(window_->opened(), 30000);
+  }
+
   void attachedAtRunTimeAppears() {
     sim_->attach({dir_->path() + "/small", "00008030-00A77AC400000002", {"name=Late Phone"}});
     QTRY_VERIFY_WITH_TIMEOUT(SidebarItem("00008030-00A77AC400000002") != nullptr, 10000);

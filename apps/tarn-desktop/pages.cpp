@@ -14,6 +14,7 @@
 #include <QHeaderView>
 #include <QItemSelectionModel>
 #include <QPainter>
+#include <QPointer>
 #include <QSplitter>
 #include <QStyle>
 #include <QStyleOptionFocusRect>
@@ -47,7 +48,8 @@ void SortBy(QAbstractItemView *view, int column) {
 // focus and draw none, so the chosen column is framed here.
 class HeaderKeys : public QObject {
  public:
-  HeaderKeys(QHeaderView *header, QAbstractItemView *view) : QObject(header), header_(header), view_(view) {
+  HeaderKeys(QHeaderView *header, QAbstractItemView *view)
+      : QObject(header), header_(header), viewport_(header->viewport()), view_(view) {
     header->setFocusPolicy(Qt::TabFocus);
     header->setAccessibleName(QObject::tr("Column headers"));
     QWidget::setTabOrder(header, view);
@@ -55,8 +57,11 @@ class HeaderKeys : public QObject {
     header->viewport()->installEventFilter(this);
   }
 
+  // Only the events asked for touch the header: the others include those
+  // its own destruction sends, when it is a header no more.
   bool eventFilter(QObject *watched, QEvent *event) override {
-    if (watched == header_->viewport() && event->type() == QEvent::Paint && header_->hasFocus() && !painting_) {
+    const QEvent::Type type = event->type();
+    if (type == QEvent::Paint && watched == viewport_ && header_->hasFocus() && !painting_) {
       painting_ = true;
       QCoreApplication::sendEvent(watched, event);
       painting_ = false;
@@ -73,12 +78,12 @@ class HeaderKeys : public QObject {
       return true;
     }
     if (watched != header_) return false;
-    if (event->type() == QEvent::FocusIn) {
+    if (type == QEvent::FocusIn) {
       Choose(Chosen());
       return false;
     }
-    if (event->type() == QEvent::FocusOut) header_->viewport()->update();
-    if (event->type() != QEvent::KeyPress) return false;
+    if (type == QEvent::FocusOut && viewport_ != nullptr) viewport_->update();
+    if (type != QEvent::KeyPress) return false;
     const int key = static_cast<QKeyEvent *>(event)->key();
     const int visual = header_->visualIndex(Chosen());
     switch (key) {
@@ -117,7 +122,7 @@ class HeaderKeys : public QObject {
   }
   void Choose(int column) {
     chosen_ = column;
-    header_->viewport()->update();
+    viewport_->update();
     if (column < 0 || header_->model() == nullptr) return;
     const QString name = header_->model()->headerData(column, Qt::Horizontal).toString();
     QString state = QObject::tr("not sorted");
@@ -129,6 +134,7 @@ class HeaderKeys : public QObject {
   }
 
   QHeaderView *header_;
+  QPointer<QWidget> viewport_;
   QAbstractItemView *view_;
   int chosen_ = -1;
   bool painting_ = false;

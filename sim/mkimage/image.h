@@ -21,6 +21,11 @@ void BuildImage(const nlohmann::ordered_json &description, const std::filesystem
 void WriteFile(const std::filesystem::path &path, uint64_t size, const std::string &content = "",
                int64_t mtime = 0);
 
+// A real, decodable picture of width x height pixels in `format` ("jpeg",
+// "png" or "heic"): a gradient whose colours follow `seed`, so that no two
+// pictures of different seeds are alike.
+std::string PictureFile(const std::string &format, int width, int height, uint32_t seed);
+
 // Writes the music database section below `media`.
 void WriteMusic(const nlohmann::ordered_json &music, const std::filesystem::path &media,
                 const std::filesystem::path &base);

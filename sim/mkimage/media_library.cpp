@@ -6,7 +6,11 @@
 // playlists meets. Two generations are written: "rows" (playlist members as
 // container_item rows, date_added and is_compilation on item) and "blob"
 // (members packed into container_items, those fields on item_extra, and
-// the virtual table that stock SQLite cannot read).
+// the virtual table that stock SQLite cannot read). The newer generation
+// also carries album artwork: the artwork tables and the cover files under
+// iTunes_Control/iTunes/Artwork/Originals.
+#include <glib.h>
+
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
@@ -101,6 +105,26 @@ constexpr const char *kItemExtraColumns =
     "content_rating INTEGER NOT NULL DEFAULT 0, bpm INTEGER DEFAULT 0, comment TEXT, grouping TEXT, "
     "description TEXT, copyright TEXT, location_kind_id INTEGER NOT NULL DEFAULT 0";
 
+// Where the newer generation finds a track's cover: best_artwork_token
+// names, per entity (a track is entity type 0) and artwork type (1, the
+// cover), the token of the artwork the phone has; the artwork row of that
+// token names its file below Artwork/Originals.
+constexpr const char *kArtworkSchema = R"(
+CREATE TABLE artwork (artwork_token TEXT NOT NULL DEFAULT '', artwork_source_type INTEGER NOT NULL DEFAULT 0,
+  relative_path TEXT NOT NULL DEFAULT '', artwork_type INTEGER NOT NULL DEFAULT 0, interest_data BLOB,
+  artwork_variant_type INTEGER NOT NULL DEFAULT 0, UNIQUE (artwork_token, artwork_source_type, artwork_variant_type));
+CREATE TABLE artwork_token (artwork_token TEXT NOT NULL DEFAULT '', artwork_source_type INTEGER NOT NULL DEFAULT 0,
+  artwork_type INTEGER NOT NULL DEFAULT 0, entity_pid INTEGER NOT NULL DEFAULT 0, entity_type INTEGER NOT NULL DEFAULT 0,
+  artwork_variant_type INTEGER NOT NULL DEFAULT 0,
+  UNIQUE (artwork_token, artwork_source_type, artwork_type, entity_pid, entity_type, artwork_variant_type));
+CREATE TABLE best_artwork_token (entity_pid INTEGER NOT NULL DEFAULT 0, entity_type INTEGER NOT NULL DEFAULT 0,
+  artwork_type INTEGER NOT NULL DEFAULT 0, available_artwork_token TEXT NOT NULL DEFAULT '',
+  fetchable_artwork_token TEXT NOT NULL DEFAULT '', fetchable_artwork_source_type INTEGER NOT NULL DEFAULT 0,
+  artwork_variant_type INTEGER NOT NULL DEFAULT 0,
+  PRIMARY KEY (entity_pid, entity_type, artwork_type, artwork_variant_type));
+)";
+constexpr const char *kArtworkFolder = "iTunes_Control/iTunes/Artwork/Originals";
+
 std::string Schema(bool rows) {
   std::string s = kCommonSchema;
   if (rows) {
@@ -108,6 +132,7 @@ std::string Schema(bool rows) {
          ", date_added INTEGER NOT NULL DEFAULT 0, date_downloaded INTEGER NOT NULL DEFAULT 0, "
          "is_compilation INTEGER NOT NULL DEFAULT 0, in_my_library INTEGER NOT NULL DEFAULT 0);\n";
     s += std::string("CREATE TABLE item_extra (") + kItemExtraColumns + ");\n";
+    s += kArtworkSchema;
     s += "CREATE TABLE container_item (container_item_pid INTEGER PRIMARY KEY, container_pid INTEGER NOT NULL "
          "DEFAULT 0, item_pid INTEGER NOT NULL DEFAULT 0, position INTEGER NOT NULL DEFAULT 0, uuid TEXT NOT NULL "
          "DEFAULT '', position_uuid TEXT NOT NULL DEFAULT '', occurrence_id TEXT NOT NULL DEFAULT '');\n"
@@ -215,6 +240,7 @@ json Generate(const json &g) {
   const int count = g.value("tracks", 0);
   const int cloud = std::min(g.value("cloud", 0), count);
   const bool files = g.value("files", false);
+  const bool covers = g.value("artwork", false);
   std::mt19937 rng(g.value("seed", 1u));
   auto pick = [&](auto &array) { return array[rng() % std::size(array)]; };
   auto letters = [&] {
@@ -264,6 +290,14 @@ json Generate(const json &g) {
               // Added in order, the last ones newest.
               {"date_added", 1672531200 + static_cast<int64_t>(i) * 6 * 3600}};
     if (compilation) t["compilation"] = true;
+    // Two albums in three have a cover, a JPEG or a PNG, shared by their
+    // songs; compilations have none.
+    if (covers && kind.type == kSong && !compilation && !kind.folder) {
+      const auto album = std::find_if(std::begin(kAlbums), std::end(kAlbums),
+                                      [&](const char *a) { return t["album"] == a; });
+      const auto at = album - std::begin(kAlbums);
+      if (at % 3 != 2) t["artwork"] = at % 3 == 0 ? "jpeg" : "png";
+    }
     if (kind.genre && std::string_view(kind.genre) == "Classical") t["composer"] = pick(kComposers);
     if (kind.type == kTvShow) {
       t["series"] = pick(kShows);
@@ -314,8 +348,8 @@ Blob PackPids(const std::vector<int64_t> &pids) {
 // WAL tracks use are WAL-only too.
 class LibraryWriter {
  public:
-  LibraryWriter(SqliteDb &db, bool rows, PidSource &pids)
-      : db_(db), rows_(rows), pids_(pids),
+  LibraryWriter(SqliteDb &db, bool rows, PidSource &pids, const fs::path &media)
+      : db_(db), rows_(rows), pids_(pids), media_(media),
         item_(db, rows ? "INSERT INTO item (item_pid, media_type, item_artist_pid, album_pid, album_artist_pid, "
                          "composer_pid, genre_id, disc_number, track_number, episode_sort_id, base_location_id, "
                          "remote_location_id, date_added, is_compilation, in_my_library) VALUES "
@@ -335,7 +369,16 @@ class LibraryWriter {
                    "storefront_id, date_purchased) VALUES (?,?,?,?,?,?,?)"),
         playback_(db, "INSERT INTO item_playback (item_pid, audio_format, bit_rate, duration, has_video, "
                       "sample_rate, stop_time_ms) VALUES (?,?,?,?,?,?,?)"),
-        video_(db, "INSERT INTO item_video (item_pid, season_number, episode_id, network_name) VALUES (?,?,?,?)") {}
+        video_(db, "INSERT INTO item_video (item_pid, season_number, episode_id, network_name) VALUES (?,?,?,?)") {
+    if (!rows) return;
+    artwork_.emplace(db, "INSERT INTO artwork (artwork_token, artwork_source_type, relative_path, artwork_type) "
+                         "VALUES (?,1,?,1)");
+    artwork_token_.emplace(db, "INSERT INTO artwork_token (artwork_token, artwork_source_type, artwork_type, "
+                               "entity_pid, entity_type) VALUES (?,1,1,?,0)");
+    best_artwork_.emplace(db, "INSERT INTO best_artwork_token (entity_pid, entity_type, artwork_type, "
+                              "available_artwork_token, fetchable_artwork_token, fetchable_artwork_source_type) "
+                              "VALUES (?,0,1,?,?,1)");
+  }
 
   void AddTrack(const json &t, int64_t pid, int64_t base_location, const std::string &location) {
     const int64_t media_type = Num<int64_t>(t, "media_type", kSong);
@@ -359,6 +402,7 @@ class LibraryWriter {
           .Run(p, album, album, album_artist_pid, pid, compilation ? 1 : 0, Num<int64_t>(t, "year"),
                Num<int64_t>(t, "season"));
     });
+    AddArtwork(t, pid, album_pid, album);
     const std::string composer = Str(t, "composer");
     const int64_t composer_pid = Named(composers_, composer, [&](int64_t p) {
       Statement(db_, "INSERT INTO composer (composer_pid, composer, sort_composer, representative_item_pid) "
@@ -419,6 +463,49 @@ class LibraryWriter {
   }
 
  private:
+  // A track's cover: one artwork row and one file per album and format, the
+  // track's token rows naming it. "artwork_path" plants a relative path as
+  // given (and no file), for readers that must not follow it.
+  void AddArtwork(const json &t, int64_t pid, int64_t album_pid, const std::string &album) {
+    const std::string format = Str(t, "artwork"), planted = Str(t, "artwork_path");
+    if (format.empty() && planted.empty()) return;
+    if (!rows_) throw std::runtime_error("media_library: artwork needs the \"rows\" form");
+    std::string token;
+    if (!planted.empty()) {
+      token = "planted-" + std::to_string(pid);
+      artwork_->Run(token, planted);
+    } else {
+      auto [it, added] = covers_.try_emplace({album_pid, format}, std::string());
+      if (added) {
+        it->second = std::to_string(album_pid) + "-" + format;
+        const std::string relative = DigestPath(it->second);
+        artwork_->Run(it->second, relative);
+        const fs::path file = media_ / kArtworkFolder / relative;
+        if (t.contains("artwork_size")) WriteFile(file, Num<uint64_t>(t, "artwork_size"));
+        else WriteFile(file, 0, PictureFile(format, 120, 120, Seed(album)));
+      }
+      token = it->second;
+    }
+    artwork_token_->Run(token, pid);
+    best_artwork_->Run(pid, token, token);
+  }
+
+  // The phone names its artwork files after a SHA-1 digest in hex, split
+  // after two characters into a folder and a name.
+  static std::string DigestPath(const std::string &token) {
+    gchar *hex = g_compute_checksum_for_string(G_CHECKSUM_SHA1, token.c_str(), -1);
+    std::string digest = hex;
+    g_free(hex);
+    return digest.substr(0, 2) + "/" + digest.substr(2);
+  }
+
+  // The same colours for the same album in every image (FNV-1a).
+  static uint32_t Seed(const std::string &text) {
+    uint32_t h = 2166136261u;
+    for (unsigned char c : text) h = (h ^ c) * 16777619u;
+    return h;
+  }
+
   template <typename Key, typename Insert>
   int64_t Named(std::map<Key, int64_t> &known, const Key &key, Insert insert) {
     if constexpr (std::is_same_v<Key, std::string>) {
@@ -458,7 +545,10 @@ class LibraryWriter {
   std::map<std::string, int64_t> album_artists_, composers_, genres_;
   int64_t next_genre_ = 1;
   std::map<std::string, int64_t> kinds_;
+  const fs::path media_;
   Statement item_, extra_, stats_, store_, playback_, video_;
+  std::optional<Statement> artwork_, artwork_token_, best_artwork_;  // the newer generation only
+  std::map<std::pair<int64_t, std::string>, std::string> covers_;     // (album, format) -> token
 };
 
 }  // namespace
@@ -590,7 +680,7 @@ void WriteMediaLibrary(const json &ml, const fs::path &media, const fs::path &ba
       }
     }
 
-    LibraryWriter writer(db, rows, pids);
+    LibraryWriter writer(db, rows, pids, media);
     // Playlist members as of `upto` tracks: rows for the members added in
     // this part, or each playlist's whole blob rewritten.
     std::optional<Statement> member_row;

@@ -102,8 +102,6 @@ std::string Uuid(std::mt19937_64 &rng) {
   return s;
 }
 
-// A small real JPEG (gdk-pixbuf's encoder), a gradient whose colours
-// follow `seed` so that no two thumbnails are alike.
 // A gradient of the given size as gdk-pixbuf pixels; the seed varies it.
 std::unique_ptr<GdkPixbuf, decltype(&g_object_unref)> Gradient(int width, int height, uint32_t seed) {
   std::unique_ptr<GdkPixbuf, decltype(&g_object_unref)> pixbuf(
@@ -140,9 +138,7 @@ std::string Encoded(GdkPixbuf *pixbuf, const char *format) {
   return out;
 }
 
-std::string ThumbnailJpeg(int width, int height, uint32_t seed) {
-  return Encoded(Gradient(width, height, seed).get(), "jpeg");
-}
+std::string ThumbnailJpeg(int width, int height, uint32_t seed) { return PictureFile("jpeg", width, height, seed); }
 
 heif_error CollectHeif(heif_context *, const void *data, size_t size, void *out) {
   static_cast<std::string *>(out)->append(static_cast<const char *>(data), size);
@@ -177,12 +173,7 @@ std::string EncodedHeic(GdkPixbuf *pixbuf) {
 }
 
 // A real, decodable original of 320 x 240 pixels: "jpeg", "png" or "heic".
-std::string PictureBytes(const std::string &format, uint32_t seed) {
-  const auto pixbuf = Gradient(320, 240, seed + 7);
-  if (format == "heic") return EncodedHeic(pixbuf.get());
-  if (format == "jpeg" || format == "png") return Encoded(pixbuf.get(), format.c_str());
-  throw std::runtime_error("photo_library: no picture format " + format);
-}
+std::string PictureBytes(const std::string &format, uint32_t seed) { return PictureFile(format, 320, 240, seed + 7); }
 
 // An edit sidecar as Photos writes it beside an edited original: an XML
 // property list naming the adjustment format.
@@ -256,6 +247,13 @@ struct Album {
 };
 
 }  // namespace
+
+std::string PictureFile(const std::string &format, int width, int height, uint32_t seed) {
+  const auto pixbuf = Gradient(width, height, seed);
+  if (format == "heic") return EncodedHeic(pixbuf.get());
+  if (format == "jpeg" || format == "png") return Encoded(pixbuf.get(), format.c_str());
+  throw std::runtime_error("no picture format " + format);
+}
 
 void WritePhotoLibrary(const json &lib, const fs::path &media) {
   const Model model = ModelFor(lib.value("ios", json(17)));

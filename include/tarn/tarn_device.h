@@ -75,11 +75,11 @@
 /** Major version of the interface this header declares; it is the soname's number. */
 #define TARN_DEVICE_VERSION_MAJOR 1
 /** Minor version: grows when functions are added. */
-#define TARN_DEVICE_VERSION_MINOR 2
+#define TARN_DEVICE_VERSION_MINOR 3
 /** Patch version: grows with fixes that change no declaration. */
 #define TARN_DEVICE_VERSION_PATCH 0
 /** The three numbers as text, "MAJOR.MINOR.PATCH". */
-#define TARN_DEVICE_VERSION "1.2.0"
+#define TARN_DEVICE_VERSION "1.3.0"
 
 #ifdef __cplusplus
 extern "C" {
@@ -611,7 +611,13 @@ TARN_API plist_t ReadTrackDbTypeCdb(const char *path, uint32_t kind);
  * 0 when unknown), "cloud" (boolean: the phone has no file for the track,
  * which is in iCloud or not downloaded; its "path" is "" and its "size" 0,
  * and it is counted in "number" but adds nothing to "total") and
- * "purchased" (boolean: bought from the store). "id" is the library's
+ * "purchased" (boolean: bought from the store), and "artwork" only where
+ * the library names a cover for the track: the device path of that cover,
+ * a JPEG or PNG file below "/iTunes_Control/iTunes/Artwork/Originals"
+ * (TarnCopyArtwork() copies it; the tracks of one album usually share
+ * it). Libraries of the older schema (iOS 8 and before) keep their covers
+ * where no published source says, and their items carry no "artwork".
+ * "id" is the library's
  * 64-bit persistent id, "rating" 0-100 (stars times 20), "time"
  * milliseconds. Items come by artist (unknown artists last), album, disc,
  * track number and title. Prints nothing.
@@ -631,6 +637,36 @@ TARN_API plist_t ReadTrackDbTypeSQLITE(const char *path, uint32_t kind);
  * @return A new array, or NULL (TarnLastError() says why).
  */
 TARN_API plist_t ReadPlaylistDbTypeSQLITE(const char *path);
+
+/**
+ * Copies the cover of a track of a current phone's music library to a host
+ * file: the file the library names for the track (its "artwork" key),
+ * read from the device's artwork folder as it is (a JPEG or PNG). The host
+ * file is written whole under a temporary name in its folder and renamed
+ * over host_path once complete, so an earlier file there stays as it was
+ * when the copy fails.
+ *
+ * Needs an initialised handle (InitDevice()) of a phone with a music library
+ * (MediaLibrary.sqlitedb). Over the held connection when there is one
+ * (TarnHoldConnection()), so that the covers of a whole library cost one
+ * secure session; otherwise over a connection of its own. Takes no sync
+ * lock. Prints "block_size: 65536l" and "finish _CopyFile" when it reads
+ * the device's file.
+ * @param track_id The track's "id" as the track lists give it (the
+ *        library's 64-bit persistent id).
+ * @param host_path Host file to write; its folder must exist.
+ * @return 0 when the cover was copied; 1 otherwise, with TarnLastError()
+ *         saying why: TARN_E_NOT_FOUND (the library holds no such track,
+ *         names no cover for it, or the device has no file there),
+ *         TARN_E_DATABASE_ABSENT (no music library on the handle: a device
+ *         that keeps its music in iTunesCDB, or a handle not initialised),
+ *         TARN_E_DATABASE_UNREADABLE (the library cannot be read, or names
+ *         a cover outside its artwork folder, which is not followed),
+ *         TARN_E_DEVICE (the device's file is larger than 16 MiB, more than
+ *         any cover), TARN_E_HOST_IO with host_errno, TARN_E_INVALID_ARGUMENT,
+ *         or a reason of the connection.
+ */
+TARN_API int TarnCopyArtwork(PodDevice *device, uint64_t track_id, const char *host_path);
 
 /** @return 1 when the track's media type belongs to kind, else 0. */
 TARN_API int IsMatchTrackType(Itdb_Track *track, uint32_t kind);
@@ -986,9 +1022,9 @@ TARN_API int Mkdir(const char *path);
  *    GetPodDir(), GetDirOrFileInfo(), SearchFile(),
  *    GetUserPictureListFromDevice(), GetPictureListFromDevice(),
  *    ReadCameraDbTypeFromDevice(), ReadCameraDbTypeSQLITE(),
- *    ReadRecordingDbTypeSQLITE(), GetPurchaseMusicListFromPlist(), and the
- *    lists that call them (GetMusicList(), GetRecordingList(),
- *    GetCameraPVList()).
+ *    ReadRecordingDbTypeSQLITE(), GetPurchaseMusicListFromPlist(),
+ *    TarnCopyArtwork(), and the lists that call them (GetMusicList(),
+ *    GetRecordingList(), GetCameraPVList()).
  *  - TARN_E_NOT_PAIRED, TARN_E_PAIRING_PENDING, TARN_E_TRUST_DENIED,
  *    TARN_E_LOCKED, TARN_E_PAIRING_INVALID, TARN_E_SERVICE_REFUSED
  *    (lockdown_error set): the same functions except GetDevicesId();
@@ -1013,12 +1049,13 @@ TARN_API int Mkdir(const char *path);
  *    MakeDir(), RenamePath(), DeleteFile(), DeleteDir(), _TarnDeleteDir(),
  *    GetPodDir(), SearchFile(), InternalSearchFile(),
  *    StoreSubFolderAndFilesInfo(), the copies and their workers,
- *    CopyDbFileToNativeDir(), InitDevice(), TarnSyncLock(). Only the start
+ *    CopyDbFileToNativeDir(), InitDevice(), TarnSyncLock(),
+ *    TarnCopyArtwork(). Only the start
  *    directory of a walk counts: entries that vanish or cannot be read
  *    below it are passed over as before, and the picture walks pass over
  *    folders the device does not have.
  *  - TARN_E_NOT_FOUND, TARN_E_PERMISSION, TARN_E_HOST_IO with host_errno:
- *    the host side of CopyFileFromDeviceToNative(),
+ *    the host side of CopyFileFromDeviceToNative(), TarnCopyArtwork(),
  *    CopyFileFromNativeToDevice(), CopyDeviceDirectory(), their workers,
  *    CopyDbFileToNativeDir(), InitDevice(), and Mkdir().
  *  - TARN_E_DEVICE_FULL: any request that writes: the uploads, MakeDir().
@@ -1029,7 +1066,8 @@ TARN_API int Mkdir(const char *path);
  *    ReadRecordingDbTypeCdb(), ReadRecordingDbTypeSQLITE(),
  *    ReadCameraDbTypeSQLITE(), ReadBookDbTypePLIST(),
  *    ReadBookDbTypePLISTBin(), ReadBookFromPLIST(),
- *    GetPurchaseMusicListFromPlist(), m_itdb_parse_file()).
+ *    GetPurchaseMusicListFromPlist(), m_itdb_parse_file()), and
+ *    TarnCopyArtwork().
  *    GetCameraPVList() records no absent database: it walks the camera
  *    folder instead.
  *  - TARN_E_WALK_CUT (done = entries visited): GetPodDir(), SearchFile(),
@@ -1049,7 +1087,8 @@ TARN_API int Mkdir(const char *path);
  *  - TARN_E_INVALID_ARGUMENT: a function given NULL (or an unusable value)
  *    where it needs one.
  *  - TARN_E_DEVICE: a lockdown error with no reason of its own
- *    (lockdown_error set); an app list the device answered with an error.
+ *    (lockdown_error set); an app list the device answered with an error;
+ *    a cover larger than any cover (TarnCopyArtwork()).
  *  - TARN_E_APP_NOT_INSTALLED, TARN_E_APP_NOT_SHARING, TARN_E_APP_REFUSED:
  *    every function that opens a connection, on a handle made by
  *    CreatePodDeviceForApp(). They rank with the reasons that break the

@@ -54,6 +54,14 @@ plist_t ReadPlaylistDbTypeSQLITE(const char *path);
 // The bytes of each kind's list, in one read of the library: what the
 // lists' totals would say, for the storage breakdown.
 std::map<uint32_t, uint64_t> ReadLibraryTotalsSQLITE(const char *path);
+// The cover the library names for the item `id` (its persistent id), as
+// the name relative to the artwork folder that the library holds ("" when
+// it names none). False, with the reason recorded, when the library cannot
+// be read or holds no such item.
+bool ReadLibraryArtwork(const char *path, uint64_t id, std::string *relative);
+// The device path of a cover named `relative` in the library, or "" when
+// that name would lead out of the artwork folder.
+std::string ArtworkDevicePath(const std::string &relative);
 // The voice memos a computer synced into the library, as recording items.
 plist_t ReadRecordingsFromLibrarySQLITE(const char *path);
 

@@ -81,6 +81,7 @@ plist_t MediaItemFromLibrary(const LibraryTrack &track) {
   plist_dict_set_item(item, "date_added", plist_new_uint(track.date_added));
   plist_dict_set_item(item, "cloud", plist_new_bool(track.cloud));
   plist_dict_set_item(item, "purchased", plist_new_bool(track.purchased));
+  if (!track.artwork.empty()) tarn::InsertPlistDictString(item, "artwork", track.artwork.c_str());
   return item;
 }
 

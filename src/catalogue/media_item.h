@@ -54,13 +54,16 @@ struct LibraryTrack {
   uint64_t date_added = 0;  // seconds since 1970, 0 when unknown
   bool cloud = false;       // no file on the phone: nothing to copy
   bool purchased = false;
+  std::string artwork;      // the device path of its cover, "" when the library names none
 };
 
 // The media item of a music-library track: the ten keys every track list
 // carries, then what this library knows beyond them, in this order:
 // "album_artist", "composer" (strings, "" when unknown), "track", "disc",
 // "year", "date_added" (unsigned integers, 0 when unknown), "cloud" and
-// "purchased" (booleans). Callers that read the ten keys see them as always.
+// "purchased" (booleans), and "artwork" (the device path of its cover) only
+// where the library names one. Callers that read the ten keys see them as
+// always.
 plist_t MediaItemFromLibrary(const LibraryTrack &track);
 
 }  // namespace tarn

@@ -8,6 +8,7 @@
 #include <functional>
 #include <limits>
 #include <map>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -58,10 +59,52 @@ std::string Trimmed(const char *text) {
 // The columns of the track query, in their order.
 enum Col {
   kPid, kMediaType, kTitle, kArtist, kAlbum, kGenre, kTime, kSize, kBaseId, kBasePath, kLocation, kRating,
-  kPlays, kAlbumArtist, kComposer, kTrack, kDisc, kYear, kDateAdded, kPurchased
+  kPlays, kAlbumArtist, kComposer, kTrack, kDisc, kYear, kDateAdded, kPurchased, kArtwork
 };
 
+// Where the artwork the phone keeps for its library lies on the media partition.
+constexpr const char *kArtworkFolder = "/iTunes_Control/iTunes/Artwork/Originals/";
+
+// A scalar subquery: the file name, relative to the artwork folder, of the
+// cover of the item whose pid is the SQL expression `pid`, or NULL. Newer
+// libraries name, per entity (a track is entity type 0) and kind of
+// artwork (1, the cover), the token of the artwork the phone has, and the
+// artwork row of that token names the file. Older ones (the 2015 schema)
+// give an item an artwork_cache_id that artwork_info maps to a format, an
+// offset and a length: into which file, nothing that is published says, so
+// their items have no artwork rather than one guessed at.
+std::string ArtworkQuery(tarn::SqliteSchema &s, const std::string &pid) {
+  const char *token = s.HasColumn("best_artwork_token", "available_artwork_token") ? "available_artwork_token"
+                      : s.HasColumn("best_artwork_token", "artwork_token")         ? "artwork_token"
+                                                                                   : nullptr;
+  if (token == nullptr || !s.HasColumn("best_artwork_token", "entity_pid") ||
+      !s.HasColumn("artwork", "artwork_token") || !s.HasColumn("artwork", "relative_path"))
+    return "NULL";
+  std::string where = "b.entity_pid = " + pid;
+  if (s.HasColumn("best_artwork_token", "entity_type")) where += " AND b.entity_type = 0";
+  if (s.HasColumn("best_artwork_token", "artwork_type")) where += " AND b.artwork_type = 1";
+  // Of several variants of one cover, the plain one (variant 0) first.
+  const std::string order =
+      s.HasColumn("best_artwork_token", "artwork_variant_type") ? " ORDER BY b.artwork_variant_type" : "";
+  return std::string("(SELECT aw.relative_path FROM best_artwork_token b JOIN artwork aw ON aw.artwork_token = b.") +
+         token + " WHERE " + where + " AND aw.relative_path <> ''" + order + " LIMIT 1)";
+}
+
 }  // namespace
+
+std::string tarn::ArtworkDevicePath(const std::string &relative) {
+  // The name comes from the phone's database: it must name a file inside
+  // the artwork folder, never a path that climbs out of it or starts anew.
+  if (relative.empty() || relative.size() > 1024 || relative.front() == '/') return "";
+  for (size_t at = 0; at <= relative.size();) {
+    size_t slash = relative.find('/', at);
+    if (slash == std::string::npos) slash = relative.size();
+    const std::string_view part(relative.data() + at, slash - at);
+    if (part.empty() || part == "." || part == "..") return "";
+    at = slash + 1;
+  }
+  return kArtworkFolder + relative;
+}
 
 std::string tarn::LibraryTrackQuery(tarn::SqliteSchema &s) {
   std::string joins;
@@ -116,6 +159,7 @@ std::string tarn::LibraryTrackQuery(tarn::SqliteSchema &s) {
       s.Column("e", "item_extra", "year"),
       date_added,
       "(" + purchased + ")",
+      ArtworkQuery(s, "i.item_pid"),
   };
   std::string sql = "SELECT ";
   for (size_t i = 0; i < std::size(fields); ++i) sql += (i ? ", " : "") + fields[i];
@@ -191,9 +235,32 @@ class Library {
       const uint64_t added = Count(row, kDateAdded);
       t.date_added = added ? added + kLibraryEpoch : 0;
       t.purchased = sqlite3_column_int64(row, kPurchased) != 0;
+      t.artwork = tarn::ArtworkDevicePath(tarn::ColumnText(row, kArtwork));
       visit(t);
     }
     return rc == SQLITE_DONE || Failed();
+  }
+
+  // The relative name of an item's cover as the library holds it ("" when
+  // it names none), in *relative. False when the library holds no such
+  // item or cannot be read, with the reason recorded.
+  bool ArtworkOf(uint64_t id, std::string *relative) {
+    if (!schema_.HasColumn("item", "item_pid")) {
+      tarn::SetDatabaseError(path_.c_str(), "it has no item table, so it is no music library");
+      return false;
+    }
+    tarn::SqliteStmt stmt =
+        tarn::Prepare(db_.get(), "SELECT " + ArtworkQuery(schema_, "i.item_pid") + " FROM item i WHERE i.item_pid = ?");
+    if (!stmt) return Failed();
+    sqlite3_bind_int64(stmt.get(), 1, static_cast<int64_t>(id));
+    const int rc = sqlite3_step(stmt.get());
+    if (rc == SQLITE_DONE) {
+      tarn::SetError(TARN_E_NOT_FOUND, "The music library holds no track with the id " + std::to_string(id) + ".");
+      return false;
+    }
+    if (rc != SQLITE_ROW) return Failed();
+    *relative = tarn::ColumnText(stmt.get(), 0);
+    return true;
   }
 
   bool Failed() const {
@@ -306,6 +373,11 @@ std::map<uint32_t, uint64_t> ReadLibraryTotalsSQLITE(const char *path) {
   Library library(path);
   if (library) library.ForEach([&](const LibraryTrack &t) { totals[LibraryKindOf(t.media_type, t.path)] += t.size; });
   return totals;
+}
+
+bool ReadLibraryArtwork(const char *path, uint64_t id, std::string *relative) {
+  Library library(path);
+  return library && library.ArtworkOf(id, relative);
 }
 
 plist_t ReadRecordingsFromLibrarySQLITE(const char *path) {

@@ -225,6 +225,7 @@ inline constexpr CallPolicy kCallPolicies[] = {
     {"RenamePath", LockPolicy::kNone},
     {"DeleteFile", LockPolicy::kNone},
     {"DeleteDir", LockPolicy::kNone},
+    {"TarnCopyArtwork", LockPolicy::kNone},
 };
 
 // The policy the table names for a function; a name missing from the table

@@ -15,6 +15,7 @@
 #include "common/error.h"
 #include "common/number.h"
 #include "common/raii.h"
+#include "common/scratch_dir.h"
 #include "devicefs/transfer.h"
 
 namespace tarn {
@@ -68,26 +69,6 @@ std::string ReadText(const std::string &path) {
   out << in.rdbuf();
   return in ? out.str() : std::string();
 }
-
-// A private folder beside the copy, removed with everything in it.
-class ScratchDir {
- public:
-  explicit ScratchDir(const std::string &near) {
-    std::string templ = (fs::path(near).parent_path() / ".tarn-copy-XXXXXX").string();
-    if (::mkdtemp(templ.data()) != nullptr) path_ = templ;
-    else SetHostError(errno, templ.c_str());
-  }
-  ~ScratchDir() {
-    std::error_code ec;
-    if (!path_.empty()) fs::remove_all(path_, ec);
-  }
-  ScratchDir(const ScratchDir &) = delete;
-  ScratchDir &operator=(const ScratchDir &) = delete;
-  const std::string &path() const { return path_; }
-
- private:
-  std::string path_;
-};
 
 // Checks a copied database with its log and folds the log into it, so
 // that the result is one file any reader opens, read-only, with every row.

@@ -135,8 +135,19 @@ class HostWriter {
 // again. True when the device file was read to its end and all of it was
 // written.
 bool Download(PodDevice *device, afc_client_t client, const char *device_path, const char *host_path,
-              uint64_t total, PodProgressCallback progress) {
+              uint64_t total, PodProgressCallback progress, uint64_t most = UINT64_MAX) {
   tarn::Console("block_size: %ul\n", kBlockSize);
+  const auto too_large = [&](uint64_t done) {
+    tarn::SetError(TARN_E_DEVICE,
+                   "\"" + std::string(device_path) + "\" holds more than the " + std::to_string(most) +
+                       " bytes such a file may have; it is not copied.",
+                   {done, total});
+  };
+  if (total > most) {
+    too_large(0);
+    tarn::ConsoleLine("finish _CopyFile");
+    return false;
+  }
   tarn::AfcFile source(client, device_path, AFC_FOPEN_RDONLY);
   if (!source.is_open()) {
     tarn::ConsoleLine("finish _CopyFile");
@@ -185,6 +196,10 @@ bool Download(PodDevice *device, afc_client_t client, const char *device_path, c
     } else if (got > kBlockSize) {
       // More than was asked for is no answer a device in order gives.
       tarn::SetAfcError(AFC_E_TOO_MUCH_DATA, device_path, {done, total});
+      stop = true;
+    } else if (got > most - done) {
+      // A file that grows past its bound while it is read stops there.
+      too_large(done);
       stop = true;
     }
     if (stop) {
@@ -283,7 +298,7 @@ class TreeCopier {
 namespace tarn {
 
 bool DownloadWhole(PodDevice *device, afc_client_t client, const char *device_path, const char *host_path,
-                   PodProgressCallback progress) {
+                   PodProgressCallback progress, uint64_t most) {
   FileInfo info(tarn::GetFileInfo(client, device_path));
   if (info.get()[TARN_INFO_KIND] == nullptr) {
     // A device that answers without saying what the path is.
@@ -293,7 +308,7 @@ bool DownloadWhole(PodDevice *device, afc_client_t client, const char *device_pa
   const char *size = info.get()[TARN_INFO_SIZE];
   const uint64_t total = tarn::DeviceNumber(size);
   info.reset();
-  return Download(device, client, device_path, host_path, total, progress);
+  return Download(device, client, device_path, host_path, total, progress, most);
 }
 
 }  // namespace tarn

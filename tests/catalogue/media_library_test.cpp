@@ -92,6 +92,21 @@ TEST_F(RealLibrary, KindsCountsAndTotalsAreWhatSqlSays) {
   EXPECT_EQ(Uint(movies.get(), "number"), 0u);
 }
 
+TEST_F(RealLibrary, ItsCoversAreInACacheNoOneDescribesSoNoTrackNamesOne) {
+  // Every item of this library has an artwork_cache_id with its artwork_info
+  // rows; where those bytes lie is not known, so no track names a cover.
+  ASSERT_GT(SqlNumber(path, "SELECT count(*) FROM item_extra WHERE artwork_cache_id <> 0"), 0u);
+  for (uint32_t kind : {0u, 2u}) {
+    Plist list(ReadTrackDbTypeSQLITE(path.c_str(), kind));
+    ASSERT_TRUE(list);
+    EXPECT_EQ(TarnLastError()->code, TARN_OK) << TarnLastError()->message;
+    plist_t items = plist_dict_get_item(list.get(), "item");
+    ASSERT_GT(plist_array_get_size(items), 0u);
+    for (uint32_t i = 0; i < plist_array_get_size(items); ++i)
+      ASSERT_EQ(plist_dict_get_item(plist_array_get_item(items, i), "artwork"), nullptr);
+  }
+}
+
 TEST_F(RealLibrary, TracksCarryTheirOwnNamesNotTheirAlbumsRepresentative) {
   Plist music(ReadTrackDbTypeSQLITE(path.c_str(), 0));
   ASSERT_TRUE(music);

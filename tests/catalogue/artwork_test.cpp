@@ -1,0 +1,159 @@
+// Album artwork of current phones through the simulator: which tracks the
+// music list gives a cover, and TarnCopyArtwork copying a cover to the host
+// over one connection, refusing the names and sizes a phone's database
+// should never hold.
+#include <map>
+#include <set>
+
+#include "catalogue_fixture.h"
+
+namespace tarn_catalogue_test {
+namespace {
+
+constexpr const char *kSecret = "kept out of reach";
+
+// Two albums with covers (a JPEG shared by two tracks, one of them only in
+// the log; a PNG), a track without one, and covers the library must not
+// follow: names that leave the artwork folder and a file far too large.
+json Library() {
+  return json::parse(std::string(R"J({
+    "media_library": {"wal_tracks": 1, "tracks": [
+      {"id": "a1", "title": "A1", "artist": "Ana", "album": "Blue", "artwork": "jpeg", "size": 10, "location": "iTunes_Control/Music/F01/A1.mp3"},
+      {"id": "b1", "title": "B1", "artist": "Ben", "album": "Green", "artwork": "png", "size": 10, "location": "iTunes_Control/Music/F01/B1.mp3"},
+      {"id": "c1", "title": "C1", "artist": "Cid", "album": "Plain", "size": 10, "location": "iTunes_Control/Music/F01/C1.mp3"},
+      {"id": "h1", "title": "H1", "artist": "Hal", "album": "Up", "artwork_path": "../../../../Secret"},
+      {"id": "h2", "title": "H2", "artist": "Hal", "album": "Up", "artwork_path": "/Secret"},
+      {"id": "h3", "title": "H3", "artist": "Hal", "album": "Up", "artwork_path": "ab/./../../../../../Secret"},
+      {"id": "h4", "title": "H4", "artist": "Hal", "album": "Up", "artwork_path": "ab//cd"},
+      {"id": "z1", "title": "Z1", "artist": "Zed", "album": "Huge", "artwork": "jpeg", "artwork_size": 40000000},
+      {"id": "a2", "title": "A2", "artist": "Ana", "album": "Blue", "artwork": "jpeg", "size": 10, "location": "iTunes_Control/Music/F01/A2.mp3"}]},
+    "files": [{"path": "/Secret", "content": ")J") + kSecret + R"J("}]})J");
+}
+
+class ArtworkTest : public CatalogueTest {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(Start(Library()), 0);
+    Plist music(Quiet([&] { return GetMusicList(device, 0, 0); }));
+    ASSERT_TRUE(music) << TarnLastError()->message;
+    plist_t items = plist_dict_get_item(music.get(), "item");
+    for (uint32_t i = 0; i < plist_array_get_size(items); ++i) {
+      plist_t item = plist_array_get_item(items, i);
+      ids[Str(item, "title")] = Uint(item, "id");
+      if (plist_dict_get_item(item, "artwork")) artwork[Str(item, "title")] = Str(item, "artwork");
+    }
+  }
+  // TarnCopyArtwork of a track by title: its status and reason.
+  int Copy(const std::string &title, const std::string &host) {
+    return Quiet([&] { return TarnCopyArtwork(device, ids.at(title), host.c_str()); });
+  }
+  std::string host(const std::string &name) const { return dir.path() + "/" + name; }
+
+  std::map<std::string, uint64_t> ids;
+  std::map<std::string, std::string> artwork;  // title -> "artwork" of its item
+};
+
+TEST_F(ArtworkTest, TracksCarryTheirAlbumsCoverOnlyWhereTheLibraryNamesOneInsideItsFolder) {
+  ASSERT_EQ(ids.size(), 9u);
+  EXPECT_EQ((std::set<std::string>{"A1", "A2", "B1", "Z1"}), [&] {
+    std::set<std::string> titles;
+    for (const auto &[title, path] : artwork) titles.insert(title);
+    return titles;
+  }()) << "no key for a track without a cover, nor for a name that leaves the artwork folder";
+  EXPECT_EQ(artwork["A1"], artwork["A2"]) << "one cover for an album, also for a track only in the log";
+  EXPECT_NE(artwork["A1"], artwork["B1"]);
+  for (const auto &[title, path] : artwork) {
+    SCOPED_TRACE(title);
+    EXPECT_EQ(path.rfind("/iTunes_Control/iTunes/Artwork/Originals/", 0), 0u);
+    EXPECT_TRUE(fs::is_regular_file(media(path)));
+  }
+  // Every key of a track comes before "artwork": it is the last.
+  Plist music(Quiet([&] { return GetMusicList(device, 0, 0); }));
+  plist_t first = plist_array_get_item(plist_dict_get_item(music.get(), "item"), 0);
+  plist_dict_iter it = nullptr;
+  plist_dict_new_iter(first, &it);
+  std::string last;
+  for (;;) {
+    char *key = nullptr;
+    plist_t value = nullptr;
+    plist_dict_next_item(first, it, &key, &value);
+    if (key == nullptr) break;
+    last = key;
+    free(key);
+  }
+  free(it);
+  EXPECT_EQ(last, "artwork");
+}
+
+TEST_F(ArtworkTest, ACopyIsTheCoversBytesAndRefusalsLeaveTheHostFileAsItWas) {
+  for (const char *title : {"A1", "A2", "B1"}) {
+    SCOPED_TRACE(title);
+    const std::string out = host(std::string(title) + ".cover");
+    ASSERT_EQ(Copy(title, out), 0) << TarnLastError()->message;
+    const std::string bytes = ReadAll(out);
+    EXPECT_EQ(bytes, ReadAll(media(artwork[title])));
+    const bool jpeg = bytes.rfind("\xff\xd8\xff", 0) == 0, png = bytes.rfind("\x89PNG", 0) == 0;
+    EXPECT_TRUE(std::string(title) == "B1" ? png : jpeg);
+  }
+  // A cover copied over an earlier file replaces it whole.
+  const std::string kept = host("kept.cover");
+  std::ofstream(kept) << "earlier";
+  ASSERT_EQ(Copy("B1", kept), 0);
+  EXPECT_EQ(ReadAll(kept), ReadAll(media(artwork["B1"])));
+
+  struct Refusal {
+    const char *title;
+    TarnErrorCode code;
+  } refusals[] = {{"C1", TARN_E_NOT_FOUND},           {"H1", TARN_E_DATABASE_UNREADABLE},
+                  {"H2", TARN_E_DATABASE_UNREADABLE}, {"H3", TARN_E_DATABASE_UNREADABLE},
+                  {"H4", TARN_E_DATABASE_UNREADABLE}, {"Z1", TARN_E_DEVICE}};
+  for (const Refusal &r : refusals) {
+    SCOPED_TRACE(r.title);
+    std::ofstream(kept) << "earlier";
+    EXPECT_EQ(Copy(r.title, kept), 1);
+    EXPECT_EQ(TarnLastError()->code, r.code) << TarnLastError()->message;
+    EXPECT_EQ(ReadAll(kept), "earlier");
+  }
+  EXPECT_EQ(Quiet([&] { return TarnCopyArtwork(device, 12345, kept.c_str()); }), 1);
+  EXPECT_EQ(TarnLastError()->code, TARN_E_NOT_FOUND);
+  EXPECT_EQ(Quiet([&] { return TarnCopyArtwork(device, ids["A1"], nullptr); }), 1);
+  EXPECT_EQ(TarnLastError()->code, TARN_E_INVALID_ARGUMENT);
+  // A folder that does not exist: the host's reason.
+  EXPECT_EQ(Copy("A1", host("missing/a.cover")), 1);
+  EXPECT_EQ(TarnLastError()->code, TARN_E_NOT_FOUND);
+  // Nothing of the refused copies is left beside the host file.
+  std::set<std::string> names;
+  for (const auto &entry : fs::directory_iterator(dir.path())) names.insert(entry.path().filename().string());
+  for (const std::string &name : names) EXPECT_EQ(name.find(".tarn-copy"), std::string::npos) << name;
+  ExpectIdle("after the copies");
+}
+
+TEST_F(ArtworkTest, AHeldConnectionCopiesEveryCoverInOneSession) {
+  sim->reset_stats(kUdid);
+  ASSERT_EQ(TarnHoldConnection(device), 0);
+  for (int round = 0; round < 10; ++round)
+    for (const char *title : {"A1", "A2", "B1"})
+      ASSERT_EQ(Copy(title, host("cover")), 0) << TarnLastError()->message;
+  EXPECT_EQ(sim->stats(kUdid).tls_sessions, 1u);
+  TarnReleaseConnection(device);
+  // Without a held connection each copy is one call with its own session.
+  sim->reset_stats(kUdid);
+  ASSERT_EQ(Copy("A1", host("cover")), 0);
+  EXPECT_EQ(sim->stats(kUdid).tls_sessions, 1u);
+  ExpectIdle("released");
+}
+
+TEST_F(CatalogueTest, AnOlderDeviceHasNoArtworkToCopy) {
+  ASSERT_EQ(Start({{"music", {{"tracks", {{{"title", "song"}, {"size", 1000}, {"media_type", 1}}}}}}}), 0);
+  Plist music(Quiet([&] { return GetMusicList(device, 0, 0); }));
+  ASSERT_TRUE(music);
+  plist_t item = plist_array_get_item(plist_dict_get_item(music.get(), "item"), 0);
+  EXPECT_EQ(plist_dict_get_item(item, "artwork"), nullptr);
+  const std::string out = dir.path() + "/cover";
+  EXPECT_EQ(Quiet([&] { return TarnCopyArtwork(device, Uint(item, "id"), out.c_str()); }), 1);
+  EXPECT_EQ(TarnLastError()->code, TARN_E_DATABASE_ABSENT);
+  EXPECT_FALSE(fs::exists(out));
+}
+
+}  // namespace
+}  // namespace tarn_catalogue_test

@@ -4,6 +4,8 @@
 #include <map>
 
 #include <QHeaderView>
+#include <QPainter>
+#include <QPixmap>
 #include <QSplitter>
 #include <QVBoxLayout>
 
@@ -24,6 +26,29 @@ QListWidget *List(const QString &name, QWidget *parent) {
   list->setAccessibleName(name);
   list->setUniformItemSizes(true);
   return list;
+}
+
+// Pixels on the side of a cover in the albums list.
+constexpr int kIconSide = 48;
+// The role of an album item that holds its cover's device path.
+constexpr int kCoverRole = Qt::UserRole + 1;
+
+// What an album without a cover (or whose cover is still on its way) shows:
+// a plain square with a note, so that the titles stay lined up.
+QIcon Placeholder(const QPalette &palette) {
+  QPixmap pixmap(kIconSide, kIconSide);
+  pixmap.fill(Qt::transparent);
+  QPainter painter(&pixmap);
+  painter.setRenderHint(QPainter::Antialiasing);
+  painter.setPen(Qt::NoPen);
+  painter.setBrush(palette.color(QPalette::Mid));
+  painter.drawRoundedRect(QRectF(2, 2, kIconSide - 4, kIconSide - 4), 4, 4);
+  painter.setPen(palette.color(QPalette::Light));
+  QFont font = painter.font();
+  font.setPixelSize(kIconSide / 2);
+  painter.setFont(font);
+  painter.drawText(pixmap.rect(), Qt::AlignCenter, QString(QChar(0x266A)));
+  return QIcon(pixmap);
 }
 
 QTableView *Table(const QString &name, QStandardItemModel *model, QWidget *parent) {
@@ -58,6 +83,11 @@ std::shared_ptr<const MusicBrowser::Library> MusicBrowser::Index(SharedPlist mus
     if (album.title.isEmpty()) album.title = title;
     album.year = std::max<uint64_t>(album.year, DictUint(track, "year"));
     album.tracks.push_back(track);
+    // The album's cover is the first one a track of it names.
+    if (album.artwork.isEmpty()) {
+      album.artwork = DictString(track, "artwork");
+      if (!album.artwork.isEmpty()) album.artwork_track = DictUint(track, "id");
+    }
   }
   for (auto &[folded, entry] : by_artist) {
     Artist artist{entry.first, {}};
@@ -86,10 +116,21 @@ MusicBrowser::MusicBrowser(QWidget *parent) : QWidget(parent) {
   auto *by_artist = new QSplitter(Qt::Horizontal, sections_);
   artists_ = List(tr("Artists"), by_artist);
   albums_ = List(tr("Albums"), by_artist);
-  tracks_ = Table(tr("Tracks of the album"), &track_model_, by_artist);
+  albums_->setIconSize(QSize(kIconSide, kIconSide));
+  // The album's tracks under its cover, shown larger.
+  auto *album_pane = new QWidget(by_artist);
+  auto *pane_layout = new QVBoxLayout(album_pane);
+  pane_layout->setContentsMargins(0, 0, 0, 0);
+  cover_ = new QLabel(album_pane);
+  cover_->setObjectName("albumCover");
+  cover_->setFixedSize(ThumbnailCache::kSide, ThumbnailCache::kSide);
+  cover_->setAlignment(Qt::AlignCenter);
+  pane_layout->addWidget(cover_);
+  tracks_ = Table(tr("Tracks of the album"), &track_model_, album_pane);
+  pane_layout->addWidget(tracks_, 1);
   by_artist->addWidget(artists_);
   by_artist->addWidget(albums_);
-  by_artist->addWidget(tracks_);
+  by_artist->addWidget(album_pane);
   by_artist->setStretchFactor(2, 1);
   by_artist->setSizes({200, 220, 600});
   sections_->addTab(by_artist, tr("&Artists"));
@@ -115,6 +156,10 @@ MusicBrowser::MusicBrowser(QWidget *parent) : QWidget(parent) {
                                                                             list_tracks_})
     PrepareList(view, this);
 
+  covers_ = new ThumbnailCache(this);
+  placeholder_ = Placeholder(palette());
+  connect(covers_, &ThumbnailCache::Ready, this, &MusicBrowser::CoverReady);
+
   connect(artists_, &QListWidget::currentRowChanged, this, &MusicBrowser::ShowArtist);
   connect(albums_, &QListWidget::currentRowChanged, this, &MusicBrowser::ShowAlbum);
   connect(playlists_, &QListWidget::currentRowChanged, this, &MusicBrowser::ShowPlaylist);
@@ -123,6 +168,8 @@ MusicBrowser::MusicBrowser(QWidget *parent) : QWidget(parent) {
 void MusicBrowser::SetDevice(const std::shared_ptr<DeviceLink> &link) {
   ++generation_;
   link_ = std::move(link);
+  covers_->SetDevice(link_);
+  ShowCover(nullptr);
   loaded_ = false;
   library_.reset();
   artists_->clear();
@@ -172,20 +219,65 @@ void MusicBrowser::Load() {
 void MusicBrowser::ShowArtist(int row) {
   albums_->clear();
   if (!library_ || row < 0 || row >= static_cast<int>(library_->artists.size())) return;
-  for (const Album &album : library_->artists[static_cast<size_t>(row)].albums)
-    albums_->addItem(album.year > 0 ? QString("%1 (%2)").arg(album.title).arg(album.year) : album.title);
+  for (const Album &album : library_->artists[static_cast<size_t>(row)].albums) {
+    auto *item = new QListWidgetItem(album.year > 0 ? QString("%1 (%2)").arg(album.title).arg(album.year) : album.title,
+                                     albums_);
+    item->setData(kCoverRole, album.artwork);
+    const QImage image = CoverOf(album);
+    item->setIcon(image.isNull() ? placeholder_ : QIcon(QPixmap::fromImage(image)));
+  }
   if (albums_->count() > 0) albums_->setCurrentRow(0);
+  else ShowCover(nullptr);
+}
+
+QImage MusicBrowser::CoverOf(const Album &album) {
+  if (album.artwork.isEmpty()) return {};
+  PhotoEntry entry;
+  entry.path = album.artwork;
+  entry.track = album.artwork_track;
+  return covers_->Get(entry);
+}
+
+void MusicBrowser::CoverReady(const QString &path) {
+  const int artist = artists_->currentRow();
+  if (!library_ || artist < 0 || artist >= static_cast<int>(library_->artists.size())) return;
+  const auto &albums = library_->artists[static_cast<size_t>(artist)].albums;
+  for (int i = 0; i < albums_->count() && i < static_cast<int>(albums.size()); ++i) {
+    QListWidgetItem *item = albums_->item(i);
+    if (item->data(kCoverRole).toString() != path) continue;
+    const QImage image = CoverOf(albums[static_cast<size_t>(i)]);
+    if (!image.isNull()) item->setIcon(QIcon(QPixmap::fromImage(image)));
+    if (i == albums_->currentRow()) ShowCover(&albums[static_cast<size_t>(i)]);
+  }
+}
+
+void MusicBrowser::ShowCover(const Album *album) {
+  const QImage image = album ? CoverOf(*album) : QImage();
+  if (image.isNull()) {
+    cover_->setPixmap(placeholder_.pixmap(kIconSide, kIconSide));
+    cover_->setAccessibleName(album ? tr("No cover for %1").arg(album->title) : tr("No album"));
+  } else {
+    cover_->setPixmap(QPixmap::fromImage(image));
+    cover_->setAccessibleName(tr("Cover of %1").arg(album->title));
+  }
+}
+
+bool MusicBrowser::ShowsCover(int row) const {
+  const QListWidgetItem *item = albums_->item(row);
+  return item != nullptr && !item->icon().isNull() && item->icon().cacheKey() != placeholder_.cacheKey();
 }
 
 void MusicBrowser::ShowAlbum(int row) {
   const int artist = artists_->currentRow();
   if (!library_ || artist < 0 || row < 0) {
     track_model_.clear();
+    ShowCover(nullptr);
     return;
   }
   const auto &albums = library_->artists[static_cast<size_t>(artist)].albums;
   if (row >= static_cast<int>(albums.size())) return;
   Fill(track_model_, tracks_, albums[static_cast<size_t>(row)].tracks, true);
+  ShowCover(&albums[static_cast<size_t>(row)]);
 }
 
 void MusicBrowser::ShowPlaylist(int row) {

@@ -1,8 +1,10 @@
-// Music as a person browses it: artists, each artist's albums, an album's
-// tracks; and playlists as their own section with their tracks. Both lists
-// are read once over the chosen device's session and indexed on a worker;
-// the flat table of every track stays the music page's own view.
-// Albums are shown without artwork: the library does not expose it yet.
+// Music as a person browses it: artists, each artist's albums with their
+// covers, an album's tracks; and playlists as their own section with their
+// tracks. Both lists are read once over the chosen device's session and
+// indexed on a worker; the flat table of every track stays the music
+// page's own view. Covers come through the photo grid's thumbnail cache
+// (over the same session, a few per job, kept on disk), only for the albums
+// in sight, with a placeholder until they come or where there is none.
 #pragma once
 
 #include "device_page.h"
@@ -18,6 +20,7 @@
 #include <QWidget>
 
 #include "jobs.h"
+#include "thumbnails.h"
 
 namespace tarn::desktop {
 
@@ -28,6 +31,8 @@ class MusicBrowser : public QWidget, public DevicePage {
     QString title;
     uint64_t year = 0;
     std::vector<plist_t> tracks;  // by disc and track number
+    QString artwork;              // the cover's device path, empty when no track names one
+    uint64_t artwork_track = 0;   // a track whose cover that is
   };
   struct Artist {
     QString name;
@@ -55,6 +60,11 @@ class MusicBrowser : public QWidget, public DevicePage {
   QTableView *tracks() { return tracks_; }
   QTableView *playlistTracks() { return list_tracks_; }
   QTabWidget *sections() { return sections_; }
+  QLabel *cover() { return cover_; }
+  ThumbnailCache *covers() { return covers_; }
+  // Whether the album at `row` of the albums list shows its cover (not the
+  // placeholder).
+  bool ShowsCover(int row) const;
 
  signals:
   void Loaded(int artists);
@@ -63,6 +73,10 @@ class MusicBrowser : public QWidget, public DevicePage {
   void ShowArtist(int row);
   void ShowAlbum(int row);
   void ShowPlaylist(int row);
+  // The cover of an album when it is at hand; asks for it otherwise.
+  QImage CoverOf(const Album &album);
+  void CoverReady(const QString &path);
+  void ShowCover(const Album *album);
   static void Fill(QStandardItemModel &model, QTableView *view, const std::vector<plist_t> &tracks, bool numbered);
 
   std::shared_ptr<DeviceLink> link_;
@@ -70,7 +84,10 @@ class MusicBrowser : public QWidget, public DevicePage {
   QTabWidget *sections_;
   QListWidget *artists_;
   QListWidget *albums_;
+  QLabel *cover_;
   QTableView *tracks_;
+  ThumbnailCache *covers_;
+  QIcon placeholder_;
   QStandardItemModel track_model_;
   QListWidget *playlists_;
   QTableView *list_tracks_;

@@ -155,15 +155,19 @@ void ThumbnailCache::Pump() {
           for (const PhotoEntry &entry : batch) {
             Fetched fetched{entry, {}, false};
             // The phone's own thumbnail first; the picture itself when the
-            // phone made none.
+            // phone made none. A cover is the library's to find.
             std::vector<std::pair<QString, bool>> sources;
+            if (entry.track != 0) sources.emplace_back(entry.path, false);
             if (!entry.thumbnail.isEmpty()) sources.emplace_back(entry.thumbnail, false);
-            if (!entry.video() && !entry.cloud && entry.size <= kLargestOriginal)
+            if (entry.track == 0 && !entry.video() && !entry.cloud && entry.size <= kLargestOriginal)
               sources.emplace_back(entry.path, app::IsHeic(entry.path.toStdString()));
             for (const auto &[source, heic] : sources) {
               const std::string temp = app::CreateTemporaryBeside(beside).string();
-              _CopyFileFromDeviceToNative(session.device(), session.client(), source.toUtf8().constData(),
-                                          temp.c_str(), nullptr);
+              if (entry.track != 0)
+                TarnCopyArtwork(session.device(), entry.track, temp.c_str());
+              else
+                _CopyFileFromDeviceToNative(session.device(), session.client(), source.toUtf8().constData(),
+                                            temp.c_str(), nullptr);
               const TarnErrorCode code = TarnLastError()->code;
               if (code == TARN_OK && QFileInfo(QString::fromStdString(temp)).size() > 0) {
                 fetched.file = QString::fromStdString(temp);

@@ -1,5 +1,7 @@
-// Thumbnails for the photo grid. Each comes from the phone's own thumbnail
-// file where the photo library names one, else from the picture itself; the
+// Thumbnails for the photo grid and the music browser's album covers. Each
+// comes from the phone's own thumbnail file where the photo library names
+// one, else from the picture itself, and a cover through the library's
+// TarnCopyArtwork; the
 // files are read over the window's held session (DeviceLink) a few per job,
 // so that a page switch never waits long behind them, and decoded on worker
 // threads: HEIC through libheif, JPEG and PNG through Qt. Decoded thumbnails
@@ -36,6 +38,10 @@ struct PhotoEntry {
   quint64 size = 0;
   quint64 duration = 0;  // milliseconds, for videos
   bool cloud = false;    // the original is only in iCloud
+  // An album cover rather than a picture: the track whose cover it is (the
+  // library finds the file by the track), `path` being the cover's device
+  // path, which the tracks of one album share.
+  quint64 track = 0;
   bool video() const;
 };
 

@@ -12,10 +12,14 @@
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <set>
+#include <tuple>
+#include <vector>
 
 #include "child_process.h"
 #include "apps/common/host_file.h"
 #include "apps/common/picture.h"
+#include "apps/common/plist_view.h"
 #include "apps/common/session.h"
 #include "images.h"
 #include "main_window.h"
@@ -307,6 +311,59 @@ class MediaTest : public QObject {
     QVERIFY(music->playlists()->count() > 0);
     music->playlists()->setCurrentRow(0);
     QVERIFY(music->playlistTracks()->model()->rowCount() > 0);
+  }
+
+  // Each album of the sample phone shows its cover where its tracks name
+  // one and the placeholder where they do not, all read over the window's
+  // one session.
+  void albumCovers() {
+    Choose(kSample);
+    MusicBrowser *music = window_->music();
+    window_->ShowPage(music);
+    QTRY_VERIFY_WITH_TIMEOUT(music->loaded(), 60000);
+    sim_->reset_stats(kSample);
+    // "artist\nalbum" of the albums whose tracks name a cover, as the
+    // library lists them to a handle of the test's own.
+    std::set<QString> covered;
+    int shown = 0, plain = 0;
+    std::vector<std::tuple<QString, QString, bool>> albums;  // artist, album item, covered
+    for (int i = 0; i < music->artists()->count(); ++i) {
+      music->artists()->setCurrentRow(i);
+      for (int a = 0; a < music->albums()->count(); ++a) {
+        music->albums()->setCurrentRow(a);
+        QTRY_VERIFY_WITH_TIMEOUT(music->covers()->Pending() == 0, 20000);
+        const bool has = music->ShowsCover(a);
+        albums.emplace_back(music->artists()->item(i)->text(), music->albums()->item(a)->text(), has);
+        (has ? shown : plain)++;
+        // The album's view shows the cover larger, as the phone keeps it.
+        if (has) {
+          QCOMPARE(music->cover()->pixmap().size(), QSize(120, 120));
+          QVERIFY(music->cover()->accessibleName().startsWith("Cover of "));
+        }
+      }
+    }
+    QVERIFY(shown > 0 && plain > 0);
+    QCOMPARE(sim_->stats(kSample).tls_sessions, uint64_t{0});
+    QVERIFY(!QDir(music->covers()->Folder()).entryList({"*.jpg"}, QDir::Files).isEmpty());
+
+    PodDevice *device = CreatePodDevice(kSample);
+    TempDir work;
+    QCOMPARE(InitDevice(device, work.path().c_str()), 0);
+    plist_t list = GetMusicList(device, 0, 0);
+    QVERIFY(list != nullptr);
+    for (plist_t track : tarn::app::ArrayItems(tarn::app::DictArray(list, "item"))) {
+      if (tarn::app::DictString(track, "artwork").empty()) continue;
+      std::string artist = tarn::app::Known(tarn::app::DictString(track, "album_artist"));
+      if (artist.empty()) artist = tarn::app::DictString(track, "artist");
+      covered.insert(QString::fromStdString(artist + "\n" + tarn::app::DictString(track, "album")));
+    }
+    plist_free(list);
+    FreePodDevice(device);
+    for (const auto &[artist, album, has] : albums) {
+      bool expected = false;
+      for (const QString &c : covered) expected = expected || (c.section('\n', 0, 0) == artist && album.startsWith(c.section('\n', 1)));
+      QVERIFY2(has == expected, qPrintable(artist + " / " + album));
+    }
   }
 };
 

@@ -3,8 +3,6 @@
 // transfers, whose requests can be slowed down so that a cancel or an
 // unplug lands in the middle of a copy.
 #include <fcntl.h>
-#include <pthread.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <QAccessible>
@@ -28,6 +26,7 @@
 #include "main_window.h"
 #include "simulator.h"
 #include "test_util.h"
+#include "window_test_main.h"
 
 using namespace tarn::desktop;
 using tarn::testing::Simulator;
@@ -786,30 +785,6 @@ class DesktopTest : public QObject {
   }
 };
 
-int main(int argc, char **argv) {
-  tarn::app::IgnoreBrokenPipes();
-  // QtTest puts a handler of its own on SIGPIPE, which a session that says
-  // goodbye over an unplugged phone's socket would trip: blocked in every
-  // thread, the write fails with EPIPE as it does in the program.
-  sigset_t pipe;
-  sigemptyset(&pipe);
-  sigaddset(&pipe, SIGPIPE);
-  pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
-  if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
-  // Settings and database copies go to a private place.
-  TempDir home;
-  qputenv("XDG_CACHE_HOME", QByteArray::fromStdString(home.path() + "/cache"));
-  qputenv("XDG_CONFIG_HOME", QByteArray::fromStdString(home.path() + "/config"));
-  // The library's console lines would bury QTest's report: they go to
-  // /dev/null and the report to the original standard output.
-  const int report = ::dup(STDOUT_FILENO);
-  if (std::freopen("/dev/null", "w", stdout) == nullptr) return 1;
-  QApplication app(argc, argv);
-  QApplication::setApplicationName("tarn-desktop-test");
-  QStringList args = app.arguments();
-  if (!args.contains("-o")) args << "-o" << QString("/proc/self/fd/%1,txt").arg(report);
-  DesktopTest test;
-  return QTest::qExec(&test, args);
-}
+int main(int argc, char **argv) { return RunWindowTest<DesktopTest>(argc, argv, "tarn-desktop-test"); }
 
 #include "desktop_test.moc"

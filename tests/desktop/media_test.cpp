@@ -25,6 +25,7 @@
 #include "main_window.h"
 #include "simulator.h"
 #include "test_util.h"
+#include "window_test_main.h"
 
 using namespace tarn::desktop;
 using tarn::testing::Simulator;
@@ -367,23 +368,6 @@ class MediaTest : public QObject {
   }
 };
 
-int main(int argc, char **argv) {
-  tarn::app::IgnoreBrokenPipes();
-  if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
-  // Folders by date follow the local time zone: one for all.
-  qputenv("TZ", "UTC");
-  tzset();
-  TempDir home;
-  qputenv("XDG_CACHE_HOME", QByteArray::fromStdString(home.path() + "/cache"));
-  qputenv("XDG_CONFIG_HOME", QByteArray::fromStdString(home.path() + "/config"));
-  const int report = ::dup(STDOUT_FILENO);
-  if (std::freopen("/dev/null", "w", stdout) == nullptr) return 1;
-  QApplication app(argc, argv);
-  QApplication::setApplicationName("tarn-desktop-media-test");
-  QStringList args = app.arguments();
-  if (!args.contains("-o")) args << "-o" << QString("/proc/self/fd/%1,txt").arg(report);
-  MediaTest test;
-  return QTest::qExec(&test, args);
-}
+int main(int argc, char **argv) { return RunWindowTest<MediaTest>(argc, argv, "tarn-desktop-media-test"); }
 
 #include "media_test.moc"

@@ -591,6 +591,10 @@ TARN_API plist_t GetRingtonesList(PodDevice *device, uint32_t reserved1, uint32_
 /**
  * Reads the track list of one media kind (0 music, 1 movies, 2 podcasts,
  * 3 TV shows, 4 audiobooks, 5 ringtones) from a host copy of iTunesCDB.
+ * A track with a cover carries "artwork" after its other keys:
+ * "/iTunes_Control/Artwork/ArtworkDB#N", N the number of its picture in
+ * the device's artwork database (tracks sharing a picture share the name);
+ * TarnCopyArtwork() copies it.
  * @return A new track list result or NULL.
  */
 TARN_API plist_t ReadTrackDbTypeCdb(const char *path, uint32_t kind);
@@ -639,32 +643,43 @@ TARN_API plist_t ReadTrackDbTypeSQLITE(const char *path, uint32_t kind);
 TARN_API plist_t ReadPlaylistDbTypeSQLITE(const char *path);
 
 /**
- * Copies the cover of a track of a current phone's music library to a host
- * file: the file the library names for the track (its "artwork" key),
- * read from the device's artwork folder as it is (a JPEG or PNG). The host
+ * Copies the cover of a track to a host file. On a current phone, the file
+ * its music library names for the track (its "artwork" key), read from the
+ * device's artwork folder as it is (a JPEG or PNG). On an older device
+ * (music in iTunesCDB), the track's picture in the device's artwork
+ * database (/iTunes_Control/Artwork: ArtworkDB and the F<format>_<n>.ithmb
+ * files beside it), in the largest of the cover formats that the device's
+ * /iTunes_Control/Device/SysInfoExtended names, encoded as PNG. The host
  * file is written whole under a temporary name in its folder and renamed
  * over host_path once complete, so an earlier file there stays as it was
  * when the copy fails.
  *
- * Needs an initialised handle (InitDevice()) of a phone with a music library
- * (MediaLibrary.sqlitedb). Over the held connection when there is one
- * (TarnHoldConnection()), so that the covers of a whole library cost one
- * secure session; otherwise over a connection of its own. Takes no sync
- * lock. Prints "block_size: 65536l" and "finish _CopyFile" when it reads
- * the device's file.
+ * Needs an initialised handle (InitDevice()) of a device with a music
+ * library (MediaLibrary.sqlitedb or iTunesCDB). Over the held connection
+ * when there is one (TarnHoldConnection()), so that the covers of a whole
+ * library cost one secure session; otherwise over a connection of its own.
+ * Takes no sync lock. An older device's artwork files are read on the
+ * first cover asked for and kept in the handle's folder (hostDir/Artwork);
+ * later calls ask the device only for their sizes and times, and read again
+ * a file that changed. Prints "block_size: 65536l" and "finish _CopyFile"
+ * for each device file it reads.
  * @param track_id The track's "id" as the track lists give it (the
- *        library's 64-bit persistent id).
+ *        library's 64-bit persistent id; an older device's track id).
  * @param host_path Host file to write; its folder must exist.
  * @return 0 when the cover was copied; 1 otherwise, with TarnLastError()
  *         saying why: TARN_E_NOT_FOUND (the library holds no such track,
- *         names no cover for it, or the device has no file there),
- *         TARN_E_DATABASE_ABSENT (no music library on the handle: a device
- *         that keeps its music in iTunesCDB, or a handle not initialised),
+ *         names no cover for it, or the device has no file there; an older
+ *         device without an artwork database),
+ *         TARN_E_DATABASE_ABSENT (no music library on the handle, or a
+ *         handle not initialised),
  *         TARN_E_DATABASE_UNREADABLE (the library cannot be read, or names
- *         a cover outside its artwork folder, which is not followed),
+ *         a cover outside its artwork folder, which is not followed; an
+ *         older device's track has a cover that its artwork database,
+ *         damaged or of formats the device does not name, does not give),
  *         TARN_E_DEVICE (the device's file is larger than 16 MiB, more than
- *         any cover), TARN_E_HOST_IO with host_errno, TARN_E_INVALID_ARGUMENT,
- *         or a reason of the connection.
+ *         any cover; an artwork file of more than 1 GiB), TARN_E_HOST_IO
+ *         with host_errno, TARN_E_INVALID_ARGUMENT, or a reason of the
+ *         connection.
  */
 TARN_API int TarnCopyArtwork(PodDevice *device, uint64_t track_id, const char *host_path);
 

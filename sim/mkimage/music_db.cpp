@@ -3,10 +3,13 @@
 // /iTunes_Control/iTunes/iTunesCDB. Writing through libgpod (and not by
 // hand) means the library's reader meets a database it was not written to
 // fit.
+#include <gdk-pixbuf/gdk-pixbuf.h>
 #include <gpod/itdb.h>
+#include <plist/plist.h>
 #include <sqlite3.h>
 #include <zlib.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <map>
@@ -168,6 +171,54 @@ void WriteLocations(const fs::path &file, const std::vector<Itdb_Track *> &track
   sqlite3_exec(db.get(), "COMMIT;", nullptr, nullptr, nullptr);
 }
 
+// The cover formats an iPod touch of the iOS 4 era names in its
+// SysInfoExtended, which is where libgpod learns them: without them it
+// writes no artwork at all. Little-endian RGB565, as those devices keep it.
+void WriteSysInfoExtended(const fs::path &file) {
+  fs::create_directories(file.parent_path());
+  static const struct {
+    int id, width, height;
+  } kFormats[] = {{3005, 64, 64}, {3006, 128, 128}};
+  plist_t root = plist_new_dict();
+  plist_t formats = plist_new_array();
+  for (const auto &f : kFormats) {
+    plist_t format = plist_new_dict();
+    plist_dict_set_item(format, "FormatId", plist_new_uint(static_cast<uint64_t>(f.id)));
+    plist_dict_set_item(format, "RenderWidth", plist_new_uint(static_cast<uint64_t>(f.width)));
+    plist_dict_set_item(format, "RenderHeight", plist_new_uint(static_cast<uint64_t>(f.height)));
+    plist_dict_set_item(format, "PixelFormat", plist_new_string("4C353635"));
+    plist_array_append_item(formats, format);
+  }
+  plist_dict_set_item(root, "AlbumArt", formats);
+  // Tracks with the same cover share one picture, as iTunes writes them.
+  plist_dict_set_item(root, "SupportsSparseArtwork", plist_new_bool(1));
+  // libgpod looks the model up by the serial number's last letters and
+  // complains on every lookup when there is none; this one names no model,
+  // so the formats above are all it goes by.
+  plist_dict_set_item(root, "SerialNumber", plist_new_string("F2LDEMO0TARN"));
+  char *xml = nullptr;
+  uint32_t length = 0;
+  plist_to_xml(root, &xml, &length);
+  plist_free(root);
+  std::ofstream(file, std::ios::binary).write(xml, length);
+  std::free(xml);
+}
+
+// A cover of one colour, `rgb` as "#rrggbb", inside a dark frame.
+struct PixbufUnref {
+  void operator()(GdkPixbuf *p) const { g_object_unref(p); }
+};
+std::unique_ptr<GdkPixbuf, PixbufUnref> Cover(const std::string &rgb) {
+  if (rgb.size() != 7 || rgb[0] != '#') throw std::runtime_error("a cover colour is \"#rrggbb\": " + rgb);
+  const uint32_t colour = static_cast<uint32_t>(std::stoul(rgb.substr(1), nullptr, 16));
+  std::unique_ptr<GdkPixbuf, PixbufUnref> cover(gdk_pixbuf_new(GDK_COLORSPACE_RGB, FALSE, 8, 256, 256));
+  gdk_pixbuf_fill(cover.get(), 0x202020ff);
+  std::unique_ptr<GdkPixbuf, PixbufUnref> inside(gdk_pixbuf_new(GDK_COLORSPACE_RGB, FALSE, 8, 224, 224));
+  gdk_pixbuf_fill(inside.get(), colour << 8 | 0xff);
+  gdk_pixbuf_copy_area(inside.get(), 0, 0, 224, 224, cover.get(), 16, 16);
+  return cover;
+}
+
 }  // namespace
 
 void WriteMusic(const json &music, const fs::path &media, const fs::path &base) {
@@ -186,6 +237,18 @@ void WriteMusic(const json &music, const fs::path &media, const fs::path &base) 
   if (music.contains("generate")) {
     for (auto &t : Generate(music["generate"])) tracks.push_back(std::move(t));
   }
+  // Albums with a cover: libgpod writes their artwork database (ArtworkDB
+  // and its .ithmb files below /iTunes_Control/Artwork) for a device that
+  // names its cover formats, so the image gets those and libgpod is told
+  // where it is.
+  const json covers = music.value("covers", json::object());
+  if (!covers.empty()) {
+    WriteSysInfoExtended(media / "iTunes_Control/Device/SysInfoExtended");
+    fs::create_directories(media / "iTunes_Control/Artwork");
+    itdb_set_mountpoint(db.get(), media.c_str());
+  }
+  std::map<std::string, std::unique_ptr<GdkPixbuf, PixbufUnref>> cover_of;
+  for (const auto &[album, colour] : covers.items()) cover_of[album] = Cover(colour.get<std::string>());
   std::map<std::string, Itdb_Track *> by_id;
   std::vector<Itdb_Track *> order;
   for (size_t i = 0; i < tracks.size(); ++i) {
@@ -211,6 +274,11 @@ void WriteMusic(const json &music, const fs::path &media, const fs::path &base) 
       std::string rel = track->ipod_path;
       for (auto &c : rel) c = c == ':' ? '/' : c;
       WriteFile(media / rel.substr(rel.find_first_not_of('/')), track->size);
+    }
+    if (track->album != nullptr) {
+      const auto cover = cover_of.find(track->album);
+      if (cover != cover_of.end() && !itdb_track_set_thumbnails_from_pixbuf(track.get(), cover->second.get()))
+        throw std::runtime_error("libgpod took no cover for the album " + cover->first);
     }
     if (t.contains("id")) by_id[t["id"].get<std::string>()] = track.get();
     order.push_back(track.get());

@@ -1,16 +1,26 @@
 // Album artwork: the cover a current phone's music library names for a
-// track, copied from the phone's artwork folder to a host file.
+// track, copied from the phone's artwork folder to a host file; on an older
+// device, the track's cover in its artwork database, encoded as PNG.
+#include <fcntl.h>
+#include <gdk-pixbuf/gdk-pixbuf.h>
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <string>
+#include <system_error>
 
 #include "catalogue/catalogue.h"
 #include "common/connection.h"
 #include "common/db_entry.h"
 #include "common/error.h"
 #include "common/scratch_dir.h"
+#include "common/raii.h"
 #include "devicefs/transfer.h"
+#include "devicefs/walk.h"
+#include "musicdb/music_database.h"
 #include "tarn/tarn_device.h"
 
 namespace {
@@ -19,6 +29,169 @@ namespace {
 // than any cover is no cover, and is not copied for one.
 constexpr uint64_t kLargestArtwork = 16ull << 20;
 
+// An older device's artwork database and the files of pixels beside it
+// hold every cover of the library: hundreds of MiB on a full device, but
+// not more than a GiB per file (libgpod starts a new one well before).
+constexpr uint64_t kLargestArtworkFile = 1ull << 30;
+constexpr const char *kArtworkFolder = "/iTunes_Control/Artwork";
+constexpr const char *kSysInfoExtended = "/iTunes_Control/Device/SysInfoExtended";
+
+// What the device says of one of its files: size and modification time as
+// it gives them (nanoseconds), or nothing when it has no such file.
+struct DeviceStamp {
+  bool exists = false;
+  uint64_t size = 0;
+  int64_t mtime_ns = 0;
+};
+
+DeviceStamp StampOf(afc_client_t client, const std::string &path) {
+  DeviceStamp stamp;
+  char **pairs = nullptr;
+  const afc_error_t err = afc_get_file_info(client, path.c_str(), &pairs);
+  const tarn::StrVec owned(pairs);
+  if (err != AFC_E_SUCCESS || pairs == nullptr) return stamp;
+  stamp.exists = true;
+  for (char **kv = pairs; kv[0] != nullptr && kv[1] != nullptr; kv += 2) {
+    if (std::strcmp(kv[0], "st_size") == 0) stamp.size = std::strtoull(kv[1], nullptr, 10);
+    if (std::strcmp(kv[0], "st_mtime") == 0) stamp.mtime_ns = std::strtoll(kv[1], nullptr, 10);
+  }
+  return stamp;
+}
+
+// Keeps the host copy `local` of the device file `device_path` as the
+// device has it: the copy carries the device's size and modification time,
+// so that a copy still matching both is used again without reading the
+// device file, and a changed file is read whole again (under a scratch name,
+// then renamed, so a reader never meets half of one). False, with the
+// reason recorded, when the device file could not be copied; `absent` tells
+// that the device has no such file.
+bool KeepFresh(PodDevice *device, afc_client_t client, const std::string &device_path, const std::string &local,
+               bool *absent) {
+  const DeviceStamp stamp = StampOf(client, device_path);
+  *absent = !stamp.exists;
+  if (!stamp.exists) return false;
+  struct stat st {};
+  if (::stat(local.c_str(), &st) == 0 && static_cast<uint64_t>(st.st_size) == stamp.size &&
+      int64_t{st.st_mtim.tv_sec} * 1000000000 + st.st_mtim.tv_nsec == stamp.mtime_ns)
+    return true;
+  const tarn::ScratchDir scratch(local);
+  if (scratch.path().empty()) return false;
+  const std::string part = scratch.path() + "/file";
+  if (!tarn::DownloadWhole(device, client, device_path.c_str(), part.c_str(), nullptr, kLargestArtworkFile))
+    return false;
+  const struct timespec times[2] = {{stamp.mtime_ns / 1000000000, stamp.mtime_ns % 1000000000},
+                                    {stamp.mtime_ns / 1000000000, stamp.mtime_ns % 1000000000}};
+  if (::utimensat(AT_FDCWD, part.c_str(), times, 0) != 0 || std::rename(part.c_str(), local.c_str()) != 0) {
+    tarn::SetHostError(errno, local.c_str());
+    return false;
+  }
+  return true;
+}
+
+// Writes `bytes` whole to host_path through a scratch file renamed over it.
+bool WriteWhole(const char *host_path, const gchar *bytes, gsize length) {
+  const tarn::ScratchDir scratch(host_path);
+  if (scratch.path().empty()) return false;
+  const std::string part = scratch.path() + "/artwork";
+  {
+    errno = 0;
+    tarn::HostFile out(std::fopen(part.c_str(), "wb"));
+    if (!out || std::fwrite(bytes, 1, length, out.get()) != length || std::fflush(out.get()) != 0) {
+      tarn::SetHostError(errno ? errno : EIO, part.c_str());
+      return false;
+    }
+  }
+  if (std::rename(part.c_str(), host_path) != 0) {
+    tarn::SetHostError(errno, host_path);
+    return false;
+  }
+  return true;
+}
+
+// An older device's cover: the track's artwork in the device's artwork
+// database, as libgpod reads it with the formats the device's
+// SysInfoExtended names, encoded as PNG. The few files this needs are read
+// only here, when a cover is asked for, and kept beside the handle's
+// database copies (hostDir/Artwork): the covers of a whole library read
+// them once, and each later call only asks the device whether they changed.
+// The music database is the copy InitDevice made, so that the track ids are
+// those of the music list.
+bool CopyOlderArtwork(PodDevice *device, uint64_t track_id, const char *host_path, const std::string &database) {
+  const tarn::DeviceCall call(device, tarn::PolicyOf("TarnCopyArtwork"));
+  if (call.afc() == nullptr) return false;
+  const std::string cache = tarn::LocalCopyPath(device, kArtworkFolder);
+  std::error_code ec;
+  std::filesystem::create_directories(cache, ec);
+  if (ec) {
+    tarn::SetHostError(ec.value(), cache.c_str());
+    return false;
+  }
+  bool absent = false;
+  if (!KeepFresh(device, call.afc(), std::string(kArtworkFolder) + "/ArtworkDB", cache + "/ArtworkDB", &absent)) {
+    if (absent)
+      tarn::SetError(TARN_E_NOT_FOUND, "The device keeps no artwork database (" + std::string(kArtworkFolder) +
+                                           "/ArtworkDB): none of its tracks has a cover.");
+    return false;
+  }
+  const tarn::StrVec names = tarn::ListDirectory(call.afc(), kArtworkFolder);
+  for (char **name = names.get(); name != nullptr && *name != nullptr; ++name) {
+    const std::string n = *name;
+    if (!tarn::IsWalkableName(*name) || n.size() < 7 || n.compare(n.size() - 6, 6, ".ithmb") != 0) continue;
+    if (!KeepFresh(device, call.afc(), std::string(kArtworkFolder) + "/" + n, cache + "/" + n, &absent) && !absent)
+      return false;
+  }
+  tarn::DeviceArtwork artwork{cache, ""};
+  if (KeepFresh(device, call.afc(), kSysInfoExtended, cache + "/SysInfoExtended", &absent))
+    artwork.sysinfo_extended = cache + "/SysInfoExtended";
+  else if (!absent)
+    return false;
+
+  bool found = false, copied = false;
+  const bool parsed = tarn::ParseWithArtwork(database.c_str(), artwork, [&](Itdb_iTunesDB *db) {
+    for (GList *t = db->tracks; t != nullptr; t = t->next) {
+      auto *track = static_cast<Itdb_Track *>(t->data);
+      if (track->id != track_id) continue;
+      found = true;
+      // 1 is libgpod's "has artwork" (2 none): such a track without a
+      // thumbnail means an artwork database libgpod could not read.
+      const bool named = track->has_artwork == 1;
+      if (!itdb_track_has_thumbnails(track)) {
+        if (named)
+          tarn::SetError(TARN_E_DATABASE_UNREADABLE,
+                         "The track " + std::to_string(track_id) +
+                             " has a cover, but the device's artwork database or the formats it names could not be "
+                             "read.");
+        else
+          tarn::SetError(TARN_E_NOT_FOUND, "The track " + std::to_string(track_id) + " has no cover.");
+        return;
+      }
+      // The largest size the device keeps (-1, -1).
+      const tarn::GObjectPtr<GdkPixbuf> pixbuf(static_cast<GdkPixbuf *>(itdb_track_get_thumbnail(track, -1, -1)));
+      if (!pixbuf) {
+        tarn::SetError(TARN_E_DATABASE_UNREADABLE, "The cover of the track " + std::to_string(track_id) +
+                                                       " could not be read from the device's artwork files.");
+        return;
+      }
+      gchar *raw = nullptr;
+      gsize length = 0;
+      GError *error = nullptr;
+      const gboolean saved = gdk_pixbuf_save_to_buffer(pixbuf.get(), &raw, &length, "png", &error, nullptr);
+      const tarn::GErrorPtr owned_error(error);
+      const std::unique_ptr<gchar, decltype(&g_free)> bytes(raw, &g_free);
+      if (!saved) {
+        tarn::SetError(TARN_E_HOST_IO, std::string("The cover could not be encoded as PNG: ") +
+                                        (error ? error->message : "unknown reason"));
+        return;
+      }
+      copied = WriteWhole(host_path, bytes.get(), length);
+      return;
+    }
+  });
+  if (!parsed) return false;
+  if (!found) tarn::SetError(TARN_E_NOT_FOUND, "The music database holds no track " + std::to_string(track_id) + ".");
+  return copied;
+}
+
 bool CopyArtwork(PodDevice *device, uint64_t track_id, const char *host_path) {
   if (device == nullptr || host_path == nullptr || host_path[0] == '\0') {
     tarn::SetError(TARN_E_INVALID_ARGUMENT, "A copy of artwork needs a device handle and a host path.");
@@ -26,10 +199,18 @@ bool CopyArtwork(PodDevice *device, uint64_t track_id, const char *host_path) {
   }
   const auto library = tarn::MediaLibraryCopy(device);
   if (!library) {
-    // An older device's covers live in its ArtworkDB, which is not read.
+    // An older device: the compressed music database InitDevice copied (the
+    // one the music list reads), and the covers of its artwork database.
+    std::string database;
+    tarn::WalkDbFiles(device, "TrackDb", [&](uint64_t type, const char *device_path) {
+      if (type != tarn::kTrackDbCdb) return false;
+      database = tarn::LocalCopyPath(device, device_path);
+      return true;
+    }, false);
+    if (!database.empty()) return CopyOlderArtwork(device, track_id, host_path, database);
     tarn::SetError(TARN_E_DATABASE_ABSENT,
-                   "The device has no music library (MediaLibrary.sqlitedb) copied by InitDevice that names "
-                   "artwork.");
+                   "The device has no music library (MediaLibrary.sqlitedb or iTunesCDB) copied by InitDevice "
+                   "that names artwork.");
     return false;
   }
   std::string relative;

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <memory>
 
+#include <glib-object.h>
 #include <glib.h>
 #include <gpod/itdb.h>
 #include <plist/plist.h>
@@ -71,6 +72,13 @@ struct ChapterdataDeleter {
   void operator()(Itdb_Chapterdata *c) const { if (c) itdb_chapterdata_free(c); }
 };
 using ChapterdataPtr = std::unique_ptr<Itdb_Chapterdata, ChapterdataDeleter>;
+
+// A GObject reference (a GdkPixbuf, ...), dropped with g_object_unref.
+struct GObjectUnref {
+  void operator()(gpointer o) const { if (o) g_object_unref(o); }
+};
+template <typename T>
+using GObjectPtr = std::unique_ptr<T, GObjectUnref>;
 
 struct GErrorDeleter {
   void operator()(GError *e) const { if (e) g_error_free(e); }

@@ -36,3 +36,16 @@ struct TrackChapters {
 bool PlainDatabaseIsSound(const unsigned char *data, size_t size, std::vector<TrackChapters> *chapters = nullptr);
 
 }  // namespace tarn
+
+namespace tarn {
+
+// Whether libgpod can read `data`, a device's ArtworkDB, without meeting a
+// record whose lengths reach past its parent or the file: its artwork
+// parser asserts (and so ends the process) on a header longer than what
+// is left, reads past the end after a total length that is, and follows a
+// list that has no room behind its header into a null context. Only an
+// artwork database that passes this walk is shown to libgpod; album lists
+// (photo albums, which an ArtworkDB does not hold) make it fail.
+bool ArtworkDatabaseIsSound(const unsigned char *data, size_t size);
+
+}  // namespace tarn

@@ -28,6 +28,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -50,9 +51,14 @@ namespace {
 // in different zones. The database itself is an anonymous memory file where
 // the kernel has them, reached through a link in the layout, so the inflated
 // bytes never go to disk; elsewhere it is a file in the layout.
+//
+// For a parse with the device's artwork the layout also holds the host copy
+// of the device's artwork folder (a link to it) and of its SysInfoExtended,
+// which is where libgpod learns the cover formats it reads the .ithmb files
+// by: without them it reads no artwork database.
 class PlainDatabaseLayout {
  public:
-  PlainDatabaseLayout() {
+  explicit PlainDatabaseLayout(const tarn::DeviceArtwork *artwork = nullptr) {
     GError *error = nullptr;
     char *root = g_dir_make_tmp("tarn-itdb-XXXXXX", &error);
     tarn::GErrorPtr owned_error(error);
@@ -62,6 +68,14 @@ class PlainDatabaseLayout {
     itunes_ = root_ + "/iTunes_Control/iTunes";
     database_ = itunes_ + "/iTunesDB";
     if (g_mkdir_with_parents(itunes_.c_str(), 0700) != 0) return;
+    if (artwork != nullptr) {
+      artwork_ = root_ + "/iTunes_Control/Artwork";
+      device_ = root_ + "/iTunes_Control/Device";
+      if (::symlink(artwork->folder.c_str(), artwork_.c_str()) != 0 || ::mkdir(device_.c_str(), 0700) != 0) return;
+      if (!artwork->sysinfo_extended.empty() &&
+          ::symlink(artwork->sysinfo_extended.c_str(), (device_ + "/SysInfoExtended").c_str()) != 0)
+        return;
+    }
     fd_ = ::memfd_create("tarn-itdb", MFD_CLOEXEC);
     if (fd_ >= 0) {
       const std::string memory = "/proc/self/fd/" + std::to_string(fd_);
@@ -75,6 +89,11 @@ class PlainDatabaseLayout {
     if (root_.empty()) return;
     ::unlink(database_.c_str());
     ::rmdir(itunes_.c_str());
+    if (!device_.empty()) {
+      ::unlink(artwork_.c_str());
+      ::unlink((device_ + "/SysInfoExtended").c_str());
+      ::rmdir(device_.c_str());
+    }
     ::rmdir((root_ + "/iTunes_Control").c_str());
     ::rmdir(root_.c_str());
   }
@@ -98,7 +117,7 @@ class PlainDatabaseLayout {
   int fd() const { return fd_; }
 
  private:
-  std::string root_, itunes_, database_;
+  std::string root_, itunes_, database_, artwork_, device_;
   int fd_ = -1;
 };
 
@@ -315,15 +334,40 @@ MusicDatabase::MusicDatabase(const char *path) {
 
 namespace {
 
-// The parse proper; m_itdb_parse_file records why it gave nothing.
-Itdb_iTunesDB *ParseMusicDatabase(const char *path, GError **error) {
+// libgpod maps no artwork database larger than this, and none is.
+constexpr size_t kLargestArtworkDatabase = size_t{64} << 20;
+
+// Whether the ArtworkDB at `path` passes the walk that keeps libgpod's
+// artwork parser within it.
+bool ArtworkFileIsSound(const std::string &path) {
+  tarn::HostFile file(std::fopen(path.c_str(), "rb"));
+  struct stat st {};
+  if (!file || ::fstat(::fileno(file.get()), &st) != 0 || st.st_size <= 0 ||
+      static_cast<uint64_t>(st.st_size) > kLargestArtworkDatabase)
+    return false;
+  std::vector<unsigned char> bytes(static_cast<size_t>(st.st_size));
+  return std::fread(bytes.data(), 1, bytes.size(), file.get()) == bytes.size() &&
+         tarn::ArtworkDatabaseIsSound(bytes.data(), bytes.size());
+}
+
+// The parse proper; m_itdb_parse_file records why it gave nothing. With
+// `artwork`, libgpod also reads the device's artwork database, and
+// `while_laid_out` sees the parse while the .ithmb files are still within
+// libgpod's reach (it reads a cover's pixels only when one is asked for).
+Itdb_iTunesDB *ParseMusicDatabase(const char *path, GError **error, const tarn::DeviceArtwork *artwork = nullptr,
+                                  const std::function<void(Itdb_iTunesDB *)> *while_laid_out = nullptr) {
   // A missing file is no database; libgpod would otherwise say so less
   // clearly.
   if (!g_file_test(path, G_FILE_TEST_IS_REGULAR)) {
     g_set_error(error, G_FILE_ERROR, G_FILE_ERROR_NOENT, "no music database at %s", path);
     return nullptr;
   }
-  PlainDatabaseLayout layout;
+  // An artwork database libgpod would stumble over is left out, and so are
+  // the formats: told of formats without a database, libgpod would make an
+  // artwork folder in the layout and leak the name it looked for. The
+  // tracks then read as having covers that cannot be found.
+  if (artwork != nullptr && !ArtworkFileIsSound(artwork->folder + "/ArtworkDB")) artwork = nullptr;
+  PlainDatabaseLayout layout(artwork);
   if (!layout.ok()) {
     g_set_error(error, G_FILE_ERROR, G_FILE_ERROR_FAILED, "cannot prepare a parse of %s", path);
     return nullptr;
@@ -371,6 +415,7 @@ Itdb_iTunesDB *ParseMusicDatabase(const char *path, GError **error) {
     track->chapterdata = next->data.release();
     ++next;
   }
+  if (while_laid_out != nullptr) (*while_laid_out)(db);
   // The layout is gone once we return: the database must not point at it.
   itdb_set_mountpoint(db, nullptr);
   g_free(db->filename);
@@ -396,6 +441,15 @@ Itdb_iTunesDB *m_itdb_parse_file(const char *path, GError **error) {
     tarn::SetDatabaseError(path, why ? why->message : "");
   }
   return db;
+}
+
+bool ParseWithArtwork(const char *path, const DeviceArtwork &artwork,
+                      const std::function<void(Itdb_iTunesDB *)> &use) {
+  GError *error = nullptr;
+  ItdbPtr db(ParseMusicDatabase(path, &error, &artwork, &use));
+  const GErrorPtr owned(error);
+  if (!db) tarn::SetDatabaseError(path, error ? error->message : "");
+  return db != nullptr;
 }
 
 }  // namespace tarn

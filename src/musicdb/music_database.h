@@ -2,6 +2,7 @@
 // music database.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <string>
 
@@ -49,6 +50,23 @@ class SharedMusicDatabase {
   // the call, so parsing it again would fail again.
   std::map<std::string, ItdbPtr> parsed_;
 };
+
+// Host copies of a device's artwork: its artwork folder (ArtworkDB beside
+// the F<format>_<n>.ithmb files that hold the pixels) and its
+// SysInfoExtended ("" when the device keeps none), which names the cover
+// formats those files are read by.
+struct DeviceArtwork {
+  std::string folder;
+  std::string sysinfo_extended;
+};
+
+// Parses the compressed music database at `path` together with the
+// device's artwork, and hands the parse to `use` while libgpod can still
+// read the covers' pixels (itdb_track_get_thumbnail). False, with the
+// reason recorded, when the file is no music database; an artwork database
+// libgpod cannot read leaves the tracks without covers.
+bool ParseWithArtwork(const char *path, const DeviceArtwork &artwork,
+                      const std::function<void(Itdb_iTunesDB *)> &use);
 
 // Parses a music database file with libgpod, recording why it gave nothing.
 Itdb_iTunesDB *m_itdb_parse_file(const char *path, GError **error);

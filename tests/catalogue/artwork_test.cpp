@@ -1,11 +1,19 @@
-// Album artwork of current phones through the simulator: which tracks the
-// music list gives a cover, and TarnCopyArtwork copying a cover to the host
-// over one connection, refusing the names and sizes a phone's database
-// should never hold.
+// Album artwork through the simulator: which tracks the music list gives a
+// cover, and TarnCopyArtwork copying a cover to the host over one
+// connection: a current phone's file as it is, refusing the names and sizes
+// its database should never hold; an older device's picture out of its
+// artwork database, as PNG.
+#include <gdk-pixbuf/gdk-pixbuf.h>
+
+#include <algorithm>
+#include <cstdlib>
 #include <map>
+#include <optional>
 #include <set>
+#include <vector>
 
 #include "catalogue_fixture.h"
+#include "images.h"
 
 namespace tarn_catalogue_test {
 namespace {
@@ -143,7 +151,7 @@ TEST_F(ArtworkTest, AHeldConnectionCopiesEveryCoverInOneSession) {
   ExpectIdle("released");
 }
 
-TEST_F(CatalogueTest, AnOlderDeviceHasNoArtworkToCopy) {
+TEST_F(CatalogueTest, AnOlderDeviceWithoutAnArtworkDatabaseHasNoCoverToCopy) {
   ASSERT_EQ(Start({{"music", {{"tracks", {{{"title", "song"}, {"size", 1000}, {"media_type", 1}}}}}}}), 0);
   Plist music(Quiet([&] { return GetMusicList(device, 0, 0); }));
   ASSERT_TRUE(music);
@@ -151,8 +159,148 @@ TEST_F(CatalogueTest, AnOlderDeviceHasNoArtworkToCopy) {
   EXPECT_EQ(plist_dict_get_item(item, "artwork"), nullptr);
   const std::string out = dir.path() + "/cover";
   EXPECT_EQ(Quiet([&] { return TarnCopyArtwork(device, Uint(item, "id"), out.c_str()); }), 1);
-  EXPECT_EQ(TarnLastError()->code, TARN_E_DATABASE_ABSENT);
+  EXPECT_EQ(TarnLastError()->code, TARN_E_NOT_FOUND) << TarnLastError()->message;
   EXPECT_FALSE(fs::exists(out));
+}
+
+// The older device of the shipped images: its covers live in the artwork
+// database libgpod wrote (ArtworkDB and .ithmb files), for the albums the
+// description gives a colour; the other albums have none.
+class OlderArtworkTest : public CatalogueTest {
+ protected:
+  void SetUp() override {
+    const json description = tarn::testing::load_description("ipod");
+    for (const auto &[album, colour] : description["music"]["covers"].items())
+      colours[album] = std::stoul(colour.get<std::string>().substr(1), nullptr, 16);
+    ASSERT_FALSE(colours.empty());
+    ASSERT_EQ(Start(description), 0);
+    Plist music(Quiet([&] { return GetMusicList(device, 0, 0); }));
+    ASSERT_TRUE(music) << TarnLastError()->message;
+    plist_t items = plist_dict_get_item(music.get(), "item");
+    for (uint32_t i = 0; i < plist_array_get_size(items); ++i) {
+      plist_t item = plist_array_get_item(items, i);
+      // The purchases beside the database (one on the album "Paper Moons")
+      // have no cover there.
+      if (Str(item, "path").rfind("/iTunes_Control/Music/", 0) != 0) continue;
+      Track t{Uint(item, "id"), Str(item, "album"), ""};
+      if (plist_dict_get_item(item, "artwork")) t.artwork = Str(item, "artwork");
+      tracks.push_back(t);
+    }
+  }
+  // One track of each album with a cover.
+  std::map<std::string, uint64_t> Covered() const {
+    std::map<std::string, uint64_t> one;
+    for (const Track &t : tracks)
+      if (colours.count(t.album)) one.emplace(t.album, t.id);
+    return one;
+  }
+  int Copy(uint64_t id, const std::string &host) {
+    return Quiet([&] { return TarnCopyArtwork(device, id, host.c_str()); });
+  }
+  std::string host(const std::string &name) const { return dir.path() + "/" + name; }
+
+  struct Track {
+    uint64_t id;
+    std::string album, artwork;
+  };
+  std::map<std::string, uint32_t> colours;  // album -> 0xrrggbb
+  std::vector<Track> tracks;
+};
+
+// The centre pixel of a PNG file as 0xrrggbb, or nothing when it is no PNG.
+std::optional<uint32_t> CentreOfPng(const std::string &path, int *width) {
+  const std::string bytes = ReadAll(path);
+  if (bytes.rfind("\x89PNG", 0) != 0) return std::nullopt;
+  GError *error = nullptr;
+  const std::unique_ptr<GdkPixbuf, decltype(&g_object_unref)> pixbuf(gdk_pixbuf_new_from_file(path.c_str(), &error),
+                                                                     &g_object_unref);
+  if (error != nullptr) g_error_free(error);
+  if (!pixbuf) return std::nullopt;
+  *width = gdk_pixbuf_get_width(pixbuf.get());
+  const guchar *p = gdk_pixbuf_get_pixels(pixbuf.get()) +
+                    gdk_pixbuf_get_height(pixbuf.get()) / 2 * gdk_pixbuf_get_rowstride(pixbuf.get()) +
+                    *width / 2 * gdk_pixbuf_get_n_channels(pixbuf.get());
+  return uint32_t{p[0]} << 16 | uint32_t{p[1]} << 8 | p[2];
+}
+
+// Channels within what the device's 16-bit pixels keep of a colour.
+bool Near(uint32_t a, uint32_t b) {
+  for (int shift : {16, 8, 0})
+    if (std::abs(static_cast<int>((a >> shift) & 0xff) - static_cast<int>((b >> shift) & 0xff)) > 8) return false;
+  return true;
+}
+
+TEST_F(OlderArtworkTest, ACoverIsTheAlbumsPictureAsPngAndATrackWithoutOneIsRefused) {
+  // The list names a cover for exactly the tracks of the covered albums,
+  // one name per album.
+  std::map<std::string, std::set<std::string>> names;
+  for (const Track &t : tracks) {
+    SCOPED_TRACE(t.album);
+    EXPECT_EQ(!t.artwork.empty(), colours.count(t.album) == 1);
+    if (!t.artwork.empty()) names[t.album].insert(t.artwork);
+  }
+  EXPECT_EQ(names.size(), colours.size());
+  for (const auto &[album, artwork] : names) EXPECT_EQ(artwork.size(), 1u) << album;
+
+  for (const auto &[album, id] : Covered()) {
+    SCOPED_TRACE(album);
+    const std::string out = host("cover.png");
+    ASSERT_EQ(Copy(id, out), 0) << TarnLastError()->message;
+    int width = 0;
+    const auto centre = CentreOfPng(out, &width);
+    ASSERT_TRUE(centre);
+    EXPECT_EQ(width, 128) << "the largest size the device keeps";
+    EXPECT_TRUE(Near(*centre, colours[album])) << std::hex << *centre << " for " << colours[album];
+  }
+
+  const std::string kept = host("kept.png");
+  std::ofstream(kept) << "earlier";
+  const auto plain = std::find_if(tracks.begin(), tracks.end(), [](const Track &t) { return t.artwork.empty(); });
+  ASSERT_NE(plain, tracks.end());
+  EXPECT_EQ(Copy(plain->id, kept), 1);
+  EXPECT_EQ(TarnLastError()->code, TARN_E_NOT_FOUND) << TarnLastError()->message;
+  EXPECT_EQ(Copy(987654321, kept), 1);
+  EXPECT_EQ(TarnLastError()->code, TARN_E_NOT_FOUND);
+  EXPECT_EQ(ReadAll(kept), "earlier");
+  ExpectIdle("after the copies");
+}
+
+TEST_F(OlderArtworkTest, AHeldConnectionCopiesEveryCoverInOneSession) {
+  ASSERT_EQ(Covered().size(), colours.size());
+  sim->reset_stats(kUdid);
+  ASSERT_EQ(TarnHoldConnection(device), 0);
+  for (int round = 0; round < 5; ++round)
+    for (const auto &[album, id] : Covered()) ASSERT_EQ(Copy(id, host("cover")), 0) << TarnLastError()->message;
+  EXPECT_EQ(sim->stats(kUdid).tls_sessions, 1u);
+  TarnReleaseConnection(device);
+  ExpectIdle("released");
+}
+
+TEST_F(OlderArtworkTest, AChangedArtworkDatabaseIsReadAgainAndADamagedOneGivesAReason) {
+  const auto covered = Covered();
+  ASSERT_FALSE(covered.empty());
+  const uint64_t id = covered.begin()->second;
+  ASSERT_EQ(Copy(id, host("cover")), 0) << TarnLastError()->message;
+  // Damaged on the device after a first copy: the kept copy is not used
+  // again, and the cover cannot be read.
+  const std::string db = media("/iTunes_Control/Artwork/ArtworkDB");
+  std::string bytes = ReadAll(db);
+  for (const size_t length : {bytes.size() / 3, size_t{40}, size_t{0}}) {
+    SCOPED_TRACE(length);
+    std::string damaged = bytes.substr(0, length);
+    for (size_t at = 16; at < damaged.size(); at += 7) damaged[at] = static_cast<char>(0xff);
+    std::ofstream(db, std::ios::binary | std::ios::trunc) << damaged;
+    std::ofstream(host("kept"), std::ios::trunc) << "earlier";
+    EXPECT_EQ(Copy(id, host("kept")), 1);
+    EXPECT_EQ(TarnLastError()->code, TARN_E_DATABASE_UNREADABLE) << TarnLastError()->message;
+    EXPECT_EQ(ReadAll(host("kept")), "earlier");
+  }
+  // Whole again: the cover comes back.
+  std::ofstream(db, std::ios::binary | std::ios::trunc) << bytes;
+  ASSERT_EQ(Copy(id, host("cover")), 0) << TarnLastError()->message;
+  int width = 0;
+  EXPECT_TRUE(CentreOfPng(host("cover"), &width));
+  ExpectIdle("after the copies");
 }
 
 }  // namespace

@@ -36,6 +36,7 @@ namespace {
 
 constexpr const char *kPictures = "00008030-00F07000000000A1";
 constexpr const char *kSample = "00008030-00F07000000000A2";
+constexpr const char *kIpod = "00008030-00F07000000000A3";
 
 // Every file below `dir` but the record: relative path -> content.
 std::map<std::string, std::string> Files(const fs::path &dir) {
@@ -111,9 +112,12 @@ class MediaTest : public QObject {
              asset("IMG_0006.HEIC", {{"cloud", true}, {"taken", 1690934520}})}}}}},
         root + "/pictures");
     tarn::testing::build_image(tarn::testing::load_description("sample"), root + "/sample");
+    json ipod = tarn::testing::load_description("ipod");
+    ipod["device"]["UniqueDeviceID"] = kIpod;
+    tarn::testing::build_image(ipod, root + "/ipod");
     media_ = root + "/pictures/media";
     sim_ = std::make_unique<Simulator>(std::vector<tarn::testing::SimDevice>{
-        {root + "/pictures", kPictures, {}}, {root + "/sample", kSample, {}}});
+        {root + "/pictures", kPictures, {}}, {root + "/sample", kSample, {}}, {root + "/ipod", kIpod, {}}});
     window_ = std::make_unique<MainWindow>();
     window_->resize(1100, 700);
     window_->show();
@@ -317,12 +321,18 @@ class MediaTest : public QObject {
   // Each album of the sample phone shows its cover where its tracks name
   // one and the placeholder where they do not, all read over the window's
   // one session.
-  void albumCovers() {
-    Choose(kSample);
+  void albumCovers() { AlbumCoversOf(kSample, QSize(120, 120)); }
+  // An older device's covers come out of its artwork database, the same
+  // way, at the largest size it keeps them.
+  void olderDevicesAlbumCovers() { AlbumCoversOf(kIpod, QSize(128, 128)); }
+
+ private:
+  void AlbumCoversOf(const char *udid, QSize kept) {
+    Choose(udid);
     MusicBrowser *music = window_->music();
     window_->ShowPage(music);
     QTRY_VERIFY_WITH_TIMEOUT(music->loaded(), 60000);
-    sim_->reset_stats(kSample);
+    sim_->reset_stats(udid);
     // "artist\nalbum" of the albums whose tracks name a cover, as the
     // library lists them to a handle of the test's own.
     std::set<QString> covered;
@@ -338,16 +348,16 @@ class MediaTest : public QObject {
         (has ? shown : plain)++;
         // The album's view shows the cover larger, as the phone keeps it.
         if (has) {
-          QCOMPARE(music->cover()->pixmap().size(), QSize(120, 120));
+          QCOMPARE(music->cover()->pixmap().size(), kept);
           QVERIFY(music->cover()->accessibleName().startsWith("Cover of "));
         }
       }
     }
     QVERIFY(shown > 0 && plain > 0);
-    QCOMPARE(sim_->stats(kSample).tls_sessions, uint64_t{0});
+    QCOMPARE(sim_->stats(udid).tls_sessions, uint64_t{0});
     QVERIFY(!QDir(music->covers()->Folder()).entryList({"*.jpg"}, QDir::Files).isEmpty());
 
-    PodDevice *device = CreatePodDevice(kSample);
+    PodDevice *device = CreatePodDevice(udid);
     TempDir work;
     QCOMPARE(InitDevice(device, work.path().c_str()), 0);
     plist_t list = GetMusicList(device, 0, 0);

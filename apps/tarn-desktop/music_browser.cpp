@@ -28,6 +28,8 @@ QListWidget *List(const QString &name, QWidget *parent) {
   return list;
 }
 
+// The keys of an older device's track items, which name no cover.
+constexpr uint32_t kMediaItemKeys = 10;
 // Pixels on the side of a cover in the albums list.
 constexpr int kIconSide = 48;
 // The role of an album item that holds its cover's device path.
@@ -83,10 +85,18 @@ std::shared_ptr<const MusicBrowser::Library> MusicBrowser::Index(SharedPlist mus
     if (album.title.isEmpty()) album.title = title;
     album.year = std::max<uint64_t>(album.year, DictUint(track, "year"));
     album.tracks.push_back(track);
-    // The album's cover is the first one a track of it names.
+    // The album's cover is the first one a track of it names. An older
+    // device's tracks name none (their items keep the ten keys of a media
+    // item): the library is asked for the cover of the album's first track,
+    // and answers whether there is one.
     if (album.artwork.isEmpty()) {
       album.artwork = DictString(track, "artwork");
-      if (!album.artwork.isEmpty()) album.artwork_track = DictUint(track, "id");
+      if (!album.artwork.isEmpty()) {
+        album.artwork_track = DictUint(track, "id");
+      } else if (plist_dict_get_size(track) == kMediaItemKeys) {
+        album.artwork_track = DictUint(track, "id");
+        album.artwork = QString("cover of track %1").arg(album.artwork_track);
+      }
     }
   }
   for (auto &[folded, entry] : by_artist) {

@@ -31,7 +31,8 @@ class MusicBrowser : public QWidget, public DevicePage {
     QString title;
     uint64_t year = 0;
     std::vector<plist_t> tracks;  // by disc and track number
-    QString artwork;              // the cover's device path, empty when no track names one
+    QString artwork;              // the cover's device path, or a name for the cover of an older
+                                  // device's track; empty when there is none to ask for
     uint64_t artwork_track = 0;   // a track whose cover that is
   };
   struct Artist {

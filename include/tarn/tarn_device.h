@@ -591,10 +591,8 @@ TARN_API plist_t GetRingtonesList(PodDevice *device, uint32_t reserved1, uint32_
 /**
  * Reads the track list of one media kind (0 music, 1 movies, 2 podcasts,
  * 3 TV shows, 4 audiobooks, 5 ringtones) from a host copy of iTunesCDB.
- * A track with a cover carries "artwork" after its other keys:
- * "/iTunes_Control/Artwork/ArtworkDB#N", N the number of its picture in
- * the device's artwork database (tracks sharing a picture share the name);
- * TarnCopyArtwork() copies it.
+ * Its items have the ten keys of a media item and no more: whether a track
+ * has a cover is TarnCopyArtwork()'s to answer.
  * @return A new track list result or NULL.
  */
 TARN_API plist_t ReadTrackDbTypeCdb(const char *path, uint32_t kind);

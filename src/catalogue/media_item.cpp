@@ -1,7 +1,5 @@
 #include "catalogue/media_item.h"
 
-#include <string>
-
 #include "common/helpers.h"
 #include "common/raii.h"
 #include "tarn/tarn_device.h"
@@ -43,11 +41,6 @@ plist_t MediaItemFromTrack(const Itdb_Track *track) {
   tarn::AddNoneValuePlistDictString(item, "genre", track->genre);
   plist_dict_set_item(item, "rating", plist_new_uint(track->rating));
   plist_dict_set_item(item, "plays", plist_new_uint(track->playcount));
-  // A track with a cover (libgpod's 1; 2 is none) names its picture in the
-  // artwork database; tracks sharing a cover share the name.
-  if (track->has_artwork == 1 && track->mhii_link != 0)
-    tarn::InsertPlistDictString(item, "artwork",
-                                ("/iTunes_Control/Artwork/ArtworkDB#" + std::to_string(track->mhii_link)).c_str());
   return item;
 }
 

@@ -362,8 +362,14 @@ class MediaTest : public QObject {
     QCOMPARE(InitDevice(device, work.path().c_str()), 0);
     plist_t list = GetMusicList(device, 0, 0);
     QVERIFY(list != nullptr);
+    // An older device's list names no covers: its covered albums are the
+    // ones the image was given covers for.
+    const nlohmann::json older = tarn::testing::load_description("ipod")["music"]["covers"];
     for (plist_t track : tarn::app::ArrayItems(tarn::app::DictArray(list, "item"))) {
-      if (tarn::app::DictString(track, "artwork").empty()) continue;
+      const bool named = !tarn::app::DictString(track, "artwork").empty();
+      const bool given = udid == std::string(kIpod) && older.contains(tarn::app::DictString(track, "album")) &&
+                         tarn::app::DictString(track, "path").starts_with("/iTunes_Control/Music/");
+      if (!named && !given) continue;
       std::string artist = tarn::app::Known(tarn::app::DictString(track, "album_artist"));
       if (artist.empty()) artist = tarn::app::DictString(track, "artist");
       covered.insert(QString::fromStdString(artist + "\n" + tarn::app::DictString(track, "album")));

@@ -18,6 +18,7 @@
 #include "common/error.h"
 #include "common/scratch_dir.h"
 #include "common/raii.h"
+#include "devicefs/stamp.h"
 #include "devicefs/transfer.h"
 #include "devicefs/walk.h"
 #include "musicdb/music_database.h"
@@ -36,28 +37,6 @@ constexpr uint64_t kLargestArtworkFile = 1ull << 30;
 constexpr const char *kArtworkFolder = "/iTunes_Control/Artwork";
 constexpr const char *kSysInfoExtended = "/iTunes_Control/Device/SysInfoExtended";
 
-// What the device says of one of its files: size and modification time as
-// it gives them (nanoseconds), or nothing when it has no such file.
-struct DeviceStamp {
-  bool exists = false;
-  uint64_t size = 0;
-  int64_t mtime_ns = 0;
-};
-
-DeviceStamp StampOf(afc_client_t client, const std::string &path) {
-  DeviceStamp stamp;
-  char **pairs = nullptr;
-  const afc_error_t err = afc_get_file_info(client, path.c_str(), &pairs);
-  const tarn::StrVec owned(pairs);
-  if (err != AFC_E_SUCCESS || pairs == nullptr) return stamp;
-  stamp.exists = true;
-  for (char **kv = pairs; kv[0] != nullptr && kv[1] != nullptr; kv += 2) {
-    if (std::strcmp(kv[0], "st_size") == 0) stamp.size = std::strtoull(kv[1], nullptr, 10);
-    if (std::strcmp(kv[0], "st_mtime") == 0) stamp.mtime_ns = std::strtoll(kv[1], nullptr, 10);
-  }
-  return stamp;
-}
-
 // Keeps the host copy `local` of the device file `device_path` as the
 // device has it: the copy carries the device's size and modification time,
 // so that a copy still matching both is used again without reading the
@@ -67,20 +46,22 @@ DeviceStamp StampOf(afc_client_t client, const std::string &path) {
 // that the device has no such file.
 bool KeepFresh(PodDevice *device, afc_client_t client, const std::string &device_path, const std::string &local,
                bool *absent) {
-  const DeviceStamp stamp = StampOf(client, device_path);
+  const tarn::DeviceStamp stamp = tarn::StampOf(client, device_path);
+  const uint64_t size = stamp.bytes();
+  const auto mtime_ns = static_cast<int64_t>(stamp.mtime_ns());
   *absent = !stamp.exists;
   if (!stamp.exists) return false;
   struct stat st {};
-  if (::stat(local.c_str(), &st) == 0 && static_cast<uint64_t>(st.st_size) == stamp.size &&
-      int64_t{st.st_mtim.tv_sec} * 1000000000 + st.st_mtim.tv_nsec == stamp.mtime_ns)
+  if (::stat(local.c_str(), &st) == 0 && static_cast<uint64_t>(st.st_size) == size &&
+      int64_t{st.st_mtim.tv_sec} * 1000000000 + st.st_mtim.tv_nsec == mtime_ns)
     return true;
   const tarn::ScratchDir scratch(local);
   if (scratch.path().empty()) return false;
   const std::string part = scratch.path() + "/file";
   if (!tarn::DownloadWhole(device, client, device_path.c_str(), part.c_str(), nullptr, kLargestArtworkFile))
     return false;
-  const struct timespec times[2] = {{stamp.mtime_ns / 1000000000, stamp.mtime_ns % 1000000000},
-                                    {stamp.mtime_ns / 1000000000, stamp.mtime_ns % 1000000000}};
+  const struct timespec times[2] = {{mtime_ns / 1000000000, mtime_ns % 1000000000},
+                                    {mtime_ns / 1000000000, mtime_ns % 1000000000}};
   if (::utimensat(AT_FDCWD, part.c_str(), times, 0) != 0 || std::rename(part.c_str(), local.c_str()) != 0) {
     tarn::SetHostError(errno, local.c_str());
     return false;

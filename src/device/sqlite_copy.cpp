@@ -16,6 +16,7 @@
 #include "common/number.h"
 #include "common/raii.h"
 #include "common/scratch_dir.h"
+#include "devicefs/stamp.h"
 #include "devicefs/transfer.h"
 
 namespace tarn {
@@ -30,34 +31,10 @@ constexpr int kAttempts = 3;
 // Beside the copy: the size and time of the device's files it was made from.
 constexpr const char *kSourceSuffix = ".tarn-source";
 
-struct DeviceFile {
-  bool exists = false;
-  std::string size, mtime;  // as the device says them; compared, never computed with
-  bool operator==(const DeviceFile &) const = default;
-};
-
-// Size and time of a device file, in the device's own resolution: a
-// change within the same second must still show.
-DeviceFile StateOf(afc_client_t client, const std::string &path) {
-  DeviceFile state;
-  char **pairs = nullptr;
-  if (afc_get_file_info(client, path.c_str(), &pairs) != AFC_E_SUCCESS || pairs == nullptr) {
-    if (pairs) afc_dictionary_free(pairs);
-    return state;
-  }
-  state.exists = true;
-  for (char **kv = pairs; kv[0] != nullptr && kv[1] != nullptr; kv += 2) {
-    if (std::strcmp(kv[0], "st_size") == 0) state.size = kv[1];
-    if (std::strcmp(kv[0], "st_mtime") == 0) state.mtime = kv[1];
-  }
-  afc_dictionary_free(pairs);
-  return state;
-}
-
 // What the copy depends on: the database and its log. The shared-memory
 // index changes with every reader on the phone and SQLite rebuilds it from
 // the log anyway, so it does not make a copy stale.
-std::string SourceRecord(const DeviceFile (&files)[3]) {
+std::string SourceRecord(const DeviceStamp (&files)[3]) {
   std::ostringstream out;
   for (int i = 0; i < 2; ++i) out << kSuffixes[i] << ' ' << files[i].exists << ' ' << files[i].size << ' ' << files[i].mtime << '\n';
   return out.str();
@@ -122,14 +99,14 @@ void WriteText(const std::string &path, const std::string &text) {
 }  // namespace
 
 bool HasWriteAheadLog(afc_client_t client, const char *device_path) {
-  return client != nullptr && device_path != nullptr && StateOf(client, std::string(device_path) + "-wal").exists;
+  return client != nullptr && device_path != nullptr && StampOf(client, std::string(device_path) + "-wal").exists;
 }
 
 bool CopyWalDatabase(PodDevice *device, afc_client_t client, const char *device_path, const std::string &local_path) {
   const std::string source = device_path;
   const std::string record_path = local_path + kSourceSuffix;
-  DeviceFile before[3];
-  for (int i = 0; i < 3; ++i) before[i] = StateOf(client, source + kSuffixes[i]);
+  DeviceStamp before[3];
+  for (int i = 0; i < 3; ++i) before[i] = StampOf(client, source + kSuffixes[i]);
   std::error_code ec;
   if (fs::exists(local_path, ec) && ReadText(record_path) == SourceRecord(before)) return true;
 
@@ -152,8 +129,8 @@ bool CopyWalDatabase(PodDevice *device, afc_client_t client, const char *device_
     }
     // A lost connection or a full disk will not go away by trying again.
     if (!copied) break;
-    DeviceFile after[3];
-    for (int i = 0; i < 3; ++i) after[i] = StateOf(client, source + kSuffixes[i]);
+    DeviceStamp after[3];
+    for (int i = 0; i < 3; ++i) after[i] = StampOf(client, source + kSuffixes[i]);
     const bool changed = SourceRecord(after) != SourceRecord(before);
     std::copy(std::begin(after), std::end(after), std::begin(before));
     if (changed) continue;

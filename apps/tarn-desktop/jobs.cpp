@@ -121,48 +121,53 @@ TransferResult RunCopies(const QString &udid, const QString &app, bool upload, c
   return result;
 }
 
-TransferResult RunExport(const QString &udid, const app::ExportRequest &request, Transfer::State &state) {
+// What an export and an import tell alike: the counts, the failures with
+// the first one's reason, `first_notes` before the batch's own, the files
+// below the folder, and `nothing_note` when the device listed nothing.
+template <class Report>
+TransferResult ResultOf(const Report &report, size_t skipped, const std::string &host_dir, const QStringList &first_notes,
+                        const QString &nothing_note) {
   TransferResult result;
+  result.copied = static_cast<int>(report.copied);
+  result.skipped = static_cast<int>(skipped);
+  result.bytes = report.bytes;
+  result.cancelled = report.cancelled;
+  for (const app::Failure &failure : report.failed) result.failed << Q(failure.message);
+  result.notes << first_notes;
+  for (const std::string &note : report.notes) result.notes << Q(note);
+  for (const std::string &rel : report.files) result.files << Q(host_dir + "/" + rel);
+  if (report.nothing_listed) result.notes << nothing_note;
+  if (!report.failed.empty()) result.reason = report.failed.front();
+  return result;
+}
+
+TransferResult RunExport(const QString &udid, const app::ExportRequest &request, Transfer::State &state) {
   try {
     app::Session session(SessionFor(udid), udid.toStdString());
     session.InitCatalogue();
     const app::ExportReport report = app::Export(session, request, HooksFor(state));
-    result.copied = static_cast<int>(report.copied);
-    result.skipped = static_cast<int>(report.skipped);
-    result.bytes = report.bytes;
-    result.cancelled = report.cancelled;
-    for (const app::Failure &failure : report.failed) result.failed << Q(failure.message);
-    for (const std::string &note : report.notes) result.notes << Q(note);
-    for (const std::string &rel : report.files) result.files << Q(request.host_dir + "/" + rel);
-    if (report.nothing_listed) result.notes << QObject::tr("nothing of this kind on the device");
-    if (!report.failed.empty()) result.reason = report.failed.front();
+    return ResultOf(report, report.skipped, request.host_dir, {}, QObject::tr("nothing of this kind on the device"));
   } catch (const app::Failure &failure) {
+    TransferResult result;
     result.reason = failure;
+    return result;
   }
-  return result;
 }
 
 TransferResult RunImport(const QString &udid, const app::ImportRequest &request, Transfer::State &state) {
-  TransferResult result;
   try {
     app::Session session(SessionFor(udid), udid.toStdString());
     session.InitCatalogue();
     const app::ImportReport report = app::ImportPhotos(session, request, HooksFor(state));
-    result.copied = static_cast<int>(report.copied);
-    result.skipped = static_cast<int>(report.already);
-    result.bytes = report.bytes;
-    result.cancelled = report.cancelled;
-    for (const app::Failure &failure : report.failed) result.failed << Q(failure.message);
-    if (report.converted > 0) result.notes << QObject::tr("%n converted to JPEG", nullptr, static_cast<int>(report.converted));
-    if (report.in_cloud > 0) result.notes << QObject::tr("%n only in iCloud", nullptr, static_cast<int>(report.in_cloud));
-    for (const std::string &note : report.notes) result.notes << Q(note);
-    for (const std::string &rel : report.files) result.files << Q(request.host_dir + "/" + rel);
-    if (report.nothing_listed) result.notes << QObject::tr("no camera roll on the device");
-    if (!report.failed.empty()) result.reason = report.failed.front();
+    QStringList first;
+    if (report.converted > 0) first << QObject::tr("%n converted to JPEG", nullptr, static_cast<int>(report.converted));
+    if (report.in_cloud > 0) first << QObject::tr("%n only in iCloud", nullptr, static_cast<int>(report.in_cloud));
+    return ResultOf(report, report.already, request.host_dir, first, QObject::tr("no camera roll on the device"));
   } catch (const app::Failure &failure) {
+    TransferResult result;
     result.reason = failure;
+    return result;
   }
-  return result;
 }
 
 }  // namespace

@@ -62,11 +62,11 @@ bool KeepFresh(PodDevice *device, afc_client_t client, const std::string &device
     return false;
   const struct timespec times[2] = {{mtime_ns / 1000000000, mtime_ns % 1000000000},
                                     {mtime_ns / 1000000000, mtime_ns % 1000000000}};
-  if (::utimensat(AT_FDCWD, part.c_str(), times, 0) != 0 || std::rename(part.c_str(), local.c_str()) != 0) {
-    tarn::SetHostError(errno, local.c_str());
+  if (::utimensat(AT_FDCWD, part.c_str(), times, 0) != 0) {
+    tarn::SetHostError(errno, part.c_str());
     return false;
   }
-  return true;
+  return tarn::ScratchDir::Place(part, local);
 }
 
 // Writes `bytes` whole to host_path through a scratch file renamed over it.
@@ -82,11 +82,7 @@ bool WriteWhole(const char *host_path, const gchar *bytes, gsize length) {
       return false;
     }
   }
-  if (std::rename(part.c_str(), host_path) != 0) {
-    tarn::SetHostError(errno, host_path);
-    return false;
-  }
-  return true;
+  return tarn::ScratchDir::Place(part, host_path);
 }
 
 // An older device's cover: the track's artwork in the device's artwork
@@ -182,13 +178,8 @@ bool CopyArtwork(PodDevice *device, uint64_t track_id, const char *host_path) {
   if (!library) {
     // An older device: the compressed music database InitDevice copied (the
     // one the music list reads), and the covers of its artwork database.
-    std::string database;
-    tarn::WalkDbFiles(device, "TrackDb", [&](uint64_t type, const char *device_path) {
-      if (type != tarn::kTrackDbCdb) return false;
-      database = tarn::LocalCopyPath(device, device_path);
-      return true;
-    }, false);
-    if (!database.empty()) return CopyOlderArtwork(device, track_id, host_path, database);
+    if (const auto database = tarn::TrackDbCopy(device, tarn::kTrackDbCdb))
+      return CopyOlderArtwork(device, track_id, host_path, *database);
     tarn::SetError(TARN_E_DATABASE_ABSENT,
                    "The device has no music library (MediaLibrary.sqlitedb or iTunesCDB) copied by InitDevice "
                    "that names artwork.");
@@ -214,13 +205,8 @@ bool CopyArtwork(PodDevice *device, uint64_t track_id, const char *host_path) {
   const tarn::ScratchDir scratch(host_path);
   if (scratch.path().empty()) return false;
   const std::string part = scratch.path() + "/artwork";
-  if (!tarn::DownloadWhole(device, call.afc(), device_path.c_str(), part.c_str(), nullptr, kLargestArtwork))
-    return false;
-  if (std::rename(part.c_str(), host_path) != 0) {
-    tarn::SetHostError(errno, host_path);
-    return false;
-  }
-  return true;
+  return tarn::DownloadWhole(device, call.afc(), device_path.c_str(), part.c_str(), nullptr, kLargestArtwork) &&
+         tarn::ScratchDir::Place(part, host_path);
 }
 
 }  // namespace

@@ -39,15 +39,17 @@ bool WalkDbFiles(const PodDevice *device, const char *kind, const DbFileVisitor 
   return true;
 }
 
-std::optional<std::string> MediaLibraryCopy(const PodDevice *device) {
+std::optional<std::string> TrackDbCopy(const PodDevice *device, uint64_t type) {
   std::optional<std::string> copy;
-  WalkDbFiles(device, "TrackDb", [&](uint64_t type, const char *device_path) {
-    if (type != kTrackDbMediaLibrary) return false;
+  WalkDbFiles(device, "TrackDb", [&](uint64_t listed, const char *device_path) {
+    if (listed != type) return false;
     copy = LocalCopyPath(device, device_path);
     return true;
   }, false);
   return copy;
 }
+
+std::optional<std::string> MediaLibraryCopy(const PodDevice *device) { return TrackDbCopy(device, kTrackDbMediaLibrary); }
 
 std::string LocalCopyPath(const PodDevice *device, const char *device_path) {
   std::string local = device && device->hostDir ? device->hostDir : "";

@@ -57,6 +57,9 @@ bool WalkDbEntry(plist_t entry, const DbFileVisitor &visit);
 // TARN_E_DATABASE_ABSENT unless the caller has another way (required false).
 bool WalkDbFiles(const PodDevice *device, const char *kind, const DbFileVisitor &visit, bool required = true);
 
+// The host path of the local copy of the music entry's database of `type`
+// (kTrackDbCdb, ...) when the entry lists one; nothing otherwise.
+std::optional<std::string> TrackDbCopy(const PodDevice *device, uint64_t type);
 // The host path of the local copy of the phone's music library
 // (MediaLibrary.sqlitedb) when the handle's music entry lists one. Such a
 // phone's catalogue is that library: callers read it instead of the older

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
@@ -32,6 +33,14 @@ class ScratchDir {
   ScratchDir(const ScratchDir &) = delete;
   ScratchDir &operator=(const ScratchDir &) = delete;
   const std::string &path() const { return path_; }
+
+  // Renames `made`, a file made in here, over `target`; false, with the
+  // reason recorded, when it cannot be.
+  static bool Place(const std::string &made, const std::string &target) {
+    if (std::rename(made.c_str(), target.c_str()) == 0) return true;
+    SetHostError(errno, target.c_str());
+    return false;
+  }
 
  private:
   std::string path_;

@@ -80,20 +80,18 @@ bool FoldLog(const std::string &path) {
 }
 
 void WriteText(const std::string &path, const std::string &text) {
-  const std::string temporary = path + ".tmp";
+  const ScratchDir scratch(path);
+  if (scratch.path().empty()) return;
+  const std::string made = scratch.path() + "/" + fs::path(path).filename().string();
   {
-    std::ofstream out(temporary, std::ios::trunc);
+    std::ofstream out(made, std::ios::trunc);
     out << text;
     if (!out.flush()) {
-      SetHostError(errno, temporary.c_str());
-      std::remove(temporary.c_str());
+      SetHostError(errno, made.c_str());
       return;
     }
   }
-  if (std::rename(temporary.c_str(), path.c_str()) != 0) {
-    SetHostError(errno, path.c_str());
-    std::remove(temporary.c_str());
-  }
+  ScratchDir::Place(made, path);
 }
 
 }  // namespace
@@ -138,10 +136,7 @@ bool CopyWalDatabase(PodDevice *device, afc_client_t client, const char *device_
       const KeepReason quiet;
       if (!FoldLog(copy)) continue;
     }
-    if (std::rename(copy.c_str(), local_path.c_str()) != 0) {
-      SetHostError(errno, local_path.c_str());
-      break;
-    }
+    if (!ScratchDir::Place(copy, local_path)) break;
     WriteText(record_path, SourceRecord(after));
     return true;
   }

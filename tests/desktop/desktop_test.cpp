@@ -79,14 +79,7 @@ class DesktopTest : public QObject {
 
   QTreeWidgetItem *SidebarItem(const QString &udid) { return window_->DeviceItem(udid); }
 
-  void Choose(const char *udid) {
-    QSignalSpy opened(window_.get(), &MainWindow::DeviceOpened);
-    QTRY_VERIFY(SidebarItem(udid) != nullptr);
-    if (window_->udid() == udid && window_->opened()) return;
-    window_->devices()->setCurrentItem(SidebarItem(udid));
-    QTRY_VERIFY_WITH_TIMEOUT(!opened.isEmpty(), 60000);
-    QVERIFY(opened.last().at(1).toBool());
-  }
+  void Choose(const char *udid) { ChooseDevice(*window_, udid); }
 
   // Opens the device again with `option` set and waits for its state page.
   void ReopenIn(const char *udid, const char *key, const char *value, tarn::app::DeviceState state) {

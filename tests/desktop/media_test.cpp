@@ -56,14 +56,7 @@ class MediaTest : public QObject {
   std::unique_ptr<MainWindow> window_;
   fs::path media_;
 
-  void Choose(const char *udid) {
-    QSignalSpy opened(window_.get(), &MainWindow::DeviceOpened);
-    QTRY_VERIFY_WITH_TIMEOUT(window_->DeviceItem(udid) != nullptr, 20000);
-    if (window_->udid() == udid && window_->opened()) return;
-    window_->devices()->setCurrentItem(window_->DeviceItem(udid));
-    QTRY_VERIFY_WITH_TIMEOUT(!opened.isEmpty(), 60000);
-    QVERIFY(opened.last().at(1).toBool());
-  }
+  void Choose(const char *udid) { ChooseDevice(*window_, udid); }
 
   PhotosPage *ShowPhotos() {
     PhotosPage *page = window_->photos();

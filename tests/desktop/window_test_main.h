@@ -1,7 +1,8 @@
-// What every test program that drives the window does before its cases
-// run: broken pipes that fail instead of ending the program, the offscreen
-// platform, one time zone, settings and caches in a private place, and the
-// library's console lines kept out of QTest's report.
+// What every test program that drives the window shares: choosing a
+// device, and what it does before its cases run (broken pipes that fail
+// instead of ending the program, the offscreen platform, one time zone,
+// settings and caches in a private place, and the library's console lines
+// kept out of QTest's report).
 #pragma once
 
 #include <pthread.h>
@@ -9,13 +10,25 @@
 #include <unistd.h>
 
 #include <QApplication>
+#include <QSignalSpy>
 #include <QtTest>
 
 #include <cstdio>
 #include <ctime>
 
 #include "apps/common/session.h"
+#include "main_window.h"
 #include "test_util.h"
+
+// Chooses the device in the window's sidebar and waits until it opened.
+inline void ChooseDevice(tarn::desktop::MainWindow &window, const char *udid) {
+  QSignalSpy opened(&window, &tarn::desktop::MainWindow::DeviceOpened);
+  QTRY_VERIFY_WITH_TIMEOUT(window.DeviceItem(udid) != nullptr, 20000);
+  if (window.udid() == udid && window.opened()) return;
+  window.devices()->setCurrentItem(window.DeviceItem(udid));
+  QTRY_VERIFY_WITH_TIMEOUT(!opened.isEmpty(), 60000);
+  QVERIFY(opened.last().at(1).toBool());
+}
 
 template <class Test>
 int RunWindowTest(int argc, char **argv, const char *name) {

@@ -1,6 +1,7 @@
 #include "thumbnails.h"
 
 #include <algorithm>
+#include <atomic>
 
 #include <QBuffer>
 #include <QCryptographicHash>
@@ -75,8 +76,15 @@ void ThumbnailCache::SetDevice(const std::shared_ptr<DeviceLink> &link) {
   fetching_ = decoding_ = 0;
   const QString root = QStandardPaths::writableLocation(QStandardPaths::CacheLocation) + "/thumbnails";
   folder_ = link ? root + '/' + link->udid() : QString();
-  // Kept within its limit once per device chosen, off the window's thread.
-  if (link) decoders_.start([root] { Prune(root, kDiskLimit); });
+  // Kept within its limit when a device is chosen, off the window's thread.
+  // The photo grid and the music browser each keep a cache over the same
+  // folder and are told of the device together: the folder is walked once
+  // for both, not again within a minute.
+  static std::atomic<qint64> last_prune{0};
+  const qint64 now = QDateTime::currentMSecsSinceEpoch();
+  qint64 before = last_prune.load();
+  if (link && now - before > 60000 && last_prune.compare_exchange_strong(before, now))
+    decoders_.start([root] { Prune(root, kDiskLimit); });
 }
 
 int ThumbnailCache::Prune(const QString &root, qint64 limit) {

@@ -9,8 +9,13 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <list>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <system_error>
+#include <utility>
+#include <vector>
 
 #include "catalogue/catalogue.h"
 #include "common/connection.h"
@@ -85,6 +90,44 @@ bool WriteWhole(const char *host_path, const gchar *bytes, gsize length) {
   return tarn::ScratchDir::Place(part, host_path);
 }
 
+// The host file's size and modification time, with its name.
+std::string HostStamp(const std::string &path) {
+  struct stat st {};
+  if (::stat(path.c_str(), &st) != 0) return path + " -\n";
+  return path + " " + std::to_string(st.st_size) + " " + std::to_string(st.st_mtim.tv_sec) + "." +
+         std::to_string(st.st_mtim.tv_nsec) + "\n";
+}
+
+// The covers read from the music database `database` and the artwork in
+// `files`, read once and kept while none of those host copies changes. A
+// window asks for covers an album at a time, a few dozen in sight, and
+// every reading parses the whole music database (about 0.4 s for 50,000
+// tracks): kept, each cover after the first costs the device's answer that
+// its files are as they were, and the PNG. The two most recent are kept,
+// for a program that shows two devices.
+std::shared_ptr<const tarn::TrackCovers> KeptCovers(const std::string &database, const tarn::DeviceArtwork &artwork,
+                                                    const std::vector<std::string> &files) {
+  static std::mutex mutex;
+  static std::list<std::pair<std::string, std::shared_ptr<const tarn::TrackCovers>>> kept;
+  std::string key = HostStamp(database);
+  for (const std::string &file : files) key += HostStamp(file);
+  {
+    const std::lock_guard<std::mutex> lock(mutex);
+    for (auto at = kept.begin(); at != kept.end(); ++at) {
+      if (at->first != key) continue;
+      kept.splice(kept.begin(), kept, at);
+      return kept.front().second;
+    }
+  }
+  // Read outside the lock: another device's covers need not wait for it.
+  std::shared_ptr<const tarn::TrackCovers> covers = tarn::TrackCovers::Read(database.c_str(), artwork);
+  if (!covers) return nullptr;
+  const std::lock_guard<std::mutex> lock(mutex);
+  kept.emplace_front(std::move(key), covers);
+  if (kept.size() > 2) kept.pop_back();
+  return covers;
+}
+
 // An older device's cover: the track's artwork in the device's artwork
 // database, as libgpod reads it with the formats the device's
 // SysInfoExtended names, encoded as PNG. The few files this needs are read
@@ -110,63 +153,55 @@ bool CopyOlderArtwork(PodDevice *device, uint64_t track_id, const char *host_pat
                                            "/ArtworkDB): none of its tracks has a cover.");
     return false;
   }
+  std::vector<std::string> artwork_files{cache + "/ArtworkDB"};
   const tarn::StrVec names = tarn::ListDirectory(call.afc(), kArtworkFolder);
   for (char **name = names.get(); name != nullptr && *name != nullptr; ++name) {
     const std::string n = *name;
     if (!tarn::IsWalkableName(*name) || n.size() < 7 || n.compare(n.size() - 6, 6, ".ithmb") != 0) continue;
-    if (!KeepFresh(device, call.afc(), std::string(kArtworkFolder) + "/" + n, cache + "/" + n, &absent) && !absent)
+    if (KeepFresh(device, call.afc(), std::string(kArtworkFolder) + "/" + n, cache + "/" + n, &absent))
+      artwork_files.push_back(cache + "/" + n);
+    else if (!absent)
       return false;
   }
   tarn::DeviceArtwork artwork{cache, ""};
-  if (KeepFresh(device, call.afc(), kSysInfoExtended, cache + "/SysInfoExtended", &absent))
+  if (KeepFresh(device, call.afc(), kSysInfoExtended, cache + "/SysInfoExtended", &absent)) {
     artwork.sysinfo_extended = cache + "/SysInfoExtended";
-  else if (!absent)
+    artwork_files.push_back(artwork.sysinfo_extended);
+  } else if (!absent) {
     return false;
+  }
 
-  bool found = false, copied = false;
-  const bool parsed = tarn::ParseWithArtwork(database.c_str(), artwork, [&](Itdb_iTunesDB *db) {
-    for (GList *t = db->tracks; t != nullptr; t = t->next) {
-      auto *track = static_cast<Itdb_Track *>(t->data);
-      if (track->id != track_id) continue;
-      found = true;
-      // 1 is libgpod's "has artwork" (2 none): such a track without a
-      // thumbnail means an artwork database libgpod could not read.
-      const bool named = track->has_artwork == 1;
-      if (!itdb_track_has_thumbnails(track)) {
-        if (named)
-          tarn::SetError(TARN_E_DATABASE_UNREADABLE,
-                         "The track " + std::to_string(track_id) +
-                             " has a cover, but the device's artwork database or the formats it names could not be "
-                             "read.");
-        else
-          tarn::SetError(TARN_E_NOT_FOUND, "The track " + std::to_string(track_id) + " has no cover.");
-        return;
-      }
-      // The largest size the device keeps (-1, -1).
-      const tarn::GObjectPtr<GdkPixbuf> pixbuf(static_cast<GdkPixbuf *>(itdb_track_get_thumbnail(track, -1, -1)));
-      if (!pixbuf) {
-        tarn::SetError(TARN_E_DATABASE_UNREADABLE, "The cover of the track " + std::to_string(track_id) +
-                                                       " could not be read from the device's artwork files.");
-        return;
-      }
-      gchar *raw = nullptr;
-      gsize length = 0;
-      GError *error = nullptr;
-      const gboolean saved = gdk_pixbuf_save_to_buffer(pixbuf.get(), &raw, &length, "png", &error, nullptr);
-      const tarn::GErrorPtr owned_error(error);
-      const std::unique_ptr<gchar, decltype(&g_free)> bytes(raw, &g_free);
-      if (!saved) {
-        tarn::SetError(TARN_E_HOST_IO, std::string("The cover could not be encoded as PNG: ") +
-                                        (error ? error->message : "unknown reason"));
-        return;
-      }
-      copied = WriteWhole(host_path, bytes.get(), length);
-      return;
-    }
-  });
-  if (!parsed) return false;
-  if (!found) tarn::SetError(TARN_E_NOT_FOUND, "The music database holds no track " + std::to_string(track_id) + ".");
-  return copied;
+  const std::shared_ptr<const tarn::TrackCovers> covers = KeptCovers(database, artwork, artwork_files);
+  if (!covers) return false;
+  tarn::GObjectPtr<GdkPixbuf> pixbuf;
+  switch (covers->Find(track_id, &pixbuf)) {
+    case tarn::TrackCovers::Cover::kNoSuchTrack:
+      tarn::SetError(TARN_E_NOT_FOUND, "The music database holds no track " + std::to_string(track_id) + ".");
+      return false;
+    case tarn::TrackCovers::Cover::kNone:
+      tarn::SetError(TARN_E_NOT_FOUND, "The track " + std::to_string(track_id) + " has no cover.");
+      return false;
+    case tarn::TrackCovers::Cover::kUnreadable:
+      tarn::SetError(TARN_E_DATABASE_UNREADABLE,
+                     "The track " + std::to_string(track_id) +
+                         " has a cover, but the device's artwork database or the formats it names could not be "
+                         "read.");
+      return false;
+    case tarn::TrackCovers::Cover::kPicture:
+      break;
+  }
+  gchar *raw = nullptr;
+  gsize length = 0;
+  GError *error = nullptr;
+  const gboolean saved = gdk_pixbuf_save_to_buffer(pixbuf.get(), &raw, &length, "png", &error, nullptr);
+  const tarn::GErrorPtr owned_error(error);
+  const std::unique_ptr<gchar, decltype(&g_free)> bytes(raw, &g_free);
+  if (!saved) {
+    tarn::SetError(TARN_E_HOST_IO, std::string("The cover could not be encoded as PNG: ") +
+                                    (error ? error->message : "unknown reason"));
+    return false;
+  }
+  return WriteWhole(host_path, bytes.get(), length);
 }
 
 bool CopyArtwork(PodDevice *device, uint64_t track_id, const char *host_path) {

@@ -28,12 +28,12 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <system_error>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 #include "common/error.h"
@@ -115,6 +115,14 @@ class PlainDatabaseLayout {
   }
 
   int fd() const { return fd_; }
+
+  // Gives back the inflated database once libgpod has parsed it; the rest
+  // of the layout (the links to the artwork) stays for the covers' pixels.
+  void DropDatabase() {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+    ::unlink(database_.c_str());
+  }
 
  private:
   std::string root_, itunes_, database_, artwork_, device_;
@@ -351,11 +359,13 @@ bool ArtworkFileIsSound(const std::string &path) {
 }
 
 // The parse proper; m_itdb_parse_file records why it gave nothing. With
-// `artwork`, libgpod also reads the device's artwork database, and
-// `while_laid_out` sees the parse while the .ithmb files are still within
-// libgpod's reach (it reads a cover's pixels only when one is asked for).
+// `artwork`, libgpod also reads the device's artwork database, and the
+// layout is handed to `keep` instead of being removed: libgpod reads a
+// cover's pixels only when one is asked for, through the layout's links to
+// the .ithmb files, so the parse's device needs it for as long as covers
+// are read.
 Itdb_iTunesDB *ParseMusicDatabase(const char *path, GError **error, const tarn::DeviceArtwork *artwork = nullptr,
-                                  const std::function<void(Itdb_iTunesDB *)> *while_laid_out = nullptr) {
+                                  std::shared_ptr<void> *keep = nullptr) {
   // A missing file is no database; libgpod would otherwise say so less
   // clearly.
   if (!g_file_test(path, G_FILE_TEST_IS_REGULAR)) {
@@ -367,7 +377,8 @@ Itdb_iTunesDB *ParseMusicDatabase(const char *path, GError **error, const tarn::
   // artwork folder in the layout and leak the name it looked for. The
   // tracks then read as having covers that cannot be found.
   if (artwork != nullptr && !ArtworkFileIsSound(artwork->folder + "/ArtworkDB")) artwork = nullptr;
-  PlainDatabaseLayout layout(artwork);
+  auto owned_layout = std::make_shared<PlainDatabaseLayout>(artwork);
+  PlainDatabaseLayout &layout = *owned_layout;
   if (!layout.ok()) {
     g_set_error(error, G_FILE_ERROR, G_FILE_ERROR_FAILED, "cannot prepare a parse of %s", path);
     return nullptr;
@@ -415,9 +426,13 @@ Itdb_iTunesDB *ParseMusicDatabase(const char *path, GError **error, const tarn::
     track->chapterdata = next->data.release();
     ++next;
   }
-  if (while_laid_out != nullptr) (*while_laid_out)(db);
-  // The layout is gone once we return: the database must not point at it.
-  itdb_set_mountpoint(db, nullptr);
+  if (keep != nullptr) {
+    layout.DropDatabase();
+    *keep = std::move(owned_layout);
+  } else {
+    // The layout is gone once we return: the database must not point at it.
+    itdb_set_mountpoint(db, nullptr);
+  }
   g_free(db->filename);
   db->filename = g_strdup(path);
   return db;
@@ -443,13 +458,59 @@ Itdb_iTunesDB *m_itdb_parse_file(const char *path, GError **error) {
   return db;
 }
 
-bool ParseWithArtwork(const char *path, const DeviceArtwork &artwork,
-                      const std::function<void(Itdb_iTunesDB *)> &use) {
+std::shared_ptr<const TrackCovers> TrackCovers::Read(const char *path, const DeviceArtwork &artwork) {
   GError *error = nullptr;
-  ItdbPtr db(ParseMusicDatabase(path, &error, &artwork, &use));
+  std::shared_ptr<void> layout;
+  ItdbPtr db(ParseMusicDatabase(path, &error, &artwork, &layout));
   const GErrorPtr owned(error);
-  if (!db) tarn::SetDatabaseError(path, error ? error->message : "");
-  return db != nullptr;
+  if (!db) {
+    tarn::SetDatabaseError(path, error ? error->message : "");
+    return nullptr;
+  }
+  std::shared_ptr<TrackCovers> covers(new TrackCovers);
+  covers->layout_ = std::move(layout);
+  // The cover formats the pixels are read by belong to the parse's device:
+  // it is taken from the parse (which frees an empty one in its place).
+  covers->device_ = db->device;
+  db->device = itdb_device_new();
+  // Tracks of one album name one picture (mhii_link); it is kept once.
+  std::unordered_map<guint32, size_t> by_link;
+  for (GList *t = db->tracks; t != nullptr; t = t->next) {
+    auto *track = static_cast<Itdb_Track *>(t->data);
+    Entry entry;
+    if (itdb_track_has_thumbnails(track)) {
+      const auto [at, added] = by_link.try_emplace(track->mhii_link, covers->pictures_.size());
+      if (added || track->mhii_link == 0) {
+        at->second = covers->pictures_.size();
+        covers->pictures_.emplace_back(itdb_artwork_duplicate(track->artwork));
+      }
+      entry = {Cover::kPicture, at->second};
+    } else {
+      // 1 is libgpod's "has artwork" (2 none): such a track without a
+      // thumbnail means an artwork database libgpod could not read.
+      entry.cover = track->has_artwork == 1 ? Cover::kUnreadable : Cover::kNone;
+    }
+    covers->tracks_.emplace(track->id, entry);
+  }
+  return covers;
+}
+
+TrackCovers::~TrackCovers() {
+  pictures_.clear();
+  if (device_ != nullptr) itdb_device_free(device_);
+}
+
+TrackCovers::Cover TrackCovers::Find(uint64_t track_id, GObjectPtr<GdkPixbuf> *picture) const {
+  const auto found = tracks_.find(track_id);
+  if (found == tracks_.end()) return Cover::kNoSuchTrack;
+  if (found->second.cover != Cover::kPicture) return found->second.cover;
+  // libgpod's reading of the pixels is not known to be safe from two
+  // threads at once over one device.
+  const std::lock_guard<std::mutex> lock(mutex_);
+  // The largest size the device keeps (-1, -1).
+  picture->reset(
+      static_cast<GdkPixbuf *>(itdb_artwork_get_pixbuf(device_, pictures_[found->second.picture].get(), -1, -1)));
+  return *picture ? Cover::kPicture : Cover::kUnreadable;
 }
 
 }  // namespace tarn

@@ -2,13 +2,20 @@
 // music database.
 #pragma once
 
-#include <functional>
+#include <cstdint>
 #include <map>
+#include <memory>
+#include <mutex>
 #include <string>
+#include <unordered_map>
+#include <vector>
 
 #include <gpod/itdb.h>
 
 #include "common/raii.h"
+
+// As gdk-pixbuf declares it; the pictures are only handed on from here.
+typedef struct _GdkPixbuf GdkPixbuf;
 
 namespace tarn {
 
@@ -60,13 +67,44 @@ struct DeviceArtwork {
   std::string sysinfo_extended;
 };
 
-// Parses the compressed music database at `path` together with the
-// device's artwork, and hands the parse to `use` while libgpod can still
-// read the covers' pixels (itdb_track_get_thumbnail). False, with the
-// reason recorded, when the file is no music database; an artwork database
-// libgpod cannot read leaves the tracks without covers.
-bool ParseWithArtwork(const char *path, const DeviceArtwork &artwork,
-                      const std::function<void(Itdb_iTunesDB *)> &use);
+// The covers of an older device's tracks, from one parse of its music
+// database with its artwork database, kept for every cover asked of it
+// afterwards. libgpod reads a cover's pixels only when one is asked for,
+// from the .ithmb files, by the formats of the device it parsed them with;
+// so the covers keep that device, the layout that reaches the files, and of
+// the tracks only which picture each has (a whole library's parse would
+// cost tens of MiB).
+class TrackCovers {
+ public:
+  enum class Cover { kNoSuchTrack, kNone, kUnreadable, kPicture };
+
+  // Null, with the reason recorded, when the file is no music database; an
+  // artwork database libgpod cannot read leaves every track's cover
+  // unreadable.
+  static std::shared_ptr<const TrackCovers> Read(const char *path, const DeviceArtwork &artwork);
+  ~TrackCovers();
+  TrackCovers(const TrackCovers &) = delete;
+  TrackCovers &operator=(const TrackCovers &) = delete;
+
+  // The track's cover at the largest size the device keeps, into *picture
+  // when the answer is kPicture.
+  Cover Find(uint64_t track_id, GObjectPtr<GdkPixbuf> *picture) const;
+
+ private:
+  TrackCovers() = default;
+  struct ArtworkFree {
+    void operator()(Itdb_Artwork *a) const { if (a) itdb_artwork_free(a); }
+  };
+  struct Entry {
+    Cover cover = Cover::kNone;
+    size_t picture = 0;
+  };
+  std::shared_ptr<void> layout_;
+  Itdb_Device *device_ = nullptr;
+  std::vector<std::unique_ptr<Itdb_Artwork, ArtworkFree>> pictures_;
+  std::unordered_map<uint64_t, Entry> tracks_;
+  mutable std::mutex mutex_;
+};
 
 // Parses a music database file with libgpod, recording why it gave nothing.
 Itdb_iTunesDB *m_itdb_parse_file(const char *path, GError **error);

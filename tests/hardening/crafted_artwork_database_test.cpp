@@ -35,20 +35,21 @@ class CraftedArtworkDatabase : public ::testing::Test {
     database = media + "/iTunes/iTunesCDB";
     original = ReadAll(artwork.folder + "/ArtworkDB");
   }
-  // The parse with the artwork as it now is: how many tracks give a cover
+  // The covers with the artwork as it now is: how many tracks give one
   // (each read to its pixels), or -1 when there is no database.
   int Covers() {
-    int covers = 0;
-    const bool parsed = tarn::ParseWithArtwork(database.c_str(), artwork, [&](Itdb_iTunesDB *db) {
-      for (GList *t = db->tracks; t != nullptr; t = t->next) {
-        auto *track = static_cast<Itdb_Track *>(t->data);
-        if (!itdb_track_has_thumbnails(track)) continue;
-        std::unique_ptr<GdkPixbuf, decltype(&g_object_unref)> pixbuf(
-            static_cast<GdkPixbuf *>(itdb_track_get_thumbnail(track, -1, -1)), &g_object_unref);
-        if (pixbuf) ++covers;
+    const auto covers = tarn::TrackCovers::Read(database.c_str(), artwork);
+    if (!covers) return -1;
+    const tarn::ItdbPtr db(tarn::m_itdb_parse_file(database.c_str(), nullptr));
+    int found = 0;
+    for (GList *t = db->tracks; t != nullptr; t = t->next) {
+      tarn::GObjectPtr<GdkPixbuf> pixbuf;
+      if (covers->Find(static_cast<Itdb_Track *>(t->data)->id, &pixbuf) == tarn::TrackCovers::Cover::kPicture) {
+        EXPECT_TRUE(pixbuf);
+        ++found;
       }
-    });
-    return parsed ? covers : -1;
+    }
+    return found;
   }
   void Write(const std::string &bytes) { WriteAll(artwork.folder + "/ArtworkDB", bytes); }
 

@@ -294,5 +294,26 @@ TEST_F(OlderArtworkTest, AChangedArtworkDatabaseIsReadAgainAndADamagedOneGivesAR
   ExpectIdle("after the copies");
 }
 
+TEST_F(OlderArtworkTest, ANewMusicDatabaseIsReadAgainThoughTheArtworkStaysAsItWas) {
+  uint64_t id = 0;
+  for (const auto &[album, track] : Covered()) id = std::max(id, track);
+  ASSERT_EQ(Copy(id, host("cover")), 0) << TarnLastError()->message;
+  // A library of one track written over the music database, the artwork
+  // files left as they were: only the music database tells that the track
+  // is gone. An older device's copy is kept as long as it exists, so the
+  // host copy is removed for InitDevice to make a new one.
+  json small = tarn::testing::load_description("ipod");
+  small["music"].erase("covers");
+  small["music"]["generate"]["tracks"] = 1;
+  tarn::testing::build_image(small, dir.path() + "/small");
+  fs::copy_file(dir.path() + "/small/media/iTunes_Control/iTunes/iTunesCDB", media("/iTunes_Control/iTunes/iTunesCDB"),
+                fs::copy_options::overwrite_existing);
+  fs::remove(work() + "/iTunesCDB");
+  ASSERT_EQ(Quiet([&] { return InitDevice(device, work().c_str()); }), 0) << TarnLastError()->message;
+  EXPECT_EQ(Copy(id, host("cover")), 1);
+  EXPECT_EQ(TarnLastError()->code, TARN_E_NOT_FOUND) << TarnLastError()->message;
+  EXPECT_NE(std::string(TarnLastError()->message).find("holds no track"), std::string::npos);
+}
+
 }  // namespace
 }  // namespace tarn_catalogue_test

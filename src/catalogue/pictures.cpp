@@ -74,8 +74,8 @@ std::string PictureTime(int32_t seconds) {
   return time ? time.get() : "";
 }
 
-bool AppendPictureItem(plist_t items, const char *path, char *const *info, uint64_t *total) {
-  if (info == nullptr || info[TARN_INFO_SIZE] == nullptr) return false;
+void AppendPictureItem(plist_t items, const char *path, char *const *info, uint64_t *total) {
+  if (info == nullptr || info[TARN_INFO_SIZE] == nullptr) return;
   const uint64_t size = tarn::DeviceNumber(info[TARN_INFO_SIZE]);
   const int32_t mtime = static_cast<int32_t>(tarn::DeviceNumber(info[TARN_INFO_MTIME]));
   plist_t item = plist_new_dict();
@@ -84,7 +84,6 @@ bool AppendPictureItem(plist_t items, const char *path, char *const *info, uint6
   tarn::InsertPlistDictString(item, "path", path);
   tarn::InsertPlistDictString(item, "time", PictureTime(mtime).c_str());
   *total += size;
-  return true;
 }
 
 }  // namespace tarn

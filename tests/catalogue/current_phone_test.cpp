@@ -158,6 +158,8 @@ TEST_F(CatalogueTest, VoiceMemosAndBooksOutOfReachSaySoInsteadOfLookingEmpty) {
   Plist memos(Quiet([&] { return GetRecordingList(device, 0, 0); }));
   ASSERT_TRUE(memos);
   EXPECT_EQ(Column(memos.get(), "title"), std::vector<std::string>{"Memo"});
+  EXPECT_EQ(Uint(memos.get(), "number"), 1u);
+  EXPECT_EQ(Uint(memos.get(), "total"), 9u);
 }
 
 json Photos(const char *ios) {

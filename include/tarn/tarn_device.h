@@ -659,7 +659,10 @@ TARN_API plist_t ReadPlaylistDbTypeSQLITE(const char *path);
  * Takes no sync lock. An older device's artwork files are read on the
  * first cover asked for and kept in the handle's folder (hostDir/Artwork);
  * later calls ask the device only for their sizes and times, and read again
- * a file that changed. Prints "block_size: 65536l" and "finish _CopyFile"
+ * a file that changed. What those files and the music database say is read
+ * once and kept in the process (for the two devices asked last) while none
+ * of them changes, so that the covers after the first cost no parse of the
+ * music database. Prints "block_size: 65536l" and "finish _CopyFile"
  * for each device file it reads.
  * @param track_id The track's "id" as the track lists give it (the
  *        library's 64-bit persistent id; an older device's track id).

@@ -9,8 +9,6 @@
 // --measure), so that nothing one turn read is still kept for the next.
 //
 //   bench_artwork [--tracks N] [--reps N]
-#include <gpod/itdb.h>
-
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -18,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "bare_parse.h"
 #include "bench_util.h"
 #include "images.h"
 #include "simulator.h"
@@ -58,11 +57,7 @@ int Measure(const std::string &what, const std::string &image, const std::string
     device = CreatePodDevice(kUdid);
     if (InitDevice(device, work.c_str()) != 0) return 1;
     if (what == "parse") {
-      const std::string media = image + "/media";
-      s = Seconds([&] {
-        Itdb_iTunesDB *db = itdb_parse(media.c_str(), nullptr);
-        if (db) itdb_free(db);
-      });
+      s = BareParseSeconds(image + "/media");
     } else {
       const std::vector<uint64_t> ids = CoveredTracks(device);
       if (ids.size() != kAlbums || TarnHoldConnection(device) != 0) return 1;
@@ -80,17 +75,13 @@ int Measure(const std::string &what, const std::string &image, const std::string
   return 0;
 }
 
-std::string Arg(int argc, char **argv, const char *name) {
-  for (int i = 1; i + 1 < argc; ++i)
-    if (std::strcmp(argv[i], name) == 0) return argv[i + 1];
-  return "";
-}
 
 }  // namespace
 
 int main(int argc, char **argv) try {
-  if (!Arg(argc, argv, "--measure").empty())
-    return Measure(Arg(argc, argv, "--measure"), Arg(argc, argv, "--image"), Arg(argc, argv, "--work"));
+  if (!TextOption(argc, argv, "--measure").empty())
+    return Measure(TextOption(argc, argv, "--measure"), TextOption(argc, argv, "--image"),
+                   TextOption(argc, argv, "--work"));
   const int reps = static_cast<int>(Option(argc, argv, "--reps", 5));
   const long tracks = Option(argc, argv, "--tracks", 50000);
 

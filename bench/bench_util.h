@@ -62,6 +62,14 @@ inline long Option(int argc, char **argv, const std::string &name, long fallback
   return fallback;
 }
 
+// The text after `name` on the command line, or "".
+inline std::string TextOption(int argc, char **argv, const std::string &name) {
+  for (int i = 1; i + 1 < argc; ++i) {
+    if (name == argv[i]) return argv[i + 1];
+  }
+  return "";
+}
+
 // The library prints its progress lines on stdout; while a measurement runs
 // they go to /dev/null so that they neither cost terminal time nor mix into
 // the table.

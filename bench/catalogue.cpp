@@ -9,8 +9,6 @@
 // floor and for the library.
 //
 //   bench_catalogue --image DIR [--reps N]
-#include <gpod/itdb.h>
-
 #include <cstring>
 #include <fstream>
 #include <map>
@@ -18,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "bare_parse.h"
 #include "bench_util.h"
 #include "images.h"
 #include "simulator.h"
@@ -37,11 +36,7 @@ int Measure(const std::string &what, const std::string &udid, const std::string 
     device = CreatePodDevice(udid.c_str());
     if (InitDevice(device, work.c_str()) != 0) return 1;
     if (what == "parse") {
-      const std::string media = image + "/media";
-      s = Seconds([&] {
-        Itdb_iTunesDB *db = itdb_parse(media.c_str(), nullptr);
-        if (db) itdb_free(db);
-      });
+      s = BareParseSeconds(image + "/media");
     } else {
       PodListFunction list = what == "music" ? GetMusicList : GetPlayList;
       s = Seconds([&] {
@@ -59,19 +54,14 @@ int Measure(const std::string &what, const std::string &udid, const std::string 
 }
 
 
-std::string Arg(int argc, char **argv, const char *name) {
-  for (int i = 1; i + 1 < argc; ++i) {
-    if (std::strcmp(argv[i], name) == 0) return argv[i + 1];
-  }
-  return "";
-}
 
 }  // namespace
 
 int main(int argc, char **argv) try {
-  const std::string image = Arg(argc, argv, "--image");
-  if (!Arg(argc, argv, "--measure").empty()) {
-    return Measure(Arg(argc, argv, "--measure"), Arg(argc, argv, "--udid"), image, Arg(argc, argv, "--work"));
+  const std::string image = TextOption(argc, argv, "--image");
+  if (!TextOption(argc, argv, "--measure").empty()) {
+    return Measure(TextOption(argc, argv, "--measure"), TextOption(argc, argv, "--udid"), image,
+                   TextOption(argc, argv, "--work"));
   }
   if (image.empty()) throw std::runtime_error("usage: bench_catalogue --image DIR [--reps N]");
   const int reps = static_cast<int>(Option(argc, argv, "--reps", 5));

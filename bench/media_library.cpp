@@ -92,16 +92,12 @@ int Measure(const std::string &what, const std::string &work) {
 }
 
 
-std::string Arg(int argc, char **argv, const char *name) {
-  for (int i = 1; i + 1 < argc; ++i)
-    if (std::strcmp(argv[i], name) == 0) return argv[i + 1];
-  return "";
-}
 
 }  // namespace
 
 int main(int argc, char **argv) try {
-  if (!Arg(argc, argv, "--measure").empty()) return Measure(Arg(argc, argv, "--measure"), Arg(argc, argv, "--work"));
+  if (!TextOption(argc, argv, "--measure").empty())
+    return Measure(TextOption(argc, argv, "--measure"), TextOption(argc, argv, "--work"));
   const int reps = static_cast<int>(Option(argc, argv, "--reps", 5));
   const long tracks = Option(argc, argv, "--tracks", 50000), assets = Option(argc, argv, "--assets", 20000);
 

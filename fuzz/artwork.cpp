@@ -71,7 +71,8 @@ void Build(Context &c) {
   c.artwork.sysinfo_extended = media + "/Device/SysInfoExtended";
   fs::create_directories(c.artwork.folder);
   for (const auto &entry : fs::directory_iterator(media + "/Artwork"))
-    if (entry.path().extension() == ".ithmb") fs::copy_file(entry.path(), c.artwork.folder + "/" + entry.path().filename().string());
+    if (entry.path().extension() == ".ithmb")
+      fs::copy_file(entry.path(), c.artwork.folder + "/" + entry.path().filename().string());
   const tarn::ItdbPtr db(tarn::m_itdb_parse_file(c.database.c_str(), nullptr));
   if (!db) std::abort();
   for (GList *t = db->tracks; t != nullptr; t = t->next) c.ids.push_back(static_cast<Itdb_Track *>(t->data)->id);

@@ -143,6 +143,27 @@ TEST_F(CatalogueTest, PictureWalkKeepsPictureExtensionsAnyCaseAndTriesOtherNames
   EXPECT_EQ(output, "GetUserPictureListFromDevice\n");
   const InfoRequests info = LoggedInfoRequests();
   EXPECT_EQ(info.locked, info.all) << "the walk ran without the sync lock";
+
+  // One folder's walk on its own, over an open connection: each missing
+  // argument is refused before anything is walked or added up.
+  ASSERT_EQ(TarnHoldConnection(device), 0);
+  afc_client_t afc = TarnHeldClient(device);
+  Plist items(plist_new_array());
+  uint64_t total = 0;
+  EXPECT_EQ(GetDirAllPicture(nullptr, items.get(), "/Photos/Thumbs", &total), 0);
+  EXPECT_EQ(TarnLastError()->code, TARN_E_INVALID_ARGUMENT);
+  EXPECT_EQ(GetDirAllPicture(afc, nullptr, "/Photos/Thumbs", &total), 0);
+  EXPECT_EQ(TarnLastError()->code, TARN_E_INVALID_ARGUMENT);
+  EXPECT_EQ(GetDirAllPicture(afc, items.get(), nullptr, &total), 0);
+  EXPECT_EQ(TarnLastError()->code, TARN_E_INVALID_ARGUMENT);
+  EXPECT_EQ(GetDirAllPicture(afc, items.get(), "/Photos/Thumbs", nullptr), 0);
+  EXPECT_EQ(TarnLastError()->code, TARN_E_INVALID_ARGUMENT);
+  EXPECT_EQ(plist_array_get_size(items.get()), 0u);
+  EXPECT_EQ(total, 0u);
+  EXPECT_EQ(GetDirAllPicture(afc, items.get(), "/Photos/Thumbs", &total), 0);
+  EXPECT_EQ(plist_array_get_size(items.get()), 7u);
+  EXPECT_EQ(total, 127u);
+  TarnReleaseConnection(device);
   ExpectIdle("the picture walk");
 }
 

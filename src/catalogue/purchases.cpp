@@ -19,10 +19,12 @@ namespace tarn {
 
 uint32_t GetPurchaseMusicListFromPlist(PodDevice *device, const char *path, plist_t items, uint64_t *total,
                                        PodPlistParser parser) {
+  // A size of 0 is also libplist's answer for no node and for one that is
+  // no dictionary.
   tarn::PlistPtr root = tarn::ParseHostPlist(path, parser);
-  if (!root || plist_get_node_type(root.get()) != PLIST_DICT || plist_dict_get_size(root.get()) == 0) return 0;
+  if (plist_dict_get_size(root.get()) == 0) return 0;
   plist_t purchases = plist_dict_get_item(root.get(), "contentInfoByXMLFilename");
-  if (plist_get_node_type(purchases) != PLIST_DICT || plist_dict_get_size(purchases) == 0) return 0;
+  if (plist_dict_get_size(purchases) == 0) return 0;
 
   // Held for the whole loop, so that the device does not sync the files
   // away while we size them.

@@ -149,6 +149,24 @@ TEST_F(HeldConnectionTest, AnUnpluggedPhoneEndsNoProgramThatKeepsSigpipesDefault
   ASSERT_EQ(::waitpid(child, &status, 0), child);
   EXPECT_TRUE(WIFEXITED(status)) << "ended by signal " << (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
   EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -1, 0);
+
+  // The signal is blocked only while the library works: calls, nested
+  // ones among them (the device information opens the music list's), leave
+  // the thread's mask as they found it, blocked or not.
+  sigset_t pipe_only;
+  sigemptyset(&pipe_only);
+  sigaddset(&pipe_only, SIGPIPE);
+  for (const bool blocked : {false, true}) {
+    SCOPED_TRACE(blocked);
+    ASSERT_EQ(pthread_sigmask(blocked ? SIG_BLOCK : SIG_UNBLOCK, &pipe_only, nullptr), 0);
+    plist_free(Quiet([&] { return GetDeviceInfo(device); }));
+    char **info = GetFileInfo(nullptr, "/DCIM");
+    FreeFileInfo(info);
+    sigset_t now;
+    ASSERT_EQ(pthread_sigmask(SIG_BLOCK, nullptr, &now), 0);
+    EXPECT_EQ(sigismember(&now, SIGPIPE) == 1, blocked);
+  }
+  ASSERT_EQ(pthread_sigmask(SIG_UNBLOCK, &pipe_only, nullptr), 0);
 }
 
 }  // namespace

@@ -146,6 +146,32 @@ TEST_F(UntrustedDeviceTest, FileInformationOfEveryShapeIsReadSlotBySlot) {
   ExpectIdle("file information of every shape");
 }
 
+// A cover whose file the device says is small but that keeps coming: the
+// copy stops at the bound a cover may have, whatever the device claimed,
+// and the host file stays as it was.
+TEST_F(UntrustedDeviceTest, ACoverThatDeliversMoreThanItsBoundIsNotCopied) {
+  image.Add(nlohmann::ordered_json::parse(R"({"media_library": {"tracks": [
+    {"id": "t", "title": "T", "artist": "A", "album": "B", "artwork": "jpeg", "artwork_size": 20000000}]}})"));
+  Start();
+  ASSERT_EQ(Quiet([&] { return InitDevice(device, image.host().c_str()); }), 0);
+  const std::unique_ptr<void, decltype(&plist_free)> music(Quiet([&] { return GetMusicList(device, 0, 0); }), &plist_free);
+  ASSERT_TRUE(music) << TarnLastError()->message;
+  uint64_t id = 0;
+  plist_get_uint_val(plist_dict_get_item(plist_array_get_item(plist_dict_get_item(music.get(), "item"), 0), "id"), &id);
+  g_info = [](const std::string &path) -> std::optional<Answer> {
+    if (Under(path, "/iTunes_Control/iTunes/Artwork/Originals"))
+      return Answer{AFC_E_SUCCESS, Strings{"st_ifmt", "S_IFREG", "st_size", "1000"}};
+    return std::nullopt;
+  };
+  const std::string cover = image.host("cover").string();
+  WriteAll(cover, "earlier");
+  EXPECT_EQ(Quiet([&] { return TarnCopyArtwork(device, id, cover.c_str()); }), 1);
+  EXPECT_EQ(TarnLastError()->code, TARN_E_DEVICE) << TarnLastError()->message;
+  EXPECT_NE(std::string(TarnLastError()->message).find("holds more than"), std::string::npos);
+  EXPECT_EQ(ReadAll(cover), "earlier");
+  ExpectIdle("the cover copy");
+}
+
 // The answers InitDevice weighs before it copies a database: a success
 // without any information (found by fuzzing: it was read as a vector) and
 // sizes of every shape. A database is taken when the device may hold

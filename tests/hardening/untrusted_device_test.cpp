@@ -154,7 +154,8 @@ TEST_F(UntrustedDeviceTest, ACoverThatDeliversMoreThanItsBoundIsNotCopied) {
     {"id": "t", "title": "T", "artist": "A", "album": "B", "artwork": "jpeg", "artwork_size": 20000000}]}})"));
   Start();
   ASSERT_EQ(Quiet([&] { return InitDevice(device, image.host().c_str()); }), 0);
-  const std::unique_ptr<void, decltype(&plist_free)> music(Quiet([&] { return GetMusicList(device, 0, 0); }), &plist_free);
+  const std::unique_ptr<void, decltype(&plist_free)> music(Quiet([&] { return GetMusicList(device, 0, 0); }),
+                                                           &plist_free);
   ASSERT_TRUE(music) << TarnLastError()->message;
   uint64_t id = 0;
   plist_get_uint_val(plist_dict_get_item(plist_array_get_item(plist_dict_get_item(music.get(), "item"), 0), "id"), &id);

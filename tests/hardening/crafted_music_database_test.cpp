@@ -162,6 +162,7 @@ TEST_F(CraftedMusicDatabaseTest, DamageThatLibgpodTakesOnTrustGivesNull) {
        }},
       {"more sections than the file holds", [](std::string &db) { PutLe32(db, 20, Le32(db, 20) + 1); }},
       {"a section of length 0", [](std::string &db) { PutLe32(db, Section(db, 1) + 8, 0); }},
+      {"a section header shorter than its fields", [](std::string &db) { PutLe32(db, Section(db, 1) + 4, 12); }},
       {"no track list", [](std::string &db) { std::memcpy(db.data() + Find(db, "mhlt"), "xxxx", 4); }},
       {"a track header shorter than its fields", [](std::string &db) { PutLe32(db, Find(db, "mhit") + 4, 0x90); }},
       {"smart rules without their tag", [](std::string &db) { db[Find(db, "SLst")] = 'X'; }},

@@ -89,6 +89,14 @@ TARN_API plist_t GetDeviceInfo(PodDevice *device) {
     tarn::SetError(TARN_E_INVALID_ARGUMENT, "No device handle was given.");
     return nullptr;
   }
+  // The music totals below parse the host copy of an older device's music
+  // database, which needs nothing of the device: the parse runs while the
+  // device is asked for its identity and storage, behind a secure session
+  // whose handshake libimobiledevice spends mostly asleep.
+  tarn::SharedMusicDatabase one_parse;
+  if (!tarn::MediaLibraryCopy(device)) {
+    if (const auto database = tarn::TrackDbCopy(device, tarn::kTrackDbCdb)) one_parse.ParseAhead(*database);
+  }
   tarn::LockdownSession session(device, "iPod");
   if (session.status() != tarn::LockdownSession::Status::kOk) return nullptr;
 

@@ -28,6 +28,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <future>
 #include <memory>
 #include <optional>
 #include <string>
@@ -321,20 +322,39 @@ SharedMusicDatabase::~SharedMusicDatabase() {
   if (active_) shared_parses = nullptr;
 }
 
+namespace {
+
+ItdbPtr Parse(const char *path) {
+  GError *error = nullptr;
+  ItdbPtr db(tarn::m_itdb_parse_file(path, &error));
+  const GErrorPtr owned_error(error);
+  return db;
+}
+
+}  // namespace
+
+void SharedMusicDatabase::ParseAhead(const std::string &path) {
+  if (!active_ || parsed_.count(path) != 0 || ahead_.count(path) != 0) return;
+  ahead_.emplace(path, std::async(std::launch::async, [path] { return Parse(path.c_str()); }));
+}
+
 MusicDatabase::MusicDatabase(const char *path) {
-  auto parse = [path] {
-    GError *error = nullptr;
-    ItdbPtr db(tarn::m_itdb_parse_file(path, &error));
-    GErrorPtr owned_error(error);
-    return db;
-  };
   if (shared_parses == nullptr || path == nullptr) {
-    owned_ = parse();
+    owned_ = Parse(path);
     db_ = owned_.get();
     return;
   }
   auto found = shared_parses->parsed_.find(path);
-  if (found == shared_parses->parsed_.end()) found = shared_parses->parsed_.emplace(path, parse()).first;
+  if (found == shared_parses->parsed_.end()) {
+    ItdbPtr db;
+    const auto ahead = shared_parses->ahead_.find(path);
+    if (ahead != shared_parses->ahead_.end()) {
+      db = ahead->second.get();
+      shared_parses->ahead_.erase(ahead);
+    }
+    if (!db) db = Parse(path);
+    found = shared_parses->parsed_.emplace(path, std::move(db)).first;
+  }
   db_ = found->second.get();
 }
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <future>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -50,12 +51,21 @@ class SharedMusicDatabase {
   SharedMusicDatabase(const SharedMusicDatabase &) = delete;
   SharedMusicDatabase &operator=(const SharedMusicDatabase &) = delete;
 
+  // Starts the parse of `path` on a thread of its own, for a call that has
+  // the device to talk to first: the readers on this thread take that parse
+  // when they come to it. Nothing when an outer one is in charge, or the
+  // file is parsed already. A parse that fails is made again by the reader,
+  // so that the reason is recorded on the caller's thread.
+  void ParseAhead(const std::string &path);
+
  private:
   friend class MusicDatabase;
   bool active_ = false;
   // A failed parse is kept too (as null): the file does not change within
   // the call, so parsing it again would fail again.
   std::map<std::string, ItdbPtr> parsed_;
+  // Declared last: destroyed first, each waiting for its parse.
+  std::map<std::string, std::future<ItdbPtr>> ahead_;
 };
 
 // Host copies of a device's artwork: its artwork folder (ArtworkDB beside

@@ -71,10 +71,8 @@ int Measure(const std::string &what, const std::string &image, const std::string
     }
     FreePodDevice(device);
   }
-  std::printf("%.6f %ld\n", s, PeakRssKib());
-  return 0;
+  return ReportSample(s);
 }
-
 
 }  // namespace
 

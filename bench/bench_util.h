@@ -176,6 +176,11 @@ struct Sample {
   double seconds = 0;
   long peak_kib = 0;
 };
+// The child's side: prints what RunChild reads, and gives the exit status.
+inline int ReportSample(double seconds) {
+  std::printf("%.6f %ld\n", seconds, PeakRssKib());
+  return 0;
+}
 inline Sample RunChild(const std::string &self, const std::vector<std::string> &args) {
   std::vector<char *> argv{const_cast<char *>(self.c_str())};
   for (auto &a : args) argv.push_back(const_cast<char *>(a.c_str()));

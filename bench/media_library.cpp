@@ -87,11 +87,8 @@ int Measure(const std::string &what, const std::string &work) {
     }
     FreePodDevice(device);
   }
-  std::printf("%.6f %ld\n", s, PeakRssKib());
-  return 0;
+  return ReportSample(s);
 }
-
-
 
 }  // namespace
 

@@ -20,8 +20,6 @@
 #include "input_file.h"
 #include "musicdb/music_database.h"
 
-extern char **environ;
-
 namespace {
 
 namespace fs = std::filesystem;

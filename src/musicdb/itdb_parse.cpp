@@ -335,7 +335,11 @@ ItdbPtr Parse(const char *path) {
 
 void SharedMusicDatabase::ParseAhead(const std::string &path) {
   if (!active_ || parsed_.count(path) != 0 || ahead_.count(path) != 0) return;
-  ahead_.emplace(path, std::async(std::launch::async, [path] { return Parse(path.c_str()); }));
+  try {
+    ahead_.emplace(path, std::async(std::launch::async, [path] { return Parse(path.c_str()); }));
+  } catch (const std::system_error &) {
+    // No thread to be had: the reader parses it when it comes to it.
+  }
 }
 
 MusicDatabase::MusicDatabase(const char *path) {
